@@ -1,0 +1,383 @@
+#include "app/KorvaneVelgar.h"
+
+#include "app/StatusMenu.h"
+#include "platform/DesktopNotifier.h"
+#include "platform/DistributedCenter.h"
+#include "platform/Log.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/StringTable.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QJsonObject>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
+namespace kv {
+namespace {
+
+std::string lowerCased(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
+// Removes the plain files of a folder; folders and links inside stay.
+void removePlainFiles(const std::string& folder)
+{
+    DIR* directory = ::opendir(folder.c_str());
+    if (!directory)
+        return;
+    while (const dirent* entry = ::readdir(directory)) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..")
+            continue;
+        const std::string path = folder + "/" + name;
+        struct stat info{};
+        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+            ::unlink(path.c_str());
+    }
+    ::closedir(directory);
+}
+
+} // namespace
+
+KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
+    : parts_(std::move(parts)), mainMenu_(parts_.mainMenu),
+      scanLog_(parts_.homeDirectory.empty() ? homeDirectory() : parts_.homeDirectory)
+{
+    if (!parts_.exitProcess) {
+        parts_.exitProcess = [](int status) {
+            std::fflush(stdout);
+            std::fflush(stderr);
+            ::_exit(status);
+        };
+    }
+    if (parts_.redirectToScanLog)
+        logAllToScanLog();
+}
+
+KorvaneVelgar::~KorvaneVelgar() = default;
+
+std::string KorvaneVelgar::localizedString(const std::string& key) const
+{
+    return parts_.strings ? parts_.strings->localizedString(key) : key;
+}
+
+void KorvaneVelgar::applicationDidFinishLaunching()
+{
+    growlFound = localizedString("FOUND");
+    growlRemoved = localizedString("REMOVED");
+    growlQuarantined = localizedString("QUARANTINED");
+    updateSuccessful = localizedString("SUCCESSFUL");
+    alreadyUpToDate = localizedString("ALREADY_UP_TO_DATE");
+    unknownError = localizedString("UNKNOWN_ERROR");
+
+    // Linux needs no minimum system for desktop notifications.
+    MacOSVersion = kMinimumNotificationSystem;
+    notificationsRegistered_ = MacOSVersion >= kMinimumNotificationSystem;
+
+    startWatcher(true);
+
+    if (const std::optional<std::string> dockIcon = parts_.velgarPrefs->string("ShowDockIcon")) {
+        const std::string choice = lowerCased(*dockIcon);
+        if ((choice == "true" || choice == "both") && parts_.panels) {
+            if (const int error = parts_.panels->transformToForegroundApplication(); error != 0)
+                nsLogf("Could not bring the application to front. Error %d", error);
+        }
+    }
+
+    if (parts_.distributedCenter) {
+        const bool observing =
+            parts_.distributedCenter->observe("KorvaneVelgarShouldRestart",
+                                              [this](const std::string&, const std::string&) { restartWatcher(); }) &&
+            parts_.distributedCenter->observe("KorvaneVelgarShouldQuit",
+                                              [this](const std::string&, const std::string&) { quit(); });
+        if (!observing)
+            nsLog("No D-Bus session bus: restart and quit requests cannot reach the agent");
+    }
+
+    startAfterSleep = false;
+}
+
+void KorvaneVelgar::startWatcher(bool update)
+{
+    if (!readPrefs()) {
+        displayDialog(Panel::NoEngine);
+        if (mainMenu_)
+            mainMenu_->enableMenuItems(StatusMenu::kDisabled);
+        return;
+    }
+    rotateLogFile();
+    watching_ = true;
+}
+
+void KorvaneVelgar::stopWatcher()
+{
+    watching_ = false;
+    if (mainMenu_)
+        mainMenu_->clearMenu();
+    watchedFolderList.clear();
+
+    theThrobberTempDir.reset();
+    clamPATH_.reset();
+    freshclamPATH_.reset();
+    freshclamLogLocation_.reset();
+    clamScanPATH_.reset();
+    theTempDirToWatch.reset();
+    std::lock_guard<std::mutex> guard(configMutex_);
+    quarantineLocation.clear();
+    quarantineOrTrash.clear();
+}
+
+void KorvaneVelgar::restartWatcher()
+{
+    nsLog("restartWatcher");
+    if (isWatching())
+        stopWatcher();
+    startWatcher(false);
+}
+
+void KorvaneVelgar::abortScans()
+{
+}
+
+void KorvaneVelgar::quit()
+{
+    if (isWatching())
+        stopWatcher();
+    if (parts_.distributedCenter)
+        parts_.distributedCenter->removeAllObservers();
+    if (clamd_.weLaunchedClamd()) {
+        nsLog("trying to quit clamd\n");
+        clamd_.clamdController().communicateWithSocket(clamd_.clamdSocket(), "QUIT");
+    }
+    if (parts_.distributedCenter)
+        parts_.distributedCenter->post("KorvaneVelgarHasQuit", "KorvaneVelgar");
+    parts_.exitProcess(0);
+}
+
+void KorvaneVelgar::modifyScannerCountBy(int32_t delta)
+{
+    throbberLock_.lock();
+    {
+        std::lock_guard<std::mutex> guard(scannerCountLock_);
+        scannerCount_ += delta;
+    }
+    throbberLock_.signal();
+    throbberLock_.unlock();
+}
+
+std::optional<std::string> KorvaneVelgar::stringPreference(const char* key) const
+{
+    const std::optional<QJsonValue> value = parts_.velgarPrefs->object(key);
+    if (!value)
+        return std::nullopt;
+    if (!value->isString()) {
+        nsLogf("The preference \"%s\" should hold a text; it is ignored", key);
+        return std::nullopt;
+    }
+    return value->toString().toStdString();
+}
+
+bool KorvaneVelgar::readPrefs()
+{
+    Preferences& prefs = *parts_.velgarPrefs;
+    prefs.addSuite(kMainAppBundleIdentifier);
+    prefs.synchronize();
+
+    clamPATH_ = stringPreference("PathToClamav");
+    const std::optional<std::string> updateLog = stringPreference("PathToUpdateLog");
+    if (!clamPATH_ || !updateLog)
+        noEnginePanic();
+
+    if (clamPATH_ && clamPATH_->starts_with(kMainAppPrefix) && pathExists(kMainAppFreshclam))
+        freshclamPATH_ = kMainAppFreshclam;
+    else if (clamPATH_)
+        freshclamPATH_ = *clamPATH_ + "/bin/freshclam";
+    else
+        freshclamPATH_.reset();
+
+    // Without an update log the updater runs without its log option.
+    freshclamLogLocation_ = updateLog ? std::optional<std::string>("--log=" + *updateLog) : std::nullopt;
+    clamScanPATH_ = clamPATH_ ? std::optional<std::string>(*clamPATH_ + "/bin/clamdscan") : std::nullopt;
+
+    // With no installation prefix there is no clamdscan to run and no
+    // daemon to launch: never guess one from an empty prefix.
+    if (!clamPATH_) {
+        nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
+        return false;
+    }
+
+    if (checkForClamd()) {
+        clamd_.setWeLaunchedClamd(false);
+    } else {
+        const std::string clamdPath = *clamPATH_ + "/sbin/clamd";
+        const std::string configPath = *clamPATH_ + "/etc/clamd.conf";
+        clamd_.setClamdPaths(clamdPath, configPath);
+        nsLog("clamd not running. Now trying to launch it...\n");
+        if (!pathExists(clamdPath)) {
+            nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
+            return false;
+        }
+        if (!launchClamd(clamdPath, configPath)) {
+            nsLog("clamd couldn't be launched.  Quitting now.\n");
+            clamd_.setWeLaunchedClamd(false);
+            return false;
+        }
+        nsLog("clamd launched successfully.  Continuing...\n");
+        clamd_.setWeLaunchedClamd(true);
+    }
+
+    std::string temporaryError;
+    const std::optional<std::string> temporaryFolder = temporaryDirectory(&temporaryError);
+    if (!temporaryFolder) {
+        nsLogf("The private temporary folder cannot be used: %s", temporaryError.c_str());
+        return false;
+    }
+    temporaryFolder_ = temporaryFolder;
+    prepareTemporaryFolders(*temporaryFolder);
+
+    const std::optional<QJsonValue> scanEmail = prefs.object("ScanEmail");
+    nsLog(!scanEmail || objectBoolValue(*scanEmail) ? "scan email files\n" : "do NOT scan email files\n");
+
+    if (const std::optional<QJsonValue> multiscan = prefs.object("multiscan");
+        multiscan && multiscan->isString() && multiscan->toString() == "yes") {
+        useMultiscan_ = true;
+        nsLog("Will use as many processor cores as possible for scanning\n");
+    } else {
+        useMultiscan_ = false;
+    }
+
+    std::string mode;
+    std::string location;
+    quarantineInfected_ = false;
+    deleteInfected_ = false;
+    if (prefs.boolean("VelgarTrashFiles")) {
+        nsLog("I will delete infected files\n");
+        deleteInfected_ = true;
+        mode = "T";
+    }
+    if (prefs.boolean("VelgarQuarantineFiles")) {
+        nsLog("I will quarantine infected files\n");
+        deleteInfected_ = false;
+        quarantineInfected_ = true;
+        mode = "Q";
+        location = "--move=";
+        if (const std::optional<QJsonValue> folder = prefs.object("QuarantineFolder")) {
+            QJsonValue path = *folder;
+            if (path.isObject())
+                path = path.toObject().value("path");
+            if (path.isString())
+                location += expandTilde(path.toString().toStdString());
+            else
+                nsLog("The preference \"QuarantineFolder\" holds no folder path; it is ignored");
+        }
+    }
+    {
+        std::lock_guard<std::mutex> guard(configMutex_);
+        quarantineOrTrash = mode;
+        quarantineLocation = location;
+    }
+
+    if (prefs.boolean("NeedsExit1FreshclamFlag"))
+        needsExit1FreshclamFlag_ = true;
+    if (prefs.boolean("UpdateDefsOnLaunch"))
+        updateDefsAtLaunch_ = true;
+
+    discernClamdSocketLocation();
+    return true;
+}
+
+void KorvaneVelgar::prepareTemporaryFolders(const std::string& temporaryFolder)
+{
+    // Plain concatenation: the temporary folder already ends in "/".
+    theTempDirToWatch = temporaryFolder + "/KorvaneVelgarII";
+    if (!pathExists(*theTempDirToWatch))
+        ::mkdir(theTempDirToWatch->c_str(), 0700);
+    theThrobberTempDir = *theTempDirToWatch + "/Throbber";
+    if (!pathExists(*theThrobberTempDir))
+        ::mkdir(theThrobberTempDir->c_str(), 0700);
+    removePlainFiles(*theThrobberTempDir);
+}
+
+void KorvaneVelgar::logAllToScanLog() { scanLog_.logAllToScanLog(); }
+
+void KorvaneVelgar::rotateLogFile()
+{
+    std::string error;
+    const std::optional<std::string> temporaryFolder = temporaryFolder_ ? temporaryFolder_ : temporaryDirectory(&error);
+    if (!temporaryFolder)
+        return;
+    scanLog_.rotateLogFile(parts_.velgarPrefs->object("rotateScanlogWhenSizeReaches"), *temporaryFolder);
+}
+
+bool KorvaneVelgar::checkForClamd() { return clamd_.checkForClamd(); }
+
+bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath)
+{
+    return clamd_.launchClamd(clamdPath, configPath);
+}
+
+bool KorvaneVelgar::clamdStillAlive() { return clamd_.clamdStillAlive(); }
+
+void KorvaneVelgar::recoverFromCrashedClamd() { clamd_.recoverFromCrashedClamd(); }
+
+void KorvaneVelgar::discernClamdSocketLocation() { clamd_.discernClamdSocketLocation(clamPATH_); }
+
+void KorvaneVelgar::noEnginePanic()
+{
+    displayGrowlDialog(kError, localizedString("CLAMDSCAN_ERROR"));
+    displayDialog(Panel::NoEngine);
+}
+
+bool KorvaneVelgar::displayGrowlDialog(int kind, const std::string& description)
+{
+    if (MacOSVersion < kMinimumNotificationSystem || !parts_.notifier || !parts_.notifier->isRunning())
+        return false;
+    DesktopNotification notification;
+    notification.description = description;
+    notification.sticky = true;
+    switch (kind) {
+    case kFound: notification.name = notification.title = growlFound; break;
+    case kQuarantined: notification.name = notification.title = growlQuarantined; break;
+    case kRemoved: notification.name = notification.title = growlRemoved; break;
+    case kUpdated:
+        notification.name = updateSuccessful;
+        notification.title = "Korvane Velgar";
+        break;
+    case kUpToDate:
+        notification.name = alreadyUpToDate;
+        notification.title = "Korvane Velgar";
+        break;
+    default:
+        notification.name = "Error";
+        notification.title = "Korvane Velgar";
+    }
+    return parts_.notifier->notify(notification);
+}
+
+void KorvaneVelgar::displayDialog(Panel panel)
+{
+    if (parts_.panels)
+        parts_.panels->displayDialog(panel);
+}
+
+std::string KorvaneVelgar::getQuarantineOrTrash() const
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    return quarantineOrTrash;
+}
+
+std::string KorvaneVelgar::getQuarantineLocation() const
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    return quarantineLocation;
+}
+
+} // namespace kv

@@ -1,0 +1,89 @@
+// The agent's entry point: builds the platform layers, hands them to the
+// controller and runs the event loop.
+
+#include "app/KorvaneVelgar.h"
+#include "platform/BusName.h"
+#include "platform/DBusDistributedCenter.h"
+#include "platform/FreedesktopNotifier.h"
+#include "platform/Log.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/StringTable.h"
+#include "ui/MainInterface.h"
+
+#include <QApplication>
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdlib>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+int terminationPipe[2] = {-1, -1};
+
+void onTerminationSignal(int)
+{
+    const char byte = 1;
+    const ssize_t written = ::write(terminationPipe[1], &byte, 1);
+    (void)written;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    // Without a display the agent still watches and scans; its panels and
+    // menu then live on Qt's offscreen platform.
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    QApplication application(argc, argv);
+    application.setQuitOnLastWindowClosed(false);
+    application.setApplicationName("Korvane Velgar");
+    application.setDesktopFileName(kv::KorvaneVelgar::kBundleIdentifier);
+
+    const std::string resources = kv::resourcesDirectory();
+    kv::StringTable strings;
+    strings.load(resources);
+    kv::JsonPreferences preferences(kv::KorvaneVelgar::kBundleIdentifier);
+    kv::DBusDistributedCenter distributedCenter;
+    kv::FreedesktopNotifier notifier;
+    kv::MainInterface mainInterface(resources);
+
+    kv::ControllerParts parts;
+    parts.velgarPrefs = &preferences;
+    parts.distributedCenter = &distributedCenter;
+    parts.notifier = &notifier;
+    parts.panels = &mainInterface;
+    parts.strings = &strings;
+    kv::KorvaneVelgar controller(parts);
+    mainInterface.setQuitAction([&controller] { controller.quit(); });
+
+    switch (kv::claimBusName(QDBusConnection::sessionBus(), kv::KorvaneVelgar::kBundleIdentifier)) {
+    case kv::BusNameResult::Taken:
+        kv::nsLog("Korvane Velgar is already running");
+        return 0;
+    case kv::BusNameResult::NoBus:
+        kv::nsLog("No D-Bus session bus: running without single-instance protection, desktop notifications and "
+                  "velgarctl requests");
+        break;
+    case kv::BusNameResult::Owned:
+        break;
+    }
+
+    // A termination request goes through the same orderly quit as a quit
+    // request from the main application.
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, terminationPipe) == 0) {
+        auto* notifierOfSignal = new QSocketNotifier(terminationPipe[0], QSocketNotifier::Read, &application);
+        QObject::connect(notifierOfSignal, &QSocketNotifier::activated, &controller, [&controller] { controller.quit(); });
+        std::signal(SIGTERM, onTerminationSignal);
+        std::signal(SIGINT, onTerminationSignal);
+    }
+
+    QTimer::singleShot(0, &controller, [&controller] { controller.applicationDidFinishLaunching(); });
+    return application.exec();
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+namespace kv {
+
+// One desktop notification as the agent hands it over.
+struct DesktopNotification {
+    std::string name;        // the notification's name ("Error", the localised "FOUND", ...)
+    std::string title;
+    std::string description;
+    bool sticky = true;      // stays until the user dismisses it
+};
+
+// The desktop's notification service. Callable from any thread.
+class DesktopNotifier {
+public:
+    virtual ~DesktopNotifier() = default;
+    // True when a notification service is there to take notifications.
+    virtual bool isRunning() = 0;
+    // Hands the notification over; true when it was sent.
+    virtual bool notify(const DesktopNotification& notification) = 0;
+};
+
+} // namespace kv

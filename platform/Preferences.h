@@ -1,0 +1,71 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QJsonValue>
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+// The boolean value of a stored object, by the rule the shared preferences
+// have always used: JSON true/false; a number is true when non-zero; a
+// string is true when, after leading blanks, an optional sign and leading
+// zeros, it starts with Y, y, T, t or a digit 1-9. Anything else is false.
+bool objectBoolValue(const QJsonValue& value);
+
+// The preferences the agent shares with the main application, read-only.
+// A key is looked up in the agent's own domain first, then in each added
+// suite in the order added. synchronize() re-reads everything from disk.
+//
+// Implementations are thread-safe: the main thread synchronises while worker
+// threads may read.
+class Preferences {
+public:
+    virtual ~Preferences() = default;
+
+    virtual void addSuite(const std::string& domain) = 0;
+    virtual void synchronize() = 0;
+    // The stored object under key, or nothing when no domain holds it.
+    virtual std::optional<QJsonValue> object(const std::string& key) const = 0;
+
+    // Typed reads. A value of another type reads as missing.
+    std::optional<std::string> string(const std::string& key) const;
+    std::optional<QJsonArray> array(const std::string& key) const;
+    // Missing reads as false.
+    bool boolean(const std::string& key) const;
+};
+
+// One JSON file per domain: <folder>/<domain>.json holding one JSON object.
+// A file that is not valid JSON counts as an empty domain and is logged once
+// per load with its path and the parser's message.
+class JsonPreferences : public Preferences {
+public:
+    // folder defaults to $XDG_CONFIG_HOME/korvane.
+    explicit JsonPreferences(std::string ownDomain, std::string folder = {});
+
+    void addSuite(const std::string& domain) override;
+    void synchronize() override;
+    std::optional<QJsonValue> object(const std::string& key) const override;
+
+    static std::string defaultFolder();
+    std::string pathOfDomain(const std::string& domain) const;
+
+private:
+    std::string folder_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> domains_;  // guarded by mutex_
+    std::vector<QJsonObject> contents_; // guarded by mutex_, parallel to domains_
+};
+
+// Reads one domain file. A missing file is an empty domain; a file that
+// cannot be parsed yields nothing and a message.
+std::optional<QJsonObject> readDomainFile(const std::string& path, std::string* error);
+
+// Writes a domain file atomically (temporary file in the same folder, then
+// rename), so a reader never sees half a file. Creates the folder if needed.
+bool writeDomainFile(const std::string& path, const QJsonObject& contents, std::string* error);
+
+} // namespace kv
