@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+namespace kv {
+
+// The dialogs a scanner raises for its findings, as the core sees them. The
+// desktop library loads them from their interface files on the main thread.
+//
+// Callable from a scanner's thread. Each call returns once the dialog has
+// been loaded and brought to the front (never waiting for the user), with
+// false when its interface file could not be loaded.
+class ScanAlerts {
+public:
+    virtual ~ScanAlerts() = default;
+
+    // "QuarantinedDialog" with its own text, owned by the named scanner. Its
+    // control opens quarantineFolder (hiding the owner's newest quarantine
+    // dialog first).
+    virtual bool showQuarantinedDialog(const std::string& ownerName, const std::string& quarantineFolder) = 0;
+
+    // "WarningDialog" with the finding's whole output line as its message,
+    // and a FileRemover that carries out the user's choice.
+    virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine) = 0;
+
+    // "QuarantinedDialog" used for an unreachable engine: the message
+    // replaces the dialog's own text and its action button, titled
+    // quitTitle, quits the agent.
+    virtual bool showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
+                                             const std::string& quitTitle) = 0;
+};
+
+} // namespace kv
