@@ -1,0 +1,189 @@
+#include "VelgarctlHarness.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QThread>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <sstream>
+
+namespace kv::test {
+namespace {
+
+const std::string kEicar = R"(X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*)";
+
+std::string configValue(const std::string& configText, const std::string& option)
+{
+    std::istringstream lines(configText);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind(option + " ", 0) == 0)
+            return line.substr(option.size() + 1);
+    }
+    return {};
+}
+
+bool anyClamdRuns()
+{
+    QProcess ps;
+    ps.start("/bin/ps", {"-axww", "-o", "command="});
+    ps.waitForFinished();
+    for (const QByteArray& line : ps.readAllStandardOutput().split('\n')) {
+        const QByteArray program = line.trimmed().split(' ').first();
+        if (program == "clamd" || program.endsWith("/clamd"))
+            return true;
+    }
+    return false;
+}
+
+// Stops a clamd when the test ends, however it ends, and waits until it has
+// removed its socket, so the next test finds no daemon running.
+class DaemonGuard {
+public:
+    DaemonGuard(std::string pidFile, std::string socket) : pidFile_(std::move(pidFile)), socket_(std::move(socket)) {}
+    ~DaemonGuard()
+    {
+        const pid_t pid = static_cast<pid_t>(std::atoi(readFile(pidFile_).c_str()));
+        if (pid <= 0 || ::kill(pid, SIGTERM) != 0)
+            return;
+        for (int i = 0; i < 100 && QFile::exists(QString::fromStdString(socket_)); ++i)
+            QThread::msleep(50);
+    }
+
+private:
+    std::string pidFile_;
+    std::string socket_;
+};
+
+class VelgarctlSetup : public VelgarctlTest {
+protected:
+    QJsonObject suitePreferences() const
+    {
+        return QJsonDocument::fromJson(QByteArray::fromStdString(readFile(domainFile("com.korvane.Korvane")))).object();
+    }
+    void writeSuitePreferences(const QJsonObject& preferences) const
+    {
+        QDir().mkpath(QString::fromStdString(configFolder()));
+        writeFile(domainFile("com.korvane.Korvane"), QJsonDocument(preferences).toJson().toStdString());
+    }
+    // A prefix whose database already has definitions: setup skips freshclam.
+    std::string prefixWithDefinitions(const std::string& name = "engine") const
+    {
+        const std::string prefix = home() + "/" + name;
+        QDir().mkpath(QString::fromStdString(prefix + "/db"));
+        writeFile(prefix + "/db/korvane-test.ndb", readFile(TEST_DEFINITIONS_PATH));
+        return prefix;
+    }
+};
+
+TEST_F(VelgarctlSetup, OfflineSetupBuildsPrefixWithTestDefinitionsAndRunsAgainQuietly)
+{
+    // Downloads fail the same way on machines that do have a network.
+    ::setenv("http_proxy", "http://127.0.0.1:9", 1);
+    ::setenv("https_proxy", "http://127.0.0.1:9", 1);
+    writeSuitePreferences({{"SomeOtherKey", 5}, {"PathToUpdateLog", "/elsewhere/update.log"}});
+
+    const CommandResult first = runVelgarctl({"setup"}, 90000);
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_NE(first.out.find("will only detect the EICAR test file until real definitions are downloaded"),
+              std::string::npos) << first.out;
+
+    const std::string prefix = home() + "/.local/share/korvane/clamav";
+    EXPECT_EQ(QFile::symLinkTarget(QString::fromStdString(prefix + "/sbin/clamd")), "/usr/sbin/clamd");
+    for (const std::string program : {"clamdscan", "freshclam"}) {
+        const std::string config = prefix + "/etc/" + (program == "clamdscan" ? "clamd" : program) + ".conf";
+        EXPECT_EQ(readFile(prefix + "/bin/" + program), "#!/bin/sh\nexec /usr/bin/" + program + " --config-file=" + config + " \"$@\"\n");
+        EXPECT_EQ(QFile::permissions(QString::fromStdString(prefix + "/bin/" + program)) & 0x0777, 0x0755);
+    }
+    const std::string clamdConfig = readFile(prefix + "/etc/clamd.conf");
+    EXPECT_LE(configValue(clamdConfig, "LocalSocket").size(), 104u);
+    EXPECT_FALSE(configValue(clamdConfig, "LocalSocket").empty());
+    EXPECT_EQ(configValue(clamdConfig, "DatabaseDirectory"), prefix + "/db");
+    EXPECT_EQ(clamdConfig.find("\nUser "), std::string::npos);
+    EXPECT_FALSE(readFile(prefix + "/db/korvane-test.ndb").empty());
+
+    const QJsonObject preferences = suitePreferences();
+    EXPECT_EQ(preferences.value("PathToClamav").toString().toStdString(), prefix);
+    EXPECT_EQ(preferences.value("PathToUpdateLog").toString(), "/elsewhere/update.log");
+    EXPECT_EQ(preferences.value("SomeOtherKey").toInt(), 5);
+    const QJsonArray downloads{QJsonObject{{"pathName", QString::fromStdString(home() + "/Downloads")}, {"WatchSubdirs", true}}};
+    EXPECT_EQ(preferences.value("VelgarFolderArray").toArray(), downloads);
+    EXPECT_TRUE(QDir(QString::fromStdString(home() + "/Downloads")).exists());
+
+    const auto before = snapshotFiles(home());
+    const auto start = std::chrono::steady_clock::now();
+    const CommandResult second = runVelgarctl({"setup"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_EQ(snapshotFiles(home()), before);
+}
+
+TEST_F(VelgarctlSetup, OptionsReplaceTheirKeysAndKeepTheRest)
+{
+    writeSuitePreferences({{"PathToClamav", "/old/prefix"},
+                           {"PathToUpdateLog", "/elsewhere/update.log"},
+                           {"VelgarFolderArray", QJsonArray{QJsonObject{{"pathName", "/old"}, {"WatchSubdirs", true}}}}});
+    const std::string prefix = prefixWithDefinitions();
+    QDir().mkpath(QString::fromStdString(home() + "/a"));
+    QDir().mkpath(QString::fromStdString(home() + "/b"));
+
+    const CommandResult result =
+        runVelgarctl({"setup", "--prefix", prefix, "--watch", home() + "/a", "--watch=" + home() + "/b", "--no-subdirs"});
+    ASSERT_EQ(result.status, 0) << result.err;
+
+    const QJsonObject preferences = suitePreferences();
+    EXPECT_EQ(preferences.value("PathToClamav").toString().toStdString(), prefix);
+    EXPECT_EQ(preferences.value("PathToUpdateLog").toString(), "/elsewhere/update.log");
+    const QJsonArray expected{QJsonObject{{"pathName", QString::fromStdString(home() + "/a")}, {"WatchSubdirs", false}},
+                              QJsonObject{{"pathName", QString::fromStdString(home() + "/b")}, {"WatchSubdirs", false}}};
+    EXPECT_EQ(preferences.value("VelgarFolderArray").toArray(), expected);
+
+    // A prefix holding an engine setup did not build is refused untouched.
+    const std::string foreign = home() + "/foreign";
+    QDir().mkpath(QString::fromStdString(foreign + "/bin"));
+    writeFile(foreign + "/bin/clamdscan", "#!/bin/sh\necho a real installation\n");
+    const CommandResult refused = runVelgarctl({"setup", "--prefix", foreign});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(snapshotFiles(foreign), (std::map<std::string, std::string>{{"/bin/clamdscan", "#!/bin/sh\necho a real installation\n"}}));
+    EXPECT_EQ(suitePreferences(), preferences);
+}
+
+TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixReachesIt)
+{
+    if (anyClamdRuns())
+        GTEST_SKIP() << "a clamd already runs; setup would point the prefix at it";
+    const std::string prefix = prefixWithDefinitions();
+    ASSERT_EQ(runVelgarctl({"setup", "--prefix", prefix}).status, 0);
+    const std::string socket = configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket");
+    ASSERT_EQ(QProcess::execute(QString::fromStdString(prefix + "/sbin/clamd"),
+                                {"-c", QString::fromStdString(prefix + "/etc/clamd.conf")}), 0);
+    DaemonGuard daemon(prefix + "/run/clamd.pid", socket);
+
+    // To a second prefix that daemon is someone else's: its clients must
+    // reach it, though its own socket would be elsewhere.
+    const std::string second = prefixWithDefinitions("second");
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ASSERT_EQ(runVelgarctl({"setup", "--prefix", second}).status, 0);
+    EXPECT_EQ(configValue(readFile(second + "/etc/clamd.conf"), "LocalSocket"), socket);
+
+    writeFile(home() + "/eicar.com", kEicar);
+    writeFile(home() + "/clean.txt", "nothing to see\n");
+    writeFile(home() + "/list", home() + "/eicar.com\n" + home() + "/clean.txt\n");
+    for (const std::string& clamdscan : {prefix + "/bin/clamdscan", second + "/bin/clamdscan"}) {
+        SCOPED_TRACE(clamdscan);
+        QProcess scan;
+        scan.start(QString::fromStdString(clamdscan), {"--stdout", QString::fromStdString("--file-list=" + home() + "/list")});
+        ASSERT_TRUE(scan.waitForFinished(30000));
+        const std::string output = scan.readAllStandardOutput().toStdString();
+        EXPECT_EQ(scan.exitCode(), 1) << output;
+        EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
+        EXPECT_NE(output.find(home() + "/clean.txt: OK\n"), std::string::npos) << output;
+    }
+}
+
+} // namespace
+} // namespace kv::test

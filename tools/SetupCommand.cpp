@@ -1,0 +1,195 @@
+#include "tools/SetupCommand.h"
+
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "tools/CommandStatus.h"
+#include "tools/DefaultsCommand.h"
+#include "tools/EngineSetup.h"
+#include "tools/RunningClamd.h"
+
+#include <QDir>
+#include <QJsonArray>
+
+#include <algorithm>
+#include <chrono>
+
+namespace kv {
+namespace {
+
+const char* const kSuiteDomain = "com.korvane.Korvane";
+const char* const kDefaultUpdateLog = "~/Library/Logs/KorvaneVelgar-update.log";
+const char* const kDefaultWatchFolder = "~/Downloads";
+constexpr std::chrono::seconds kFreshclamLimit{60};
+
+std::string absolutePath(const std::string& text)
+{
+    const QString expanded = QString::fromStdString(expandTilde(text));
+    return QDir::cleanPath(QDir::current().absoluteFilePath(expanded)).toStdString();
+}
+
+std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+QJsonObject watchRecord(const std::string& folder, bool watchSubdirs)
+{
+    return QJsonObject{{"pathName", QString::fromStdString(folder)}, {"WatchSubdirs", watchSubdirs}};
+}
+
+// The socket the prefix's clamd.conf names. Where another clamd (the
+// distribution's) already runs, the agent will find that daemon and never
+// launch its own, so the prefix's clients must reach that daemon.
+std::string chooseSocket(const EngineSetup& engine)
+{
+    const std::optional<RunningClamd> other = findRunningOtherClamd(engine.prefix());
+    if (!other)
+        return engine.ownSocketPath();
+    const std::optional<std::string> socket = readLocalSocket(other->configFile);
+    if (socket && socket->size() <= EngineSetup::kMaxSocketPathBytes) {
+        printLine("A clamd already runs (" + other->commandLine + "); the engine prefix uses its socket " + *socket + ".");
+        return *socket;
+    }
+    printLine("A clamd already runs (" + other->commandLine + ") but " + other->configFile +
+              " names no usable local socket; the engine prefix keeps its own.");
+    return engine.ownSocketPath();
+}
+
+} // namespace
+
+SetupCommand::SetupCommand(std::string preferencesFolder) : preferencesFolder_(std::move(preferencesFolder)) {}
+
+int SetupCommand::parse(const std::vector<std::string>& arguments, Options* options) const
+{
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        std::string option = argument;
+        std::optional<std::string> value;
+        if (const size_t equals = argument.find('='); argument.rfind("--", 0) == 0 && equals != std::string::npos) {
+            option = argument.substr(0, equals);
+            value = argument.substr(equals + 1);
+        }
+        if (option == "--no-subdirs" && !value) {
+            options->watchSubdirs = false;
+            continue;
+        }
+        if (option != "--prefix" && option != "--watch")
+            return reportBadInput("setup: unknown option \"" + argument + "\"");
+        if (!value) {
+            if (i + 1 >= arguments.size())
+                return reportBadInput("setup: " + option + " needs a folder");
+            value = arguments[++i];
+        }
+        if (value->empty())
+            return reportBadInput("setup: " + option + " needs a folder");
+        if (option == "--prefix") {
+            if (options->prefix)
+                return reportBadInput("setup: --prefix given twice");
+            options->prefix = absolutePath(*value);
+            continue;
+        }
+        const std::string folder = absolutePath(*value);
+        if (!QDir(QString::fromStdString(folder)).exists())
+            return reportBadInput("setup: --watch " + *value + ": no such folder");
+        if (std::find(options->watchFolders.begin(), options->watchFolders.end(), folder) == options->watchFolders.end())
+            options->watchFolders.push_back(folder);
+    }
+    return kExitSuccess;
+}
+
+int SetupCommand::run(const std::vector<std::string>& arguments)
+{
+    Options options;
+    if (const int status = parse(arguments, &options); status != kExitSuccess)
+        return status;
+
+    const std::string preferencesPath = DefaultsCommand(preferencesFolder_).pathOfDomain(kSuiteDomain);
+    std::string error;
+    std::optional<QJsonObject> preferences = readDomainFile(preferencesPath, &error);
+    if (!preferences)
+        return reportBadInput(preferencesPath + " is not a valid preferences file (" + error + "); leaving it untouched");
+
+    // Without --prefix, rebuild the prefix the preferences already name, so
+    // that setup run twice works on one prefix.
+    std::string prefix;
+    const QJsonValue known = preferences->value("PathToClamav");
+    if (options.prefix)
+        prefix = *options.prefix;
+    else if (known.isString() && !known.toString().isEmpty())
+        prefix = absolutePath(known.toString().toStdString());
+    else
+        prefix = joinPath(dataHome(), "korvane/clamav");
+
+    EngineSetup engine(prefix);
+    if (const std::string foreign = engine.foreignFile(); !foreign.empty()) {
+        if (options.prefix)
+            return reportBadInput("setup: " + foreign + " was not made by velgarctl setup; choose another --prefix");
+        printLine("PathToClamav names an engine installation that velgarctl did not build (" + foreign +
+                  "); leaving it as it is.");
+    } else if (const int status = buildEngine(engine); status != kExitSuccess) {
+        return status;
+    }
+
+    QJsonObject updated = *preferences;
+    updatePreferences(options, prefix, &updated);
+    if (updated != *preferences && !writeDomainFile(preferencesPath, updated, &error))
+        return reportFailure("cannot write " + preferencesPath + ": " + error);
+    printLine("Preferences: " + preferencesPath);
+    return kExitSuccess;
+}
+
+int SetupCommand::buildEngine(const EngineSetup& engine) const
+{
+    const std::string socket = chooseSocket(engine);
+    std::string error;
+    if (!engine.install(socket, &error))
+        return reportFailure("setup: " + error);
+    printLine("Engine prefix: " + engine.prefix() + " (clamd socket " + socket + ")");
+
+    const std::string freshclam = engine.path("bin/freshclam");
+    if (engine.hasOnlyTestDefinitions()) {
+        printLine("Only the test definitions are installed: Korvane Velgar will only detect the EICAR test file "
+                  "until real definitions are downloaded (run " + freshclam + ").");
+        return kExitSuccess;
+    }
+    if (engine.hasDefinitions())
+        return kExitSuccess;
+
+    printLine("Downloading virus definitions with freshclam...");
+    const EngineSetup::FreshclamRun run = engine.runFreshclam(kFreshclamLimit);
+    if (run.timedOut)
+        printLine("freshclam did not finish within " + std::to_string(kFreshclamLimit.count()) + " seconds; stopped it.");
+    else if (run.status != 0)
+        printLine("freshclam failed (status " + std::to_string(run.status) + (run.lastLine.empty() ? "" : ": " + run.lastLine) +
+                  "); its log is " + engine.path("log/freshclam.log"));
+    if (engine.hasDefinitions())
+        return kExitSuccess;
+
+    if (!engine.installTestDefinitions(&error))
+        return reportFailure("setup: " + error);
+    printLine("No virus definitions could be downloaded, so the bundled test definitions are installed: Korvane Velgar "
+              "will only detect the EICAR test file until real definitions are downloaded (run " + freshclam + ").");
+    return kExitSuccess;
+}
+
+void SetupCommand::updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const
+{
+    if (options.prefix || !preferences->contains("PathToClamav"))
+        preferences->insert("PathToClamav", QString::fromStdString(prefix));
+
+    if (!preferences->contains("PathToUpdateLog"))
+        preferences->insert("PathToUpdateLog", QString::fromStdString(expandTilde(kDefaultUpdateLog)));
+    const QJsonValue updateLog = preferences->value("PathToUpdateLog");
+    if (updateLog.isString() && updateLog.toString().contains('/'))
+        makeDirectories(folderOf(expandTilde(updateLog.toString().toStdString())));
+
+    if (!options.watchFolders.empty()) {
+        QJsonArray folders;
+        for (const std::string& folder : options.watchFolders)
+            folders.append(watchRecord(folder, options.watchSubdirs));
+        preferences->insert("VelgarFolderArray", folders);
+    } else if (!preferences->contains("VelgarFolderArray")) {
+        const std::string downloads = expandTilde(kDefaultWatchFolder);
+        makeDirectories(downloads);
+        preferences->insert("VelgarFolderArray", QJsonArray{watchRecord(downloads, options.watchSubdirs)});
+    }
+}
+
+} // namespace kv

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QJsonObject>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+class EngineSetup;
+
+// `velgarctl setup [--prefix DIR] [--watch DIR]... [--no-subdirs]`: builds
+// the per-user engine prefix (see EngineSetup), makes sure it has virus
+// definitions, and writes the main application's preferences the agent reads
+// at start: "PathToClamav", "PathToUpdateLog" and "VelgarFolderArray".
+//
+// Keys already present are kept unless the matching option was given
+// (--prefix for PathToClamav, --watch for VelgarFolderArray). Everything is
+// checked before anything is written, and running it again is quick and
+// changes nothing.
+class SetupCommand {
+public:
+    // preferencesFolder: where the domain files live; the user's preferences
+    // folder when empty.
+    explicit SetupCommand(std::string preferencesFolder = {});
+
+    // arguments: everything after "setup". Returns the exit status.
+    int run(const std::vector<std::string>& arguments);
+
+private:
+    struct Options {
+        std::optional<std::string> prefix;
+        std::vector<std::string> watchFolders;
+        bool watchSubdirs = true;
+    };
+
+    // Fills *options; on bad input returns the exit status to end with.
+    int parse(const std::vector<std::string>& arguments, Options* options) const;
+    // Builds the prefix and its definitions; reports progress on standard output.
+    int buildEngine(const EngineSetup& engine) const;
+    void updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const;
+
+    std::string preferencesFolder_;
+};
+
+} // namespace kv
