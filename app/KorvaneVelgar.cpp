@@ -1,22 +1,32 @@
 #include "app/KorvaneVelgar.h"
 
+#include "app/DialogListEntry.h"
 #include "app/StatusMenu.h"
+#include "platform/BusName.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/StringTable.h"
+#include "scan/TrashInfo.h"
+#include "platform/Workspace.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QDBusServiceWatcher>
+#include <QJsonArray>
 #include <QJsonObject>
+#include <QTimer>
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <memory>
 
 namespace kv {
 namespace {
@@ -49,7 +59,10 @@ void removePlainFiles(const std::string& folder)
 
 KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
     : parts_(std::move(parts)), mainMenu_(parts_.mainMenu),
-      scanLog_(parts_.homeDirectory.empty() ? homeDirectory() : parts_.homeDirectory)
+      scanLog_(parts_.homeDirectory.empty() ? homeDirectory() : parts_.homeDirectory),
+      theDispatcher_(parts_.dispatcherPause ? parts_.dispatcherPause
+                                            : Dispatcher::Pause([] { std::this_thread::sleep_for(std::chrono::seconds(1)); })),
+      gfsLogger_(theDispatcher_)
 {
     if (!parts_.exitProcess) {
         parts_.exitProcess = [](int status) {
@@ -58,11 +71,33 @@ KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
             ::_exit(status);
         };
     }
+    firstPatientScanner_.setMyName("firstPatientScanner");
+    firstPatientScanner_.setController(this);
+    secondPatientScanner_.setMyName("secondPatientScanner");
+    secondPatientScanner_.setController(this);
     if (parts_.redirectToScanLog)
         logAllToScanLog();
 }
 
-KorvaneVelgar::~KorvaneVelgar() = default;
+KorvaneVelgar::~KorvaneVelgar()
+{
+    if (permanentThreads_.empty())
+        return;
+    theDispatcher_.requestStop();
+    firstPatientScanner_.requestStop();
+    secondPatientScanner_.requestStop();
+    for (std::thread& thread : permanentThreads_)
+        thread.join();
+}
+
+void KorvaneVelgar::startPermanentThreads()
+{
+    if (!permanentThreads_.empty())
+        return;
+    permanentThreads_.emplace_back([this] { theDispatcher_.mainLoop(); });
+    permanentThreads_.emplace_back([this] { firstPatientScanner_.mainLoop(); });
+    permanentThreads_.emplace_back([this] { secondPatientScanner_.mainLoop(); });
+}
 
 std::string KorvaneVelgar::localizedString(const std::string& key) const
 {
@@ -71,17 +106,12 @@ std::string KorvaneVelgar::localizedString(const std::string& key) const
 
 void KorvaneVelgar::applicationDidFinishLaunching()
 {
-    growlFound = localizedString("FOUND");
-    growlRemoved = localizedString("REMOVED");
-    growlQuarantined = localizedString("QUARANTINED");
-    updateSuccessful = localizedString("SUCCESSFUL");
-    alreadyUpToDate = localizedString("ALREADY_UP_TO_DATE");
-    unknownError = localizedString("UNKNOWN_ERROR");
+    // The permanent threads, the indicator first.
+    if (mainMenu_)
+        mainMenu_->startIndicator(*this);
+    startPermanentThreads();
 
-    // Linux needs no minimum system for desktop notifications.
-    MacOSVersion = kMinimumNotificationSystem;
-    notificationsRegistered_ = MacOSVersion >= kMinimumNotificationSystem;
-
+    prepareNotifications();
     startWatcher(true);
 
     if (const std::optional<std::string> dockIcon = parts_.velgarPrefs->string("ShowDockIcon")) {
@@ -105,6 +135,20 @@ void KorvaneVelgar::applicationDidFinishLaunching()
     startAfterSleep = false;
 }
 
+void KorvaneVelgar::prepareNotifications()
+{
+    growlFound = localizedString("FOUND");
+    growlRemoved = localizedString("REMOVED");
+    growlQuarantined = localizedString("QUARANTINED");
+    updateSuccessful = localizedString("SUCCESSFUL");
+    alreadyUpToDate = localizedString("ALREADY_UP_TO_DATE");
+    unknownError = localizedString("UNKNOWN_ERROR");
+
+    // Linux needs no minimum system for desktop notifications.
+    MacOSVersion = kMinimumNotificationSystem;
+    notificationsRegistered_ = MacOSVersion >= kMinimumNotificationSystem;
+}
+
 void KorvaneVelgar::startWatcher(bool update)
 {
     if (!readPrefs()) {
@@ -114,12 +158,51 @@ void KorvaneVelgar::startWatcher(bool update)
         return;
     }
     rotateLogFile();
-    watching_ = true;
+    setScanParameters();
+    firstPatientScanner_.setMenuAndParams(scanParameters_);
+    secondPatientScanner_.setMenuAndParams(scanParameters_);
+    createMoveDestinations();
+    populateMenu();
+    gfsLogger_.setWatchList(std::make_shared<const WatchList>(watchedFolderList, checkSubDirs,
+                                                              WatchList::quarantineDirFrom(*parts_.velgarPrefs)));
+    if (!gfsLogger_.isWatching())
+        gfsLogger_.start(*this);
+}
+
+void KorvaneVelgar::setScanParameters()
+{
+    trashLocation_ = "--move=" + trashFilesFolder();
+    std::vector<std::string> arguments;
+    if (clamScanPATH_)
+        arguments.push_back(*clamScanPATH_);
+    if (quarantineInfected_)
+        arguments.push_back(getQuarantineLocation());
+    else if (deleteInfected_)
+        arguments.push_back(trashLocation_);
+    if (useMultiscan_)
+        arguments.push_back("--multiscan");
+    arguments.push_back("--stdout");
+    if (!clamScanPATH_ || ::access(clamScanPATH_->c_str(), R_OK) != 0)
+        displayDialog(Panel::NoEngine);
+    scanParameters_ = ScanParameters{mainMenu_, std::move(arguments)};
+}
+
+void KorvaneVelgar::createMoveDestinations()
+{
+    // clamdscan refuses to scan at all when its move folder is missing, so
+    // an infected file would stay where it is: make the folder first.
+    if (quarantineInfected_) {
+        const std::string folder = getQuarantineLocation().substr(7);
+        if (!folder.empty() && !pathExists(folder) && !makeDirectories(folder, 0700))
+            nsLogf("The quarantine folder %s cannot be created", folder.c_str());
+    } else if (deleteInfected_ && !ensureTrashFolders()) {
+        nsLogf("The Trash folder %s cannot be created", trashFolder().c_str());
+    }
 }
 
 void KorvaneVelgar::stopWatcher()
 {
-    watching_ = false;
+    gfsLogger_.stopWatching();
     if (mainMenu_)
         mainMenu_->clearMenu();
     watchedFolderList.clear();
@@ -130,9 +213,54 @@ void KorvaneVelgar::stopWatcher()
     freshclamLogLocation_.reset();
     clamScanPATH_.reset();
     theTempDirToWatch.reset();
+    scanParameters_ = ScanParameters{};
     std::lock_guard<std::mutex> guard(configMutex_);
     quarantineLocation.clear();
     quarantineOrTrash.clear();
+}
+
+void KorvaneVelgar::populateMenu()
+{
+    Preferences& prefs = *parts_.velgarPrefs;
+    prefs.synchronize();
+    if (mainMenu_)
+        mainMenu_->clearMenu();
+    watchedFolderList.clear();
+    checkSubDirs.clear();
+
+    const std::optional<QJsonArray> folders = prefs.array("VelgarFolderArray");
+    const int count = folders ? static_cast<int>(folders->size()) : 0;
+    if (mainMenu_)
+        mainMenu_->setNumItemsToWatch(count);
+    for (int index = 0; index < count; ++index) {
+        const QJsonObject record = folders->at(index).toObject();
+        const std::string path = expandTilde(record.value("pathName").toString().toStdString());
+        // Every record gets its entry, whether its path exists or not.
+        if (mainMenu_)
+            mainMenu_->addToMenu(path, path);
+        addToWatchList(path, objectBoolValue(record.value("WatchSubdirs")));
+    }
+    // Observing volume mounts (for newVolumeAppeared) starts here once the
+    // agent handles mounted volumes; stopWatcher() will end it again.
+}
+
+void KorvaneVelgar::addToWatchList(const std::string& path, bool subdirs)
+{
+    struct stat info{};
+    if (::stat(path.c_str(), &info) == 0) {
+        std::string entry = path;
+        if (S_ISDIR(info.st_mode)) {
+            // Exactly one "/", so that a prefix test matches only paths inside.
+            while (entry.size() > 1 && entry.back() == '/')
+                entry.pop_back();
+            if (entry != "/")
+                entry += '/';
+        }
+        watchedFolderList.push_back(entry);
+        checkSubDirs[entry] = subdirs;
+    }
+    if (mainMenu_)
+        mainMenu_->setReady();
 }
 
 void KorvaneVelgar::restartWatcher()
@@ -145,6 +273,29 @@ void KorvaneVelgar::restartWatcher()
 
 void KorvaneVelgar::abortScans()
 {
+    theDispatcher_.abortScans();
+    // Only the agent's own clients: a scan the user runs by hand goes on.
+    std::lock_guard<std::mutex> guard(scanClientsMutex_);
+    for (const pid_t pid : scanClients_)
+        ::kill(pid, SIGKILL);
+}
+
+void KorvaneVelgar::registerScanClient(pid_t pid)
+{
+    std::lock_guard<std::mutex> guard(scanClientsMutex_);
+    scanClients_.insert(pid);
+}
+
+void KorvaneVelgar::unregisterScanClient(pid_t pid)
+{
+    std::lock_guard<std::mutex> guard(scanClientsMutex_);
+    scanClients_.erase(pid);
+}
+
+std::optional<std::string> KorvaneVelgar::temporaryFolder() const
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    return temporaryFolder_;
 }
 
 void KorvaneVelgar::quit()
@@ -240,7 +391,10 @@ bool KorvaneVelgar::readPrefs()
         nsLogf("The private temporary folder cannot be used: %s", temporaryError.c_str());
         return false;
     }
-    temporaryFolder_ = temporaryFolder;
+    {
+        std::lock_guard<std::mutex> guard(configMutex_);
+        temporaryFolder_ = temporaryFolder;
+    }
     prepareTemporaryFolders(*temporaryFolder);
 
     const std::optional<QJsonValue> scanEmail = prefs.object("ScanEmail");
@@ -311,10 +465,13 @@ void KorvaneVelgar::logAllToScanLog() { scanLog_.logAllToScanLog(); }
 void KorvaneVelgar::rotateLogFile()
 {
     std::string error;
-    const std::optional<std::string> temporaryFolder = temporaryFolder_ ? temporaryFolder_ : temporaryDirectory(&error);
+    std::optional<std::string> temporaryFolder = this->temporaryFolder();
+    if (!temporaryFolder)
+        temporaryFolder = temporaryDirectory(&error);
     if (!temporaryFolder)
         return;
-    scanLog_.rotateLogFile(parts_.velgarPrefs->object("rotateScanlogWhenSizeReaches"), *temporaryFolder);
+    scanLog_.rotateLogFile(parts_.velgarPrefs->object("rotateScanlogWhenSizeReaches"), *temporaryFolder,
+                           parts_.redirectToScanLog);
 }
 
 bool KorvaneVelgar::checkForClamd() { return clamd_.checkForClamd(); }
@@ -360,6 +517,77 @@ bool KorvaneVelgar::displayGrowlDialog(int kind, const std::string& description)
         notification.title = "Korvane Velgar";
     }
     return parts_.notifier->notify(notification);
+}
+
+std::map<std::string, std::vector<std::string>> KorvaneVelgar::registrationDictionaryForGrowl() const
+{
+    const std::vector<std::string> names = {growlFound,      growlRemoved,    growlQuarantined,
+                                            updateSuccessful, alreadyUpToDate, "Error"};
+    return {{"AllNotifications", names}, {"DefaultNotifications", names}};
+}
+
+void KorvaneVelgar::openApp()
+{
+    if (parts_.workspace)
+        parts_.workspace->launchApplication(kMainAppBundleIdentifier);
+}
+
+void KorvaneVelgar::openAppFromError()
+{
+    openApp();
+    quit();
+}
+
+void KorvaneVelgar::openPrefs(bool fromOpenPrefsButton)
+{
+    if (!parts_.workspace || !parts_.workspace->launchApplication(kMainAppBundleIdentifier)) {
+        if (parts_.workspace)
+            parts_.workspace->beep();
+        if (fromOpenPrefsButton)
+            quit();
+        return;
+    }
+
+    // The main application owns its bus name once it runs. Waiting for that
+    // in the event loop keeps the menu and the dialogs alive meanwhile; after
+    // the time limit the request goes out anyway, for a main application that
+    // is slow to start.
+    auto* waiter = new QObject(this);
+    auto finished = std::make_shared<bool>(false);
+    auto finish = [this, waiter, finished, fromOpenPrefsButton] {
+        if (*finished)
+            return;
+        *finished = true;
+        waiter->deleteLater();
+        if (parts_.distributedCenter)
+            parts_.distributedCenter->post("KorvaneShouldOpenPrefs", "KorvaneVelgar");
+        if (fromOpenPrefsButton)
+            quit();
+    };
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        finish();
+        return;
+    }
+    auto* watcher = new QDBusServiceWatcher(kMainAppBundleIdentifier, bus, QDBusServiceWatcher::WatchForRegistration, waiter);
+    connect(watcher, &QDBusServiceWatcher::serviceRegistered, waiter, finish);
+    QTimer::singleShot(std::chrono::seconds(kOpenPrefsWaitSeconds), waiter, finish);
+    // Asked after the watcher exists, so a registration cannot fall between.
+    if (busNameHasOwner(bus, kMainAppBundleIdentifier))
+        finish();
+}
+
+void KorvaneVelgar::addToDialogList(DialogListEntry* entry) { theDialogList.push_back(entry); }
+
+void KorvaneVelgar::removeFromDialogList(DialogListEntry* entry) { std::erase(theDialogList, entry); }
+
+void KorvaneVelgar::removeAllFromDialogList()
+{
+    // Each entry disposes of itself later; the list is emptied here, once.
+    const std::vector<DialogListEntry*> entries = theDialogList;
+    for (DialogListEntry* entry : entries)
+        entry->ignoreWarning();
+    theDialogList.clear();
 }
 
 void KorvaneVelgar::displayDialog(Panel panel)

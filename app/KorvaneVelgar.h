@@ -2,26 +2,35 @@
 
 #include "app/ScanLog.h"
 #include "engine/ClamdSupervisor.h"
+#include "intake/FSEventWatcher.h"
 #include "platform/ConditionLock.h"
 #include "platform/Panels.h"
+#include "queue/Dispatcher.h"
+#include "scan/PatientScanner.h"
 
 #include <QObject>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kv {
 
 class DesktopNotifier;
+class DialogListEntry;
 class DistributedCenter;
 class Preferences;
+class ScanAlerts;
 class StatusMenu;
 class StringTable;
+class Workspace;
 
 // Everything the controller is built on. The controller does not own these;
 // main() (or a test) does, for the life of the controller.
@@ -31,7 +40,12 @@ struct ControllerParts {
     DesktopNotifier* notifier = nullptr;           // desktop notifications
     Panels* panels = nullptr;                      // null without a desktop
     StatusMenu* mainMenu = nullptr;                // null until a status menu exists
+    Workspace* workspace = nullptr;                // launching, opening, beeping; null without a desktop
     const StringTable* strings = nullptr;
+    ScanAlerts* scanAlerts = nullptr;              // the scanners' dialogs; null without a desktop
+    // The queue's pause between its two measurement passes; one second
+    // when empty (tests pass a shorter one).
+    Dispatcher::Pause dispatcherPause;
     std::string homeDirectory;
     // Ends the process; tests replace it to observe the exit status.
     std::function<void(int status)> exitProcess;
@@ -61,15 +75,21 @@ public:
     // init: creates the workers and shared objects and redirects the
     // standard streams to the scan log.
     explicit KorvaneVelgar(ControllerParts parts);
+    // Stops and joins the permanent threads (the agent itself never gets
+    // here: it ends through quit()).
     ~KorvaneVelgar() override;
 
     // The launch sequence: permanent threads, texts, first start of
     // watching with the update flag, foreground icon, distributed observers.
     void applicationDidFinishLaunching();
+    // Fetches the localised notification texts and decides whether desktop
+    // notifications can be used. Part of the launch sequence.
+    void prepareNotifications();
 
     void startWatcher(bool update = false);
     void stopWatcher();
     void restartWatcher();
+    // Empties the queue and kills the agent's own running clamdscan clients.
     void abortScans();
     // The shutdown sequence; ends the process with status 0.
     void quit();
@@ -78,8 +98,22 @@ public:
     void modifyScannerCountBy(int32_t delta);
 
     bool readPrefs();
+    // Builds the scan argument list handed to both scanners: clamdscan, the
+    // move option of the handling mode, "--multiscan", "--stdout".
+    void setScanParameters();
+    const ScanParameters& scanAndUpdateParametersWithThrobber() const { return scanParameters_; }
+    // "--move=" followed by the Trash's files folder.
+    const std::string& trashLocation() const { return trashLocation_; }
     void logAllToScanLog();
     void rotateLogFile();
+
+    // Rebuilds watchedFolderList, checkSubDirs and the menu's folder entries
+    // from the preference "VelgarFolderArray".
+    void populateMenu();
+    // Lists the path when something exists there (a folder with exactly one
+    // trailing "/"), records its subdirectory flag, and counts one more
+    // record towards the menu's readiness in every case.
+    void addToWatchList(const std::string& path, bool subdirs);
 
     // Engine link.
     bool checkForClamd();
@@ -92,9 +126,32 @@ public:
     // Notifications and panels. Any thread.
     bool displayGrowlDialog(int kind, const std::string& description);
     void displayDialog(Panel panel);
+    // "AllNotifications" and "DefaultNotifications": the six notification
+    // names, each list in the same order.
+    std::map<std::string, std::vector<std::string>> registrationDictionaryForGrowl() const;
+
+    // Links to the main application, from menu items and panel buttons.
+    static constexpr int kOpenPrefsWaitSeconds = 30;
+    void openApp();
+    // Launches the main application, then quits.
+    void openAppFromError();
+    // Launches the main application and, once it owns its bus name (at most
+    // kOpenPrefsWaitSeconds later, waiting in the event loop), posts
+    // "KorvaneShouldOpenPrefs". A launch that cannot start beeps and posts
+    // nothing. Sent by the no-engine panel's button, it then quits.
+    void openPrefs(bool fromOpenPrefsButton);
+
+    // The open warning dialogs, in the order they opened. Main thread only:
+    // the dialogs are created there.
+    void addToDialogList(DialogListEntry* entry);
+    void removeFromDialogList(DialogListEntry* entry);
+    // Closes every listed dialog as ignored, in list order, and empties the list.
+    void removeAllFromDialogList();
+    const std::vector<DialogListEntry*>& dialogList() const { return theDialogList; }
 
     // Accessors.
     const std::vector<std::string>& getWatchedFolderList() const { return watchedFolderList; }
+    const std::map<std::string, bool>& getCheckSubDirs() const { return checkSubDirs; }
     std::optional<std::string> getTheTempDirToWatch() const { return theTempDirToWatch; }
     std::optional<std::string> getTheThrobberTempDir() const { return theThrobberTempDir; }
     std::string getQuarantineOrTrash() const;
@@ -106,7 +163,20 @@ public:
     StatusMenu* mainMenu() const { return mainMenu_; }
     bool needsExit1FreshclamFlag() const { return needsExit1FreshclamFlag_; }
     void setNeedsExit1FreshclamFlag(bool flag) { needsExit1FreshclamFlag_ = flag; }
-    bool isWatching() const { return watching_.load(); }
+    bool isWatching() const { return gfsLogger_.isWatching(); }
+    FSEventWatcher& gfsLogger() { return gfsLogger_; }
+    Dispatcher& theDispatcher() { return theDispatcher_; }
+    PatientScanner& firstPatientScanner() { return firstPatientScanner_; }
+    PatientScanner& secondPatientScanner() { return secondPatientScanner_; }
+    ScanAlerts* scanAlerts() const { return parts_.scanAlerts; }
+    Preferences& preferences() const { return *parts_.velgarPrefs; }
+    // The private temporary folder of the last preferences load. Any thread.
+    std::optional<std::string> temporaryFolder() const;
+
+    // The clamdscan clients running now, so an abort kills only ours. Any
+    // thread; a client leaves before it is reaped.
+    void registerScanClient(pid_t pid);
+    void unregisterScanClient(pid_t pid);
 
     // The configuration of the last preferences load, for inspection.
     std::optional<std::string> clamPATH() const { return clamPATH_; }
@@ -123,6 +193,8 @@ public:
 private:
     std::optional<std::string> stringPreference(const char* key) const;
     void prepareTemporaryFolders(const std::string& temporaryFolder);
+    void createMoveDestinations();
+    void startPermanentThreads();
 
     ControllerParts parts_;
     StatusMenu* mainMenu_;
@@ -133,8 +205,21 @@ private:
     ConditionLock throbberLock_;        // taken before scannerCountLock_
     std::atomic<int32_t> scannerCount_{0};
 
-    std::atomic<bool> watching_{false};
+    Dispatcher theDispatcher_;
+    FSEventWatcher gfsLogger_;  // after the queue it feeds, so it stops first
+    PatientScanner firstPatientScanner_;
+    PatientScanner secondPatientScanner_;
+    std::vector<std::thread> permanentThreads_;
+    std::mutex scanClientsMutex_;
+    std::set<pid_t> scanClients_;  // guarded by scanClientsMutex_
+    ScanParameters scanParameters_;
+    std::string trashLocation_;
+
+    // Rebuilt by populateMenu() on the main thread; the event watcher reads
+    // its own snapshot of them, handed over at each start.
     std::vector<std::string> watchedFolderList;
+    std::map<std::string, bool> checkSubDirs;
+    std::vector<DialogListEntry*> theDialogList;  // main thread only; entries own themselves
 
     // Localised notification texts, fetched at launch.
     std::string growlFound, growlRemoved, growlQuarantined, updateSuccessful, alreadyUpToDate, unknownError;
@@ -151,8 +236,8 @@ private:
     std::optional<std::string> clamScanPATH_;
     std::optional<std::string> theTempDirToWatch;
     std::optional<std::string> theThrobberTempDir;
-    std::optional<std::string> temporaryFolder_;
     mutable std::mutex configMutex_;
+    std::optional<std::string> temporaryFolder_;  // guarded by configMutex_
     std::string quarantineLocation;  // guarded by configMutex_
     std::string quarantineOrTrash;   // guarded by configMutex_
     bool quarantineInfected_ = false;

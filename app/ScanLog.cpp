@@ -73,7 +73,8 @@ std::string ScanLog::logrotateConfigText(const std::string& logPath, unsigned ui
                         quoted.c_str(), thresholdKilobytes, uid, gid);
 }
 
-void ScanLog::rotateLogFile(const std::optional<QJsonValue>& thresholdPreference, const std::string& temporaryFolder)
+void ScanLog::rotateLogFile(const std::optional<QJsonValue>& thresholdPreference, const std::string& temporaryFolder,
+                            bool reopenStreams)
 {
     const unsigned uid = ::getuid();
     const unsigned gid = ::getgid();
@@ -109,7 +110,8 @@ void ScanLog::rotateLogFile(const std::optional<QJsonValue>& thresholdPreference
 
     if (pathExists(configPath))
         ::unlink(configPath.c_str());
-    logAllToScanLog();
+    if (reopenStreams)
+        logAllToScanLog();
 }
 
 } // namespace kv

@@ -29,8 +29,10 @@ public:
 
     // Writes "scanlogrotate.conf" into the temporary folder, rotates with
     // newsyslog where it exists and with logrotate otherwise, deletes the
-    // configuration again and reopens the streams.
-    void rotateLogFile(const std::optional<QJsonValue>& thresholdPreference, const std::string& temporaryFolder);
+    // configuration again and reopens the streams (unless told not to, for
+    // tests that keep their own output).
+    void rotateLogFile(const std::optional<QJsonValue>& thresholdPreference, const std::string& temporaryFolder,
+                       bool reopenStreams = true);
 
     // The threshold in kilobytes: the preference when it is a number whose
     // integer value is above 0, else 5120.

@@ -4,6 +4,8 @@
 
 namespace kv {
 
+class KorvaneVelgar;
+
 // The status menu and activity indicator as the controller drives it.
 // Called on the main thread.
 class StatusMenu {
@@ -17,6 +19,23 @@ public:
     virtual void setNumItemsToWatch(int count) = 0;
     virtual void addToMenu(const std::string& title, const std::string& objectToWatch) = 0;
     virtual void setReady() = 0;
+
+    // The operations below have do-nothing defaults for a status menu
+    // without an indicator (a test's recording menu).
+
+    // Starts the indicator thread with the controller. Returns once the
+    // menu's start-up steps are done, so that the first folder rebuild finds
+    // them complete. The controller calls it first at launch.
+    virtual void startIndicator(KorvaneVelgar& controller) {}
+    // The quit item's current title. Any thread.
+    virtual std::string getQuitMenuName() const { return {}; }
+    // A definitions update begins and ends: the flag, then the scanner count
+    // (+1 and -1). Any thread.
+    virtual void startUpdate() {}
+    virtual void stopUpdate() {}
+    // A scripted restart: restarts watching only while the restart item is
+    // enabled.
+    virtual void canRestartFromAS() {}
 };
 
 } // namespace kv

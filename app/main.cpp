@@ -9,7 +9,10 @@
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/StringTable.h"
+#include "ui/DesktopWorkspace.h"
+#include "ui/InfectionDialogs.h"
 #include "ui/MainInterface.h"
+#include "ui/Throbber.h"
 
 #include <QApplication>
 #include <QSocketNotifier>
@@ -53,15 +56,26 @@ int main(int argc, char* argv[])
     kv::DBusDistributedCenter distributedCenter;
     kv::FreedesktopNotifier notifier;
     kv::MainInterface mainInterface(resources);
+    kv::DesktopWorkspace workspace;
+    kv::Throbber::Environment menuEnvironment;
+    menuEnvironment.preferences = &preferences;
+    menuEnvironment.workspace = &workspace;
+    menuEnvironment.resourcesFolder = resources;
+    kv::Throbber mainMenu(mainInterface.root(), menuEnvironment);
 
     kv::ControllerParts parts;
     parts.velgarPrefs = &preferences;
     parts.distributedCenter = &distributedCenter;
     parts.notifier = &notifier;
     parts.panels = &mainInterface;
+    parts.mainMenu = &mainMenu;
+    parts.workspace = &workspace;
     parts.strings = &strings;
     kv::KorvaneVelgar controller(parts);
     mainInterface.setQuitAction([&controller] { controller.quit(); });
+    mainInterface.setOpenPrefsAction([&controller] { controller.openPrefs(true); });
+    mainMenu.setKorvaneVelgarController(&controller);
+    kv::InfectionDialogs infectionDialogs(resources, controller, workspace);
 
     switch (kv::claimBusName(QDBusConnection::sessionBus(), kv::KorvaneVelgar::kBundleIdentifier)) {
     case kv::BusNameResult::Taken:
@@ -85,5 +99,8 @@ int main(int argc, char* argv[])
     }
 
     QTimer::singleShot(0, &controller, [&controller] { controller.applicationDidFinishLaunching(); });
-    return application.exec();
+    const int status = application.exec();
+    // The indicator thread uses the controller; it ends before the controller does.
+    mainMenu.stopIndicator();
+    return status;
 }

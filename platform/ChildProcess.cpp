@@ -177,6 +177,15 @@ int ChildProcess::wait()
     return *status_;
 }
 
+void ChildProcess::waitForExitWithoutReaping()
+{
+    if (status_ || pid_ <= 0)
+        return;
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+}
+
 bool ChildProcess::running()
 {
     if (status_ || pid_ <= 0)

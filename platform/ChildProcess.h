@@ -56,6 +56,10 @@ public:
     // ended it. Safe to call again: returns the same status.
     int wait();
 
+    // Blocks until the child has ended but leaves it unreaped, so its pid
+    // cannot be reused before wait(): another thread may still signal it.
+    void waitForExitWithoutReaping();
+
     // True while the child has not ended (reaps it when it has).
     bool running();
 

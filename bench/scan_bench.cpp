@@ -1,0 +1,128 @@
+// Scan throughput: files pushed through the queue and both scanners against
+// a real clamd, beside one direct `clamdscan --file-list` run over the same
+// files against the same daemon.
+//
+//   scan_bench [small-file count ...]    (default: 1000 10000, then 100 x 10 MB)
+
+#include "app/KorvaneVelgar.h"
+#include "platform/ChildProcess.h"
+#include "tests/support/TestSupport.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::string> makeFiles(const std::string& folder, int count, size_t size)
+{
+    std::filesystem::create_directories(folder);
+    std::vector<std::string> paths;
+    for (int i = 0; i < count; ++i) {
+        // Every file differs, so clamd's cache of clean files never helps.
+        paths.push_back(folder + "/file" + std::to_string(i));
+        std::string contents = paths.back() + "\n";
+        contents.resize(std::max(size, contents.size()), 'k');
+        kvtest::writeFile(paths.back(), contents);
+    }
+    return paths;
+}
+
+size_t countLines(const std::string& path, const std::string& needle)
+{
+    const std::string text = kvtest::readFile(path);
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        ++count;
+    return count;
+}
+
+double directRun(const kvtest::EnginePrefix& engine, const std::vector<std::string>& paths, const std::string& scratch)
+{
+    std::string list;
+    for (const std::string& path : paths)
+        list += path + "\n";
+    kvtest::writeFile(scratch + "/direct.list", list);
+    const auto start = Clock::now();
+    kv::runAndWait({engine.path() + "/bin/clamdscan", "--stdout", "--file-list=" + scratch + "/direct.list"});
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double agentRun(kv::KorvaneVelgar& controller, std::vector<std::string> paths, const std::string& logPath)
+{
+    const size_t expected = paths.size();
+    const size_t before = countLines(logPath, ": OK");
+    const auto start = Clock::now();
+    controller.theDispatcher().addToItemList(paths);
+    while (countLines(logPath, ": OK") - before < expected)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::pair<int, size_t>> loads;
+    for (int i = 1; i < argc; ++i)
+        loads.emplace_back(std::atoi(argv[i]), 64);
+    if (loads.empty())
+        loads = {{1000, 64}, {10000, 64}, {100, 10 * 1024 * 1024}};
+
+    kvtest::TempDir home;
+    ::setenv("HOME", home.path().c_str(), 1);
+    ::setenv("XDG_RUNTIME_DIR", home.path().c_str(), 1);
+    ::chmod(home.path().c_str(), 0700);
+    kvtest::EnginePrefix engine;
+    if (!engine.startDaemon()) {
+        std::fprintf(stderr, "clamd did not start\n");
+        return 1;
+    }
+
+    // The agent's scan log is its standard output: send it to a file we count in.
+    const std::string logPath = home / "scan.log";
+    const int savedOut = ::dup(STDOUT_FILENO);
+    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+
+    kvtest::FakePreferences preferences;
+    preferences.suite["PathToClamav"] = QString::fromStdString(engine.path());
+    preferences.suite["PathToUpdateLog"] = QString::fromStdString(home / "update.log");
+    kv::ControllerParts parts;
+    parts.velgarPrefs = &preferences;
+    parts.homeDirectory = home.path();
+    parts.redirectToScanLog = false;
+    parts.exitProcess = [](int) {};
+    kv::KorvaneVelgar controller(parts);
+    controller.applicationDidFinishLaunching();
+
+    std::printf("| files | size | agent (s) | agent minus 1 s wait (s) | direct clamdscan (s) | ratio |\n");
+    std::printf("|---:|---:|---:|---:|---:|---:|\n");
+    std::fflush(stdout);
+    int round = 0;
+    for (const auto& [count, size] : loads) {
+        const std::string set = home / ("set" + std::to_string(round++));
+        const std::vector<std::string> paths = makeFiles(set + "/agent", count, size);
+        const double direct = directRun(engine, makeFiles(set + "/direct", count, size), home.path());
+        std::fflush(stdout);
+        ::dup2(logFd, STDOUT_FILENO);
+        const double agent = agentRun(controller, paths, logPath);
+        std::fflush(stdout);
+        ::dup2(savedOut, STDOUT_FILENO);
+        const double adjusted = agent - 1.0;
+        std::printf("| %d | %s | %.2f | %.2f | %.2f | %.2f |\n", count, size >= 1024 * 1024 ? "10 MB" : "64 B", agent,
+                    adjusted, direct, adjusted / direct);
+        std::fflush(stdout);
+        std::filesystem::remove_all(set);
+    }
+    std::fflush(stdout);
+    ::_exit(0);
+}

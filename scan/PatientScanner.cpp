@@ -1,0 +1,387 @@
+#include "scan/PatientScanner.h"
+
+#include "app/KorvaneVelgar.h"
+#include "app/StatusMenu.h"
+#include "platform/Log.h"
+#include "platform/Preferences.h"
+#include "queue/Dispatcher.h"
+#include "scan/ExclusionPatterns.h"
+#include "scan/ScanAlerts.h"
+#include "scan/TrashInfo.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QJsonArray>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <typeinfo>
+
+namespace kv {
+
+std::function<void()> PatientScanner::faultInjectionForTesting;
+
+namespace {
+
+constexpr const char* kConnectWarning = "WARNING: Can't connect to clamd.";
+constexpr std::string_view kConnectError = "ERROR: Could not connect to clamd on";
+
+bool isValidUtf8(std::string_view text)
+{
+    size_t i = 0;
+    while (i < text.size()) {
+        const unsigned char lead = static_cast<unsigned char>(text[i]);
+        size_t length = lead < 0x80 ? 1 : (lead & 0xe0) == 0xc0 ? 2 : (lead & 0xf0) == 0xe0 ? 3 : (lead & 0xf8) == 0xf0 ? 4 : 0;
+        if (length == 0 || i + length > text.size())
+            return false;
+        uint32_t codePoint = length == 1 ? lead : length == 2 ? lead & 0x1f : length == 3 ? lead & 0x0f : lead & 0x07;
+        for (size_t k = 1; k < length; ++k) {
+            const unsigned char next = static_cast<unsigned char>(text[i + k]);
+            if ((next & 0xc0) != 0x80)
+                return false;
+            codePoint = (codePoint << 6) | (next & 0x3f);
+        }
+        if ((length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
+            (length == 4 && codePoint < 0x10000) || codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff))
+            return false;
+        i += length;
+    }
+    return true;
+}
+
+std::string timeStamp()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    char buffer[30];
+    if (!::localtime_r(&now, &local) || std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local) == 0)
+        return "X";
+    return buffer;
+}
+
+std::string joined(const std::vector<std::string>& items)
+{
+    std::string text = "(";
+    for (size_t i = 0; i < items.size(); ++i)
+        text += (i ? ", " : "") + items[i];
+    return text + ")";
+}
+
+} // namespace
+
+void PatientScanner::setMyName(std::string name)
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    myName_ = std::move(name);
+}
+
+std::string PatientScanner::myName() const
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    return myName_;
+}
+
+std::string PatientScanner::listFilePath() const
+{
+    const std::optional<std::string> folder = korvaneVelgarController ? korvaneVelgarController->temporaryFolder()
+                                                                      : std::nullopt;
+    return folder.value_or("/tmp/") + "KorvaneVelgarScanList_" + myName() + ".txt";
+}
+
+void PatientScanner::setMenuAndParams(const ScanParameters& parameters)
+{
+    Configuration updated;
+    updated.scanParams = parameters.arguments;
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    updated.quarantineOrTrash = controller.getQuarantineOrTrash();
+    const std::optional<QJsonArray> records = controller.preferences().array("ExcludePatterns");
+    updated.excludePatterns = records ? buildExcludePatterns(*records) : std::vector<std::string>();
+    std::lock_guard<std::mutex> guard(configMutex_);
+    // Outside quarantine mode the former quarantine folder is kept.
+    updated.quarantineLocation = configuration_.quarantineLocation;
+    if (updated.quarantineOrTrash == "Q") {
+        const std::string location = controller.getQuarantineLocation();
+        updated.quarantineLocation = location.size() >= 7 ? location.substr(7) : std::string();
+    }
+    updated.suppressInfoDialogs = controller.preferences().boolean("SuppressInfoDialogs");
+    configuration_ = std::move(updated);
+}
+
+PatientScanner::Configuration PatientScanner::configuration() const
+{
+    std::lock_guard<std::mutex> guard(configMutex_);
+    return configuration_;
+}
+
+std::vector<std::string> PatientScanner::excludePatterns() const { return configuration().excludePatterns; }
+
+std::optional<std::string> PatientScanner::quarantineOrTrash() const { return configuration().quarantineOrTrash; }
+
+void PatientScanner::requestStop()
+{
+    stopRequested_ = true;
+    Dispatcher& dispatcher = korvaneVelgarController->theDispatcher();
+    dispatcher.scannerLock().lock();
+    dispatcher.scannerLock().broadcast();
+    dispatcher.scannerLock().unlock();
+}
+
+void PatientScanner::mainLoop()
+{
+    Dispatcher& dispatcher = korvaneVelgarController->theDispatcher();
+    while (!stopRequested_) {
+        ConditionLock& scannerLock = dispatcher.scannerLock();
+        scannerLock.lock();
+        while (dispatcher.scannableCount() == 0 && !stopRequested_)
+            scannerLock.wait();
+        scannerLock.unlock();
+        if (stopRequested_)
+            break;
+
+        scanBatch(dispatcher);
+    }
+}
+
+void PatientScanner::scanBatch(Dispatcher& dispatcher)
+{
+    getItemsToScan(dispatcher);
+    takeConfigurationForRun();
+    determineWhatToScan();
+    if (!scanList_.empty())
+        performScan();
+    scanList_.clear();
+}
+
+void PatientScanner::takeConfigurationForRun()
+{
+    runConfiguration_ = configuration();
+    sawConnectionError_ = false;
+}
+
+void PatientScanner::getItemsToScan(Dispatcher& dispatcher) { dispatcher.copyFromDispatchToScanner(scanList_); }
+
+void PatientScanner::determineWhatToScan()
+{
+    const std::vector<std::string>& patterns = runConfiguration_.excludePatterns;
+    if (patterns.empty())
+        return;
+    for (size_t i = scanList_.size(); i-- > 0;) {
+        for (const std::string& pattern : patterns) {
+            if (!pattern.empty() && search(scanList_[i], pattern)) {
+                scanList_.erase(scanList_.begin() + static_cast<long>(i));
+                break;
+            }
+        }
+    }
+}
+
+bool PatientScanner::writeListFile(const std::string& path, const std::string& text)
+{
+    // Never follow a link: a link planted at the list's path is removed and
+    // the list created afresh in its place.
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0 && errno == ELOOP) {
+        nsLogf("Removed a link planted at the scan list %s", path.c_str());
+        ::unlink(path.c_str());
+        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }
+    if (fd < 0)
+        return false;
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    return done == text.size();
+}
+
+void PatientScanner::performScan()
+{
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    controller.modifyScannerCountBy(1);
+
+    std::vector<std::string> scanArguments;
+    std::string scanCommandPath;
+    std::string data;
+    std::optional<ChildProcess> scanCheckTask;
+    const std::string listPath = listFilePath();
+    sawConnectionError_ = false;
+    bool listWritten = false;
+
+    try {
+        scanArguments = runConfiguration_.scanParams;
+
+        std::string listText;
+        for (const std::string& path : scanList_)
+            listText += path + "\n";
+        listWritten = writeListFile(listPath, listText);
+        if (faultInjectionForTesting)
+            faultInjectionForTesting();
+
+        scanArguments.push_back("--file-list=" + listPath);
+        if (!scanArguments.empty()) {
+            scanCommandPath = scanArguments.front();
+            scanArguments.erase(scanArguments.begin());
+        }
+
+        std::vector<std::string> argv{scanCommandPath};
+        argv.insert(argv.end(), scanArguments.begin(), scanArguments.end());
+        int launchError = 0;
+        scanCheckTask = ChildProcess::spawn(argv, ChildProcess::Output::Pipe, &launchError);
+        if (!scanCheckTask) {
+            if (launchError == ENOENT || launchError == EACCES || launchError == ENOTDIR)
+                controller.noEnginePanic();
+            else
+                nsLogf("Could not start %s: %s", scanCommandPath.c_str(), std::strerror(launchError));
+        } else {
+            clientPid_ = scanCheckTask->pid();
+            controller.registerScanClient(scanCheckTask->pid());
+
+            // Output is handled chunk by chunk while the program runs.
+            std::string chunk;
+            while (scanCheckTask->readChunk(&chunk) == ChildProcess::ReadStatus::Data) {
+                data = chunk;
+                dealWithOutput(chunk);
+                chunk.clear();
+            }
+            // Leave the child unreaped until it is out of the abort list, so
+            // an abort can never signal a recycled pid.
+            scanCheckTask->waitForExitWithoutReaping();
+            controller.unregisterScanClient(scanCheckTask->pid());
+            clientPid_ = -1;
+            const int status = scanCheckTask->wait();
+
+            if (status == 2 && !controller.clamdStillAlive())
+                alertEngineUnreachable();
+
+            if (listWritten)
+                ::unlink(listPath.c_str());
+        }
+    } catch (const std::exception& exception) {
+        nsLogf("Scanner: Caught %s: %s", typeid(exception).name(), exception.what());
+        nsLogf("Scanner v1 of 9: scanArguments: %s", joined(scanArguments).c_str());
+        nsLogf("Scanner v2 of 9: scanCommandPath: %s", scanCommandPath.c_str());
+        nsLogf("Scanner v3 of 9: outputPipe: %s", scanCheckTask ? std::to_string(scanCheckTask->outputFd()).c_str() : "");
+        nsLogf("Scanner v4 of 9: taskOutput: %s", scanCheckTask ? std::to_string(scanCheckTask->outputFd()).c_str() : "");
+        nsLogf("Scanner v5 of 9: scanCheckTask: %s", scanCheckTask ? std::to_string(scanCheckTask->pid()).c_str() : "");
+        nsLogf("Scanner v6 of 9: scanParams: %s", joined(runConfiguration_.scanParams).c_str());
+        nsLogf("Scanner v7 of 9: thePaths: %s", joined(scanList_).c_str());
+        nsLogf("Scanner v8 of 9: [scanArguments objectAtIndex:0]: %s",
+               scanArguments.empty() ? "" : scanArguments.front().c_str());
+        nsLogf("Scanner v9 of 9: data: %s", data.c_str());
+    }
+    if (clientPid_ > 0) {
+        controller.unregisterScanClient(clientPid_);
+        clientPid_ = -1;
+    }
+    scanCheckTask.reset();
+    controller.modifyScannerCountBy(-1);
+}
+
+void PatientScanner::alertEngineUnreachable()
+{
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    nsLog("can't connect to clamd");
+    const std::string message = controller.localizedString("CLAMDSCAN_ERROR");
+    ScanAlerts* alerts = controller.scanAlerts();
+    const std::string quitTitle = controller.mainMenu() ? controller.mainMenu()->getQuitMenuName() : std::string();
+    if (!alerts || !alerts->showEngineUnreachableDialog(myName(), message, quitTitle)) {
+        nsLog("Error loading nib for warning dialog!");
+        return;
+    }
+    controller.displayGrowlDialog(KorvaneVelgar::kError, message);
+}
+
+int PatientScanner::getLastColon(const std::string& text)
+{
+    const size_t colon = text.rfind(':');
+    return colon == std::string::npos ? -1 : static_cast<int>(colon);
+}
+
+void PatientScanner::dealWithOutput(std::string_view chunk)
+{
+    const std::string stamp = timeStamp();
+    if (!isValidUtf8(chunk))
+        return;
+    const Configuration& config = runConfiguration_;
+
+    size_t start = 0;
+    while (start < chunk.size()) {
+        size_t end = chunk.find('\n', start);
+        if (end == std::string_view::npos)
+            end = chunk.size();
+        const std::string line(chunk.substr(start, end - start));
+        start = end + 1;
+
+        if (line.size() >= 6 && line.compare(line.size() - 6, 6, " FOUND") == 0)
+            raiseAlert(line, config);
+        if (config.quarantineOrTrash == "T") {
+            if (const std::optional<MovedLine> moved = parseMovedLine(line))
+                writeTrashInfo(*moved, std::time(nullptr));
+        }
+
+        if (line.size() < 6) {
+            if (!line.empty())
+                logLine(stamp.c_str(), line);
+        } else if (line == kConnectWarning) {
+            recoverWithLine(stamp.c_str());
+        } else if (!sawConnectionError_ && line.compare(0, kConnectError.size(), kConnectError) == 0) {
+            // Current clamdscan reports an unreachable daemon this way, once
+            // per file: the first such line of a run starts the recovery.
+            sawConnectionError_ = true;
+            recoverWithLine(stamp.c_str());
+        } else if (line.compare(0, 5, "-----") == 0 || line.compare(0, 5, "Time:") == 0 ||
+                   line.compare(0, 5, "Infec") == 0) {
+            // The summary block's separators, elapsed time and count.
+        } else {
+            logLine(stamp.c_str(), line);
+        }
+    }
+}
+
+void PatientScanner::logLine(const char* stamp, const std::string& line)
+{
+    std::fprintf(stdout, "%s %s\n", stamp, line.c_str());
+    std::fflush(stdout);
+}
+
+void PatientScanner::recoverWithLine(const char* stamp)
+{
+    korvaneVelgarController->recoverFromCrashedClamd();
+    std::fprintf(stdout, "%s clamd appears to have died - attempting restart...\n", stamp);
+    std::fflush(stdout);
+}
+
+void PatientScanner::raiseAlert(const std::string& line, const Configuration& config)
+{
+    if (!config.quarantineOrTrash)
+        return;
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    ScanAlerts* alerts = controller.scanAlerts();
+    const std::string& mode = *config.quarantineOrTrash;
+    if (mode == "Q") {
+        if (!config.suppressInfoDialogs && (!alerts || !alerts->showQuarantinedDialog(myName(), config.quarantineLocation)))
+            nsLog("Error loading Nib for document!");
+        controller.displayGrowlDialog(KorvaneVelgar::kQuarantined, line);
+    } else if (mode.empty()) {
+        if (!alerts || !alerts->showWarningDialog(myName(), line)) {
+            nsLog("Error loading Nib for document!");
+            return;
+        }
+        controller.displayGrowlDialog(KorvaneVelgar::kFound, line);
+    } else if (mode == "T") {
+        const int colon = getLastColon(line);
+        controller.displayGrowlDialog(KorvaneVelgar::kRemoved, colon < 0 ? line : line.substr(0, static_cast<size_t>(colon)));
+    }
+}
+
+} // namespace kv

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+
+namespace kv {
+
+// The freedesktop Trash the agent moves infected files into:
+// $XDG_DATA_HOME/Trash with its files/ and info/ folders.
+std::string trashFolder();
+std::string trashFilesFolder();
+
+// Creates the Trash's files/ and info/ folders (mode 0700) when missing.
+bool ensureTrashFolders();
+
+// What a scanner's "PATH: moved to 'DESTINATION'" line says.
+struct MovedLine {
+    std::string originalPath;
+    std::string destination;
+};
+std::optional<MovedLine> parseMovedLine(const std::string& line);
+
+// Percent-encodes a path for a .trashinfo Path= key: every byte but
+// unreserved characters and "/" becomes %XX.
+std::string percentEncodePath(const std::string& path);
+
+// Writes info/<name>.trashinfo for a file that now lies at files/<name>, so
+// the desktop can show where it came from and restore it. False when the
+// destination is not inside the Trash's files folder or the file cannot be
+// written. Never follows a link planted at the .trashinfo path.
+bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime);
+
+} // namespace kv

@@ -1,0 +1,129 @@
+// The control client against real UNIX-domain listeners.
+
+#include "engine/ClamdCtrl.h"
+#include "tests/support/TestSupport.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+
+namespace {
+
+// A listener on a UNIX socket that accepts one connection, reads what the
+// client sends and then either answers or hangs up at once.
+class OneShotListener {
+public:
+    OneShotListener(const std::string& path, bool answer) : path_(path)
+    {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), std::min(path.size(), sizeof address.sun_path - 1));
+        bound_ = ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 && ::listen(fd_, 1) == 0;
+        thread_ = std::thread([this, answer] {
+            const int client = ::accept(fd_, nullptr, nullptr);
+            if (client < 0)
+                return;
+            if (answer) {
+                char buffer[16] = {};
+                received_.assign(buffer, static_cast<size_t>(std::max<ssize_t>(0, ::read(client, buffer, sizeof buffer))));
+                const char pong[] = "PONG\n";
+                (void)!::write(client, pong, sizeof pong - 1);
+            }
+            ::close(client);
+        });
+    }
+    ~OneShotListener()
+    {
+        ::shutdown(fd_, SHUT_RDWR);
+        thread_.join();
+        ::close(fd_);
+        ::unlink(path_.c_str());
+    }
+    bool bound() const { return bound_; }
+    std::string received()
+    {
+        thread_.join();
+        thread_ = std::thread([] {});
+        return received_;
+    }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+    bool bound_ = false;
+    std::string received_;
+    std::thread thread_;
+};
+
+TEST(ClamdCtrl, MessageIsSixBytesPaddedWithNul)
+{
+    EXPECT_EQ(kv::ClamdCtrl::messageFor("PING"), std::string("PING\0\0", 6));
+    EXPECT_EQ(kv::ClamdCtrl::messageFor("QUIT"), std::string("QUIT\0\0", 6));
+    EXPECT_EQ(kv::ClamdCtrl::messageFor("VERSIONS"), "VERSIO");
+}
+
+TEST(ClamdCtrl, ExchangesWithListeners)
+{
+    kvtest::TempDir dir;
+    kv::ClamdCtrl client;
+
+    {
+        OneShotListener answering(dir / "answer.sock", true);
+        ASSERT_TRUE(answering.bound());
+        EXPECT_TRUE(client.communicateWithSocket(dir / "answer.sock", "PING"));
+        EXPECT_EQ(answering.received(), std::string("PING\0\0", 6));
+    }
+    {
+        OneShotListener hangingUp(dir / "close.sock", false);
+        EXPECT_TRUE(client.communicateWithSocket(dir / "close.sock", "PING")) << "a listener that closes at once";
+    }
+
+    bool result = true;
+    const std::string streams =
+        kvtest::captureStandardStreams([&] { result = client.communicateWithSocket(dir / "nobody.sock", "PING"); });
+    EXPECT_FALSE(result);
+    EXPECT_NE(streams.find("Error, can't connect to clamd through " + (dir / "nobody.sock") + ".\n"), std::string::npos);
+    EXPECT_NE(streams.find("connect(): No such file or directory"), std::string::npos) << streams;
+}
+
+TEST(ClamdCtrl, PathLongerThan104BytesIsCutThere)
+{
+    kvtest::TempDir dir;
+    // A socket whose path is exactly 104 bytes; the client reaches it through
+    // that path and through any longer path that begins with it.
+    std::string path = dir.path() + "/";
+    path += std::string(104 - path.size(), 's');
+    ASSERT_EQ(path.size(), 104u);
+    kv::ClamdCtrl client;
+    {
+        OneShotListener listener(path, true);
+        ASSERT_TRUE(listener.bound());
+        EXPECT_TRUE(client.communicateWithSocket(path, "PING"));
+    }
+    {
+        OneShotListener listener(path, true);
+        EXPECT_TRUE(client.communicateWithSocket(path + "-longer-than-the-address-field", "PING"));
+    }
+}
+
+TEST(ClamdCtrl, MissingOrNonAsciiPath)
+{
+    kv::ClamdCtrl client;
+    kvtest::LogCapture log;
+    EXPECT_TRUE(client.communicateWithSocket(std::nullopt, "QUIT"));
+    EXPECT_TRUE(log.contains(">In ClamdCtrl, pathToSocket is nil, command is QUIT<"));
+
+    bool result = true;
+    const std::string streams =
+        kvtest::captureStandardStreams([&] { result = client.communicateWithSocket("/tmp/caf\xc3\xa9.sock", "PING"); });
+    EXPECT_FALSE(result);
+    EXPECT_NE(streams.find("no ASCII form"), std::string::npos) << streams;
+}
+
+} // namespace

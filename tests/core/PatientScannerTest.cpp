@@ -1,0 +1,459 @@
+// Scan runs with a real clamd and real clamdscan, and the handling of their
+// output: log lines, alerts by handling mode, recovery of a lost daemon.
+
+#include "app/KorvaneVelgar.h"
+#include "scan/ExclusionPatterns.h"
+#include "scan/TrashInfo.h"
+#include "tests/support/TestSupport.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QJsonArray>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+namespace {
+
+class Scanning : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        engine_ = new kvtest::EnginePrefix;
+        ASSERT_TRUE(engine_->startDaemon());
+    }
+    static void TearDownTestSuite()
+    {
+        delete engine_;
+        engine_ = nullptr;
+    }
+
+    void SetUp() override
+    {
+        ::chmod(home_.path().c_str(), 0700);
+        std::filesystem::create_directories(home_ / "watched");
+        preferences_.suite["PathToClamav"] = QString::fromStdString(engine_->path());
+        preferences_.suite["PathToUpdateLog"] = QString::fromStdString(home_ / "update.log");
+    }
+
+    void start(const QJsonObject& preferences = {})
+    {
+        preferences_.own = preferences;
+        kv::ControllerParts parts;
+        parts.velgarPrefs = &preferences_;
+        parts.notifier = &notifier_;
+        parts.panels = &panels_;
+        parts.scanAlerts = &alerts_;
+        parts.homeDirectory = home_.path();
+        parts.redirectToScanLog = false;
+        parts.dispatcherPause = [] {};
+        parts.exitProcess = [](int) {};
+        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
+        // No permanent threads: the test drives the queue and the scanners.
+        controller_->prepareNotifications();
+        controller_->startWatcher(false);
+        ASSERT_TRUE(controller_->isWatching());
+    }
+
+    // Queues the paths, runs the dispatcher by hand until they are ready and
+    // lets the first scanner take and scan one batch, returning what it
+    // wrote to the scan log.
+    std::string scan(const std::vector<std::string>& paths)
+    {
+        kv::Dispatcher& queue = controller_->theDispatcher();
+        for (const std::string& path : paths)
+            queue.addStringToItemList(path);
+        queue.runOneCycle();
+        return kvtest::captureStandardStreams([&] { controller_->firstPatientScanner().scanBatch(queue); });
+    }
+
+    std::string file(const std::string& name, const std::string& contents)
+    {
+        const std::string path = home_ / ("watched/" + name);
+        kvtest::writeFile(path, contents);
+        return path;
+    }
+
+    static kvtest::EnginePrefix* engine_;
+    kvtest::TempDir home_;
+    kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
+    kvtest::ScopedEnv data_{"XDG_DATA_HOME", home_ / "data"};
+    kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
+    kvtest::FakePreferences preferences_;
+    kvtest::RecordingNotifier notifier_;
+    kvtest::RecordingPanels panels_;
+    kvtest::RecordingAlerts alerts_;
+    std::unique_ptr<kv::KorvaneVelgar> controller_;
+};
+
+kvtest::EnginePrefix* Scanning::engine_ = nullptr;
+
+const std::regex kStampedLine(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d .+$)");
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        const size_t end = text.find('\n', start);
+        lines.push_back(text.substr(start, end - start));
+        if (end == std::string::npos)
+            break;
+        start = end + 1;
+    }
+    return lines;
+}
+
+TEST_F(Scanning, QuarantineModeMovesTheFileAndRaisesTheQuarantineAlert)
+{
+    const std::string quarantine = home_ / "Quarantine";
+    start({{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(quarantine)}});
+    EXPECT_TRUE(kvtest::exists(quarantine)) << "the quarantine folder is made at the start of watching";
+    const std::string infected = file("eicar.com", kvtest::eicar());
+    const std::string clean = file("clean.txt", "nothing to see\n");
+
+    const std::string log = scan({infected, clean});
+    EXPECT_FALSE(kvtest::exists(infected));
+    EXPECT_TRUE(kvtest::exists(quarantine + "/eicar.com"));
+    EXPECT_TRUE(kvtest::exists(clean));
+
+    const std::string foundLine = infected + ": Eicar-Test-Signature.UNOFFICIAL FOUND";
+    EXPECT_NE(log.find(foundLine), std::string::npos) << log;
+    EXPECT_NE(log.find(clean + ": OK"), std::string::npos) << log;
+    for (const std::string& line : linesOf(log)) {
+        EXPECT_TRUE(std::regex_match(line, kStampedLine)) << line;
+        EXPECT_EQ(line.find("-----"), std::string::npos);
+        EXPECT_EQ(line.find("Infected files"), std::string::npos);
+        EXPECT_EQ(line.find(" Time:"), std::string::npos);
+    }
+    ASSERT_EQ(alerts_.shown().size(), 1u);
+    EXPECT_EQ(alerts_.shown()[0].dialog, "Quarantined");
+    EXPECT_EQ(alerts_.shown()[0].text, quarantine);
+    ASSERT_EQ(notifier_.sent().size(), 1u);
+    EXPECT_EQ(notifier_.sent()[0].name, "QUARANTINED");
+    EXPECT_EQ(notifier_.sent()[0].description, foundLine);
+    EXPECT_FALSE(kvtest::exists(controller_->firstPatientScanner().listFilePath())) << "the list file is deleted";
+}
+
+TEST_F(Scanning, TrashModeMovesTheFileIntoTheTrashWithItsTrashInfo)
+{
+    start({{"VelgarTrashFiles", true}});
+    EXPECT_EQ(controller_->trashLocation(), "--move=" + (home_ / "data/Trash/files"));
+    const std::string infected = file("bad name: it's here.com", kvtest::eicar());
+
+    scan({infected});
+    const std::string trashed = home_ / "data/Trash/files/bad name: it's here.com";
+    EXPECT_TRUE(kvtest::exists(trashed));
+    const std::string info = kvtest::readFile(home_ / "data/Trash/info/bad name: it's here.com.trashinfo");
+    EXPECT_NE(info.find("[Trash Info]\nPath=" + kv::percentEncodePath(infected) + "\nDeletionDate="), std::string::npos)
+        << info;
+    EXPECT_NE(info.find("%20it%27s%20here.com"), std::string::npos);
+    EXPECT_TRUE(std::regex_search(info, std::regex(R"(DeletionDate=\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\n$)")));
+
+    EXPECT_TRUE(alerts_.shown().empty());
+    ASSERT_EQ(notifier_.sent().size(), 1u);
+    EXPECT_EQ(notifier_.sent()[0].name, "REMOVED");
+    EXPECT_EQ(notifier_.sent()[0].description, infected) << "only the path";
+}
+
+TEST_F(Scanning, LeaveInPlaceModeWarnsWithTheWholeLine)
+{
+    start();
+    const std::string infected = file("eicar.txt", kvtest::eicar());
+    scan({infected});
+    EXPECT_TRUE(kvtest::exists(infected));
+    const std::string line = infected + ": Eicar-Test-Signature.UNOFFICIAL FOUND";
+    ASSERT_EQ(alerts_.shown().size(), 1u);
+    EXPECT_EQ(alerts_.shown()[0].dialog, "Warning");
+    EXPECT_EQ(alerts_.shown()[0].text, line);
+    ASSERT_EQ(notifier_.sent().size(), 1u);
+    EXPECT_EQ(notifier_.sent()[0].name, "FOUND");
+    EXPECT_EQ(notifier_.sent()[0].description, line);
+}
+
+TEST_F(Scanning, ExcludedBatchAndMissingProgram)
+{
+    start({{"ExcludePatterns",
+            QJsonArray{QJsonObject{{"excludeEnabled", true}, {"excludePattern", QString::fromStdString(home_ / "watched")}}}}});
+    const std::string excluded = file("skip.txt", "x");
+    const std::string log = scan({excluded});
+    EXPECT_TRUE(log.empty()) << log;
+    EXPECT_FALSE(kvtest::exists(controller_->firstPatientScanner().listFilePath())) << "no list file is written";
+    EXPECT_EQ(controller_->scannerCount(), 0);
+
+    // A prefix without its clamdscan: the no-engine alert, and the count
+    // comes back down.
+    std::filesystem::rename(engine_->path() + "/bin/clamdscan", engine_->path() + "/bin/clamdscan.away");
+    controller_->restartWatcher();
+    const std::string other = home_ / "other.txt";
+    kvtest::writeFile(other, "y");
+    scan({other});
+    std::filesystem::rename(engine_->path() + "/bin/clamdscan.away", engine_->path() + "/bin/clamdscan");
+    EXPECT_EQ(controller_->scannerCount(), 0);
+    ASSERT_FALSE(notifier_.sent().empty());
+    EXPECT_EQ(notifier_.sent().back().name, "Error");
+    EXPECT_FALSE(panels_.shown().empty());
+}
+
+TEST_F(Scanning, PlantedLinkAtTheListFileIsNeverFollowed)
+{
+    start();
+    const std::string victim = home_ / "victim";
+    kvtest::writeFile(victim, "precious\n");
+    const std::string listPath = controller_->firstPatientScanner().listFilePath();
+    std::filesystem::create_symlink(victim, listPath);
+    const std::string clean = file("clean.txt", "fine\n");
+    const std::string log = scan({clean});
+    EXPECT_EQ(kvtest::readFile(victim), "precious\n");
+    EXPECT_NE(log.find(clean + ": OK"), std::string::npos) << log;
+}
+
+TEST_F(Scanning, AKilledDaemonIsRelaunchedAndTheNextBatchScanned)
+{
+    start();
+    const int pid = engine_->daemonPid();
+    ::kill(pid, SIGKILL);
+    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::processGone(pid); }, 15000));
+
+    const std::string first = file("first.txt", "one\n");
+    const std::string log = scan({first});
+    EXPECT_NE(log.find("clamd appears to have died - attempting restart..."), std::string::npos) << log;
+    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::socketAccepts(engine_->socket()); }, 15000));
+    EXPECT_TRUE(controller_->clamdStillAlive());
+    EXPECT_TRUE(alerts_.shown().empty()) << "the daemon answers again, so no unreachable alert";
+
+    const std::string second = file("second.txt", "two\n");
+    EXPECT_NE(scan({second}).find(second + ": OK"), std::string::npos);
+}
+
+TEST_F(Scanning, BothWorkersBusyAtOnce)
+{
+    // A stand-in client that holds its run open until the test lets it go,
+    // so both workers can be seen in a run together.
+    const std::string gate = home_ / "gate";
+    const std::string fake = home_ / "fakescan";
+    kvtest::writeFile(fake,
+                      "#!/bin/sh\nfor a; do case $a in --file-list=*) touch \"${a#--file-list=}.seen\";; esac; done\n"
+                      "while [ ! -e " + gate + " ]; do sleep 0.01; done\necho done\n",
+                      0755);
+    start();
+    kv::ScanParameters parameters{nullptr, {fake, "--stdout"}};
+    controller_->firstPatientScanner().setMenuAndParams(parameters);
+    controller_->secondPatientScanner().setMenuAndParams(parameters);
+
+    std::vector<std::string> paths;
+    for (int i = 0; i < 250; ++i)
+        paths.push_back(file("f" + std::to_string(i), "z"));
+    kv::Dispatcher& queue = controller_->theDispatcher();
+    for (const std::string& path : paths)
+        queue.addStringToItemList(path);
+    queue.runOneCycle();
+
+    std::thread first([&] { controller_->firstPatientScanner().scanBatch(queue); });
+    std::thread second([&] { controller_->secondPatientScanner().scanBatch(queue); });
+    const std::string firstList = controller_->firstPatientScanner().listFilePath();
+    const std::string secondList = controller_->secondPatientScanner().listFilePath();
+    EXPECT_NE(firstList, secondList);
+    EXPECT_TRUE(kvtest::waitFor([&] { return kvtest::exists(firstList + ".seen") && kvtest::exists(secondList + ".seen"); },
+                                10000));
+    EXPECT_EQ(controller_->scannerCount(), 2);
+    EXPECT_GT(controller_->firstPatientScanner().runningClientPid(), 0);
+    EXPECT_GT(controller_->secondPatientScanner().runningClientPid(), 0);
+    kvtest::writeFile(gate, "");
+    first.join();
+    second.join();
+    EXPECT_EQ(controller_->scannerCount(), 0);
+}
+
+TEST_F(Scanning, AbortKillsOnlyTheAgentsOwnClients)
+{
+    const std::string fake = home_ / "slowscan";
+    kvtest::writeFile(fake, "#!/bin/sh\nexec sleep 60\n", 0755);
+    start();
+    controller_->firstPatientScanner().setMenuAndParams(kv::ScanParameters{nullptr, {fake}});
+    kvtest::writeFile(home_ / "bystander.sh", "#!/bin/sh\nexec sleep 60\n", 0755);
+    std::optional<kv::ChildProcess> bystander =
+        kv::ChildProcess::spawn({home_ / "bystander.sh"}, kv::ChildProcess::Output::Null);
+    ASSERT_TRUE(bystander);
+
+    std::thread worker([&] { scan({file("a.txt", "a")}); });
+    ASSERT_TRUE(kvtest::waitFor([&] { return controller_->firstPatientScanner().runningClientPid() > 0; }, 10000));
+    controller_->abortScans();
+    worker.join();
+    EXPECT_EQ(controller_->scannerCount(), 0);
+    EXPECT_TRUE(bystander->running()) << "a scan the user runs by hand goes on";
+    ::kill(bystander->pid(), SIGKILL);
+}
+
+TEST_F(Scanning, FaultInARunIsReportedAndTheCountRestored)
+{
+    start();
+    kv::PatientScanner::faultInjectionForTesting = [] { throw std::runtime_error("disk on fire"); };
+    kvtest::LogCapture capture;
+    scan({file("x.txt", "x")});
+    kv::PatientScanner::faultInjectionForTesting = nullptr;
+    EXPECT_TRUE(capture.contains("Scanner: Caught"));
+    EXPECT_TRUE(capture.contains("disk on fire"));
+    for (int v = 1; v <= 9; ++v)
+        EXPECT_TRUE(capture.contains("Scanner v" + std::to_string(v) + " of 9: ")) << v;
+    EXPECT_EQ(controller_->scannerCount(), 0);
+}
+
+// Output handling, chunk by chunk, with the worker configured in each mode.
+class OutputHandling : public Scanning {};
+
+struct OutputCase {
+    const char* name;
+    std::vector<std::string> chunks;
+    std::vector<std::string> loggedTexts;  // what follows the stamp, in order
+    size_t alerts;
+};
+
+TEST_F(OutputHandling, ChunksBecomeLinesAndAlerts)
+{
+    start();
+    controller_->firstPatientScanner().takeConfigurationForRun();
+    const std::vector<OutputCase> cases = {
+        {"one line", {"/a: OK\n"}, {"/a: OK"}, 0},
+        {"split line logged as two parts", {"/long/pa", "th: OK\n"}, {"/long/pa", "th: OK"}, 0},
+        {"cut inside a multi-byte character", {"/caf\xc3", "\xa9: OK\n"}, {}, 0},
+        {"short lines", {"a\nab\nabcde\n\n-----\nTime:\n"}, {"a", "ab", "abcde", "-----", "Time:"}, 0},
+        {"summary skipped",
+         {"\n----------- SCAN SUMMARY -----------\nInfected files: 1\nTotal errors: 1\nTime: 0.1 sec\n"},
+         {"Total errors: 1"},
+         0},
+        {"FOUND not at the end", {"/x: FOUND it OK\n"}, {"/x: FOUND it OK"}, 0},
+        {"three findings in one chunk",
+         {"/1: E.UNOFFICIAL FOUND\n/2: E.UNOFFICIAL FOUND\n/3: E.UNOFFICIAL FOUND\n"},
+         {"/1: E.UNOFFICIAL FOUND", "/2: E.UNOFFICIAL FOUND", "/3: E.UNOFFICIAL FOUND"},
+         3},
+        {"warning with trailing text is an ordinary line",
+         {"WARNING: Can't connect to clamd. Retrying\n"},
+         {"WARNING: Can't connect to clamd. Retrying"},
+         0},
+    };
+    for (const OutputCase& c : cases) {
+        const size_t alertsBefore = alerts_.shown().size();
+        const std::string log = kvtest::captureStandardStreams([&] {
+            for (const std::string& chunk : c.chunks)
+                controller_->firstPatientScanner().dealWithOutput(chunk);
+        });
+        std::vector<std::string> texts;
+        for (const std::string& line : linesOf(log)) {
+            ASSERT_TRUE(std::regex_match(line, kStampedLine)) << c.name << ": " << line;
+            texts.push_back(line.substr(20));
+        }
+        EXPECT_EQ(texts, c.loggedTexts) << c.name;
+        EXPECT_EQ(alerts_.shown().size() - alertsBefore, c.alerts) << c.name;
+    }
+}
+
+TEST_F(OutputHandling, LostDaemonLinesStartOneRecoveryPerRun)
+{
+    start();
+    kv::PatientScanner& scanner = controller_->firstPatientScanner();
+    scanner.takeConfigurationForRun();
+    const std::string log = kvtest::captureStandardStreams([&] {
+        scanner.dealWithOutput("WARNING: Can't connect to clamd.\n");
+        scanner.dealWithOutput("ERROR: Could not connect to clamd on LocalSocket /s: No such file\n"
+                               "ERROR: Could not connect to clamd on LocalSocket /s: No such file\n");
+    });
+    // The relaunched daemon's own complaints (one already runs) land in the
+    // log as well; the agent's lines are the stamped ones.
+    std::vector<std::string> lines;
+    for (const std::string& line : linesOf(log)) {
+        if (std::regex_match(line, kStampedLine))
+            lines.push_back(line);
+    }
+    ASSERT_EQ(lines.size(), 3u) << log;
+    EXPECT_NE(lines[0].find(" clamd appears to have died - attempting restart..."), std::string::npos);
+    EXPECT_NE(lines[1].find(" clamd appears to have died - attempting restart..."), std::string::npos);
+    EXPECT_NE(lines[2].find(" ERROR: Could not connect to clamd on LocalSocket /s"), std::string::npos);
+}
+
+TEST_F(OutputHandling, DialogsByModeAndSwitch)
+{
+    const std::string line = "/q/e.com: Eicar-Test-Signature.UNOFFICIAL FOUND";
+    struct ModeCase {
+        const char* name;
+        QJsonObject preferences;
+        bool loads;
+        std::vector<std::string> dialogs;
+        std::vector<std::string> notifications;
+    };
+    const std::vector<ModeCase> cases = {
+        {"quarantine", {{"VelgarQuarantineFiles", true}}, true, {"Quarantined"}, {"QUARANTINED"}},
+        {"quarantine, dialogs suppressed", {{"VelgarQuarantineFiles", true}, {"SuppressInfoDialogs", true}}, true, {},
+         {"QUARANTINED"}},
+        {"quarantine, dialog file broken", {{"VelgarQuarantineFiles", true}}, false, {}, {"QUARANTINED"}},
+        {"in place, suppression does not apply", {{"SuppressInfoDialogs", true}}, true, {"Warning"}, {"FOUND"}},
+        {"in place, dialog file broken", {}, false, {}, {}},
+    };
+    for (const ModeCase& c : cases) {
+        alerts_.loads = c.loads;
+        start(c.preferences);
+        const size_t dialogsBefore = alerts_.shown().size();
+        const size_t notificationsBefore = notifier_.sent().size();
+        kvtest::LogCapture capture;
+        controller_->firstPatientScanner().takeConfigurationForRun();
+        kvtest::captureStandardStreams([&] { controller_->firstPatientScanner().dealWithOutput(line + "\n"); });
+        std::vector<std::string> dialogs, notifications;
+        for (size_t i = dialogsBefore; i < alerts_.shown().size(); ++i)
+            dialogs.push_back(alerts_.shown()[i].dialog);
+        for (size_t i = notificationsBefore; i < notifier_.sent().size(); ++i)
+            notifications.push_back(notifier_.sent()[i].name);
+        EXPECT_EQ(dialogs, c.dialogs) << c.name;
+        EXPECT_EQ(notifications, c.notifications) << c.name;
+        EXPECT_EQ(capture.contains("Error loading Nib for document!"), !c.loads) << c.name;
+    }
+}
+
+TEST(ExclusionPatterns, PlainAndRegularExpressionRecords)
+{
+    kvtest::ScopedEnv home("HOME", std::string("/home/h"));
+    const auto record = [](const char* pattern, bool regex, QJsonValue enabled = true) {
+        QJsonObject r{{"excludePattern", pattern}, {"excludeRegEx", regex}};
+        if (!enabled.isUndefined())
+            r["excludeEnabled"] = enabled;
+        return r;
+    };
+    struct Case {
+        const char* name;
+        QJsonObject record;
+        const char* path;
+        bool excluded;
+    };
+    const std::vector<Case> cases = {
+        {"tilde folder", record("~/Private", false), "/home/h/Private/a/b.txt", true},
+        {"tilde folder elsewhere in a path", record("~/Private", false), "/mnt/x/home/h/Private/c", true},
+        {"dot is literal", record("a.b", false), "/x/aXb", false},
+        {"dot matches a dot", record("a.b", false), "/x/a.b", true},
+        {"star is literal", record("*.exe", false), "/x/setup.exe", false},
+        {"question mark is literal", record("file?.txt", false), "/x/file1.txt", false},
+        {"braces reach the compiler", record("ab{2}", false), "/x/abb", true},
+        {"closing bracket unescaped", record("x]", false), "/x]/y", true},
+        {"caret anchors at the last component", record("^setup", true), "/down/loads/setup.exe", true},
+        {"caret does not match mid-name", record("^setup", true), "/down/mysetup.exe", false},
+        {"dollar anchors the end", record("\\.iso$", true), "/down/disk.iso", true},
+        {"dollar misses a later end", record("\\.iso$", true), "/down/disk.iso.part", false},
+        {"disabled record", record("Private", false, false), "/Private/x", false},
+        {"record without the enabled key", record("Private", false, QJsonValue::Undefined), "/Private/x", false},
+        {"case-sensitive", record("SECRET", false), "/home/h/secret/x", false},
+        {"expression that does not compile", record("(", true), "/(/x", false},
+    };
+    for (const Case& c : cases) {
+        const std::vector<std::string> patterns = kv::buildExcludePatterns(QJsonArray{c.record});
+        bool excluded = false;
+        for (const std::string& pattern : patterns)
+            excluded = excluded || kv::search(c.path, pattern);
+        EXPECT_EQ(excluded, c.excluded) << c.name;
+    }
+    EXPECT_EQ(kv::escapePlainPattern("\\[^$.|?*+()]{}"), "\\\\\\[\\^\\$\\.\\|\\?\\*\\+\\(\\)]{}");
+}
+
+} // namespace

@@ -1,0 +1,95 @@
+// The scan log's rotation configuration and a real rotation with logrotate.
+
+#include "app/ScanLog.h"
+#include "tests/support/TestSupport.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QJsonValue>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+TEST(ScanLog, ThresholdFromPreference)
+{
+    const std::vector<std::pair<std::optional<QJsonValue>, int>> cases = {
+        {std::nullopt, 5120}, {QJsonValue(0), 5120},    {QJsonValue(-4), 5120},
+        {QJsonValue("100"), 5120}, {QJsonValue(100), 100}, {QJsonValue(1), 1},
+        {QJsonValue(2.9), 2},  {QJsonValue(true), 5120},
+    };
+    for (const auto& [preference, expected] : cases)
+        EXPECT_EQ(kv::ScanLog::thresholdKilobytes(preference), expected);
+}
+
+TEST(ScanLog, RotationConfigurationByteForByte)
+{
+    EXPECT_EQ(kv::ScanLog::rotationConfigText("/Users/u/Library/Logs/KorvaneVelgar-scan.log", 501, 20, 5120),
+              "# logfilename [owner:group] mode count size when flags [/pid_file] [sig_num]\n"
+              "/Users/u/Library/Logs/KorvaneVelgar-scan.log\t501:20\t640\t3\t5120\t*\tCJN");
+    EXPECT_EQ(kv::ScanLog("/home/h").path(), "/home/h/Library/Logs/KorvaneVelgar-scan.log");
+    EXPECT_EQ(kv::ScanLog("/home/h/").path(), "/home/h/Library/Logs/KorvaneVelgar-scan.log");
+}
+
+TEST(ScanLog, LogrotateKeepsThreeBzip2ArchivesAndRecreatesTheLog)
+{
+    kvtest::TempDir home;
+    kvtest::TempDir temporary;
+    kv::ScanLog log(home.path());
+    const std::string logs = home / "Library/Logs";
+    const QJsonValue oneKilobyte(1);
+
+    for (int round = 0; round < 5; ++round) {
+        kvtest::writeFile(log.path(), std::string(2048, 'a' + round) + "\n", 0640);
+        log.rotateLogFile(oneKilobyte, temporary.path(), false);
+    }
+    EXPECT_FALSE(kvtest::exists(temporary / "scanlogrotate.conf")) << "the configuration is deleted after use";
+
+    std::vector<std::string> archives;
+    for (const auto& entry : std::filesystem::directory_iterator(logs)) {
+        if (entry.path().extension() == ".bz2")
+            archives.push_back(entry.path().filename());
+    }
+    EXPECT_EQ(archives.size(), 3u);
+    struct stat info{};
+    ASSERT_EQ(::stat(log.path().c_str(), &info), 0) << "a new log is created";
+    EXPECT_EQ(info.st_mode & 0777, 0640u);
+    EXPECT_EQ(info.st_size, 0);
+
+    // Below the threshold nothing moves.
+    kvtest::writeFile(log.path(), "short\n", 0640);
+    log.rotateLogFile(std::nullopt, temporary.path(), false);
+    EXPECT_EQ(kvtest::readFile(log.path()), "short\n");
+}
+
+TEST(ScanLog, RedirectionCreatesTheFolderAndSurvivesAnUnwritableOne)
+{
+    kvtest::TempDir home;
+    kv::ScanLog log(home.path());
+    const std::string streams = kvtest::captureStandardStreams([&] {
+        log.logAllToScanLog();
+        std::printf("into the log\n");
+        std::fflush(stdout);
+    });
+    EXPECT_EQ(kvtest::readFile(log.path()), "into the log\n");
+    EXPECT_TRUE(streams.empty());
+
+
+    // A log folder that cannot be made: the streams stay where they were.
+    kvtest::TempDir blocked;
+    kvtest::writeFile(blocked / "Library", "a file where the folder should be");
+    kv::ScanLog unreachable(blocked.path());
+    kvtest::LogCapture capture;
+    const std::string kept = kvtest::captureStandardStreams([&] {
+        unreachable.logAllToScanLog();
+        std::printf("still here\n");
+        std::fflush(stdout);
+    });
+    EXPECT_TRUE(capture.contains("cannot be opened"));
+    EXPECT_NE(kept.find("still here"), std::string::npos);
+}
+
+} // namespace

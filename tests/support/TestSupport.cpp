@@ -1,0 +1,330 @@
+#include "tests/support/TestSupport.h"
+
+#include "engine/ClamdCtrl.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace kvtest {
+
+TempDir::TempDir()
+{
+    char pattern[] = "/tmp/kvtest-XXXXXX";
+    if (!::mkdtemp(pattern))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+void writeFile(const std::string& path, const std::string& contents, unsigned mode)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    {
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file << contents;
+    }
+    ::chmod(path.c_str(), mode);
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream contents;
+    contents << file.rdbuf();
+    return contents.str();
+}
+
+bool exists(const std::string& path)
+{
+    struct stat info{};
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name)
+{
+    if (const char* old = std::getenv(name))
+        previous_ = old;
+    if (value)
+        ::setenv(name, value->c_str(), 1);
+    else
+        ::unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    if (previous_)
+        ::setenv(name_.c_str(), previous_->c_str(), 1);
+    else
+        ::unsetenv(name_.c_str());
+}
+
+LogCapture::LogCapture() { kv::setLogObserver(&LogCapture::collect, this); }
+LogCapture::~LogCapture() { kv::setLogObserver(nullptr, nullptr); }
+
+void LogCapture::collect(const std::string& line, void* context)
+{
+    auto* self = static_cast<LogCapture*>(context);
+    std::lock_guard<std::mutex> guard(self->mutex_);
+    self->lines_.push_back(line);
+}
+
+std::vector<std::string> LogCapture::lines() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+}
+
+bool LogCapture::contains(const std::string& text) const { return count(text) > 0; }
+
+size_t LogCapture::count(const std::string& text) const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    size_t found = 0;
+    for (const std::string& line : lines_) {
+        if (line.find(text) != std::string::npos)
+            ++found;
+    }
+    return found;
+}
+
+std::string captureStandardStreamsImpl(void (*call)(void*), void* context)
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    char pattern[] = "/tmp/kvtest-streams-XXXXXX";
+    const int target = ::mkstemp(pattern);
+    const int savedOut = ::dup(STDOUT_FILENO);
+    const int savedErr = ::dup(STDERR_FILENO);
+    ::dup2(target, STDOUT_FILENO);
+    ::dup2(target, STDERR_FILENO);
+    call(context);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ::dup2(savedOut, STDOUT_FILENO);
+    ::dup2(savedErr, STDERR_FILENO);
+    ::close(savedOut);
+    ::close(savedErr);
+    ::close(target);
+    const std::string written = readFile(pattern);
+    ::unlink(pattern);
+    return written;
+}
+
+std::optional<QJsonValue> FakePreferences::object(const std::string& key) const
+{
+    const QString qkey = QString::fromStdString(key);
+    for (const QJsonObject* domain : {&own, &suite}) {
+        if (domain->contains(qkey) && !domain->value(qkey).isNull())
+            return domain->value(qkey);
+    }
+    return std::nullopt;
+}
+
+bool RecordingNotifier::notify(const kv::DesktopNotification& notification)
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    sent_.push_back(notification);
+    return true;
+}
+
+std::vector<kv::DesktopNotification> RecordingNotifier::sent() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return sent_;
+}
+
+void RecordingPanels::displayDialog(kv::Panel panel)
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    shown_.push_back(panel);
+}
+
+void RecordingPanels::setUpdateWindowText(const std::string& text)
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    updateText = text;
+}
+
+int RecordingPanels::transformToForegroundApplication()
+{
+    ++foregroundRequests;
+    return 0;
+}
+
+std::vector<kv::Panel> RecordingPanels::shown() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return shown_;
+}
+
+bool RecordingCenter::post(const std::string& name, const std::string& object)
+{
+    posted.emplace_back(name, object);
+    return true;
+}
+
+bool RecordingCenter::observe(const std::string& name, Handler handler)
+{
+    handlers.emplace(name, std::move(handler));
+    return true;
+}
+
+void RecordingCenter::deliver(const std::string& name, const std::string& object)
+{
+    std::vector<Handler> toCall;
+    auto [first, last] = handlers.equal_range(name);
+    for (auto it = first; it != last; ++it)
+        toCall.push_back(it->second);
+    for (const Handler& handler : toCall)
+        handler(name, object);
+}
+
+bool RecordingAlerts::record(Shown shown)
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!loads)
+        return false;
+    shown_.push_back(std::move(shown));
+    return true;
+}
+
+bool RecordingAlerts::showQuarantinedDialog(const std::string& owner, const std::string& folder)
+{
+    return record({"Quarantined", owner, folder, {}});
+}
+
+bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line)
+{
+    return record({"Warning", owner, line, {}});
+}
+
+bool RecordingAlerts::showEngineUnreachableDialog(const std::string& owner, const std::string& message,
+                                                  const std::string& quitTitle)
+{
+    return record({"EngineUnreachable", owner, message, quitTitle});
+}
+
+std::vector<RecordingAlerts::Shown> RecordingAlerts::shown() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return shown_;
+}
+
+std::string eicar() { return R"(X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*)"; }
+
+namespace {
+std::string sourceRoot()
+{
+#ifdef KV_SOURCE_DIR
+    return KV_SOURCE_DIR;
+#else
+    return ".";
+#endif
+}
+} // namespace
+
+EnginePrefix::EnginePrefix()
+{
+    const std::string root = dir_.path();
+    std::filesystem::create_directories(root + "/bin");
+    std::filesystem::create_directories(root + "/sbin");
+    std::filesystem::create_directories(root + "/run");
+    std::filesystem::create_directories(root + "/db");
+    std::filesystem::create_symlink("/usr/sbin/clamd", root + "/sbin/clamd");
+    writeFile(root + "/db/korvane-test.ndb", readFile(sourceRoot() + "/resources/clamav/korvane-test.ndb"));
+    writeFile(config(), "LocalSocket " + socket() + "\nDatabaseDirectory " + root + "/db\nPidFile " + pidFile() +
+                            "\nForeground no\nLogFile " + root + "/clamd.log\nTemporaryDirectory /tmp\n");
+    writeFile(root + "/bin/clamdscan",
+              "#!/bin/sh\nexec /usr/bin/clamdscan --config-file=" + config() + " \"$@\"\n", 0755);
+}
+
+EnginePrefix::~EnginePrefix()
+{
+    stopDaemon();
+    // A daemon the agent relaunched from this prefix must not outlive it:
+    // the next test would find it in the process list.
+    const std::string command = "pkill -KILL -f '^" + path() + "/sbin/clamd ' >/dev/null 2>&1";
+    if (std::system(command.c_str()) == 0)
+        waitFor([&] { return std::system(("pgrep -f '^" + path() + "/sbin/clamd ' >/dev/null").c_str()) != 0; }, 10000);
+}
+
+bool EnginePrefix::startDaemon()
+{
+    const std::string command = path() + "/sbin/clamd -c " + config() + " >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0)
+        return false;
+    return waitFor([this] { return daemonRunning() && socketAccepts(socket()); }, 15000);
+}
+
+bool socketAccepts(const std::string& path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return accepted;
+}
+
+int EnginePrefix::daemonPid() const
+{
+    const std::string text = readFile(pidFile());
+    return text.empty() ? -1 : std::atoi(text.c_str());
+}
+
+bool processGone(int pid) { return pid <= 0 || ::kill(pid, 0) != 0; }
+
+bool EnginePrefix::daemonRunning() const
+{
+    const int pid = daemonPid();
+    if (pid <= 0 || ::kill(pid, 0) != 0)
+        return false;
+    // A zombie left for an absent init still answers kill(0): look at its state.
+    const std::string status = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = status.rfind(')');
+    return close != std::string::npos && close + 2 < status.size() && status[close + 2] != 'Z';
+}
+
+void EnginePrefix::stopDaemon()
+{
+    const int pid = daemonPid();
+    if (pid > 0 && daemonRunning()) {
+        ::kill(pid, SIGTERM);
+        // Wait until the process is gone altogether: a zombie still shows in
+        // the process list, where the next test would take it for a daemon.
+        waitFor([pid] { return ::kill(pid, 0) != 0; }, 15000);
+    }
+}
+
+bool waitFor(const std::function<bool()>& predicate, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+} // namespace kvtest

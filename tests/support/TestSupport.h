@@ -1,0 +1,204 @@
+#pragma once
+
+// Small helpers shared by the test suites: temporary folders, files,
+// environment overrides, log capture and the recording fakes that stand
+// behind the platform interfaces.
+
+#include "app/StatusMenu.h"
+#include "platform/DesktopNotifier.h"
+#include "platform/DistributedCenter.h"
+#include "platform/Log.h"
+#include "platform/Panels.h"
+#include "platform/Preferences.h"
+#include "scan/ScanAlerts.h"
+
+#include <QJsonObject>
+
+#include <functional>
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvtest {
+
+// A fresh folder under /tmp, removed with everything in it on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& contents, unsigned mode = 0644);
+std::string readFile(const std::string& path);
+bool exists(const std::string& path);
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::optional<std::string>& value);
+    ~ScopedEnv();
+
+private:
+    std::string name_;
+    std::optional<std::string> previous_;
+};
+
+// Collects every line passed to the agent's log call.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<std::string> lines() const;
+    bool contains(const std::string& text) const;
+    size_t count(const std::string& text) const;
+
+private:
+    static void collect(const std::string& line, void* context);
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+// Runs a function with file descriptors 1 and 2 sent to one file, and
+// returns what was written there.
+template <typename Function>
+std::string captureStandardStreams(Function&& function);
+std::string captureStandardStreamsImpl(void (*call)(void*), void* context);
+
+template <typename Function>
+std::string captureStandardStreams(Function&& function)
+{
+    return captureStandardStreamsImpl([](void* f) { (*static_cast<Function*>(f))(); }, &function);
+}
+
+// In-memory preferences: the agent's own domain and one suite.
+class FakePreferences : public kv::Preferences {
+public:
+    QJsonObject own;
+    QJsonObject suite;
+    int synchronizations = 0;
+
+    void addSuite(const std::string& domain) override { suites.push_back(domain); }
+    void synchronize() override { ++synchronizations; }
+    std::optional<QJsonValue> object(const std::string& key) const override;
+    std::vector<std::string> suites;
+};
+
+class RecordingNotifier : public kv::DesktopNotifier {
+public:
+    bool running = true;
+    bool isRunning() override { return running; }
+    bool notify(const kv::DesktopNotification& notification) override;
+    std::vector<kv::DesktopNotification> sent() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<kv::DesktopNotification> sent_;
+};
+
+class RecordingPanels : public kv::Panels {
+public:
+    void displayDialog(kv::Panel panel) override;
+    void setUpdateWindowText(const std::string& text) override;
+    int transformToForegroundApplication() override;
+    std::vector<kv::Panel> shown() const;
+    int foregroundRequests = 0;
+    std::string updateText;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<kv::Panel> shown_;
+};
+
+class RecordingStatusMenu : public kv::StatusMenu {
+public:
+    void enableMenuItems(int state) override { states.push_back(state); }
+    void clearMenu() override { ++clears; entries.clear(); }
+    void setNumItemsToWatch(int count) override { expected = count; }
+    void addToMenu(const std::string& title, const std::string&) override { entries.push_back(title); }
+    void setReady() override { ++readyCalls; }
+    std::vector<int> states;
+    std::vector<std::string> entries;
+    int clears = 0;
+    int expected = -1;
+    int readyCalls = 0;
+};
+
+class RecordingCenter : public kv::DistributedCenter {
+public:
+    bool post(const std::string& name, const std::string& object) override;
+    bool observe(const std::string& name, Handler handler) override;
+    void removeAllObservers() override { handlers.clear(); }
+    // Delivers a notification to the observers, as the bus would.
+    void deliver(const std::string& name, const std::string& object);
+    std::vector<std::pair<std::string, std::string>> posted;
+    std::multimap<std::string, Handler> handlers;
+};
+
+class RecordingAlerts : public kv::ScanAlerts {
+public:
+    struct Shown {
+        std::string dialog;  // "Quarantined", "Warning" or "EngineUnreachable"
+        std::string owner;
+        std::string text;    // quarantine folder, output line or message
+        std::string quitTitle;
+    };
+    bool loads = true;  // false: the interface files cannot be loaded
+    bool showQuarantinedDialog(const std::string& owner, const std::string& folder) override;
+    bool showWarningDialog(const std::string& owner, const std::string& line) override;
+    bool showEngineUnreachableDialog(const std::string& owner, const std::string& message,
+                                     const std::string& quitTitle) override;
+    std::vector<Shown> shown() const;
+
+private:
+    bool record(Shown shown);
+    mutable std::mutex mutex_;
+    std::vector<Shown> shown_;
+};
+
+// The 68-byte EICAR test string.
+std::string eicar();
+
+// An engine prefix laid out as the agent expects it (bin/clamdscan,
+// sbin/clamd, etc/clamd.conf, a database with the EICAR signature) whose
+// daemon listens on a socket inside the prefix. The daemon is stopped when
+// the object goes away if it still runs.
+class EnginePrefix {
+public:
+    EnginePrefix();
+    ~EnginePrefix();
+    const std::string& path() const { return dir_.path(); }
+    std::string socket() const { return dir_.path() + "/run/clamd.ctl"; }
+    std::string config() const { return dir_.path() + "/etc/clamd.conf"; }
+    std::string pidFile() const { return dir_.path() + "/run/clamd.pid"; }
+    // Starts the daemon directly (not through the agent) and waits until its
+    // socket answers.
+    bool startDaemon();
+    bool daemonRunning() const;
+    void stopDaemon();
+    // The daemon's pid from its pid file, or -1.
+    int daemonPid() const;
+
+private:
+    TempDir dir_;
+};
+
+// True when no process (not even a zombie) has the pid.
+bool processGone(int pid);
+
+// True when something accepts connections on the UNIX socket.
+bool socketAccepts(const std::string& path);
+
+// Waits up to timeoutMs for the predicate, checking every few milliseconds.
+bool waitFor(const std::function<bool()>& predicate, int timeoutMs);
+
+} // namespace kvtest
