@@ -15,7 +15,7 @@
 namespace {
 
 // A listener on a UNIX socket that accepts one connection, reads what the
-// client sends and then either answers or hangs up at once.
+// client sends and then either answers or hangs up without a word.
 class OneShotListener {
 public:
     OneShotListener(const std::string& path, bool answer) : path_(path)
@@ -29,9 +29,9 @@ public:
             const int client = ::accept(fd_, nullptr, nullptr);
             if (client < 0)
                 return;
+            char buffer[16] = {};
+            received_.assign(buffer, static_cast<size_t>(std::max<ssize_t>(0, ::read(client, buffer, sizeof buffer))));
             if (answer) {
-                char buffer[16] = {};
-                received_.assign(buffer, static_cast<size_t>(std::max<ssize_t>(0, ::read(client, buffer, sizeof buffer))));
                 const char pong[] = "PONG\n";
                 (void)!::write(client, pong, sizeof pong - 1);
             }

@@ -1,0 +1,331 @@
+#include "eventhelper/FanotifyWatch.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace kv::gfs {
+namespace {
+
+// One read takes thousands of events at once.
+constexpr size_t kEventBufferSize = 256 * 1024;
+
+// Whole-file-system marks: files created, closed after writing, moved in;
+// FAN_ONDIR adds folders, of which only those moved in are reported.
+constexpr std::uint64_t kHandleMask = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ONDIR;
+constexpr std::uint64_t kDescriptorMask = FAN_CLOSE_WRITE;
+
+std::uint64_t fsidKey(const __kernel_fsid_t& fsid)
+{
+    std::uint64_t key = 0;
+    static_assert(sizeof key == sizeof fsid);
+    std::memcpy(&key, &fsid, sizeof key);
+    return key;
+}
+
+std::uint64_t fsidKey(const struct statfs& info)
+{
+    std::uint64_t key = 0;
+    static_assert(sizeof key == sizeof info.f_fsid);
+    std::memcpy(&key, &info.f_fsid, sizeof key);
+    return key;
+}
+
+bool wanted(std::uint64_t mask)
+{
+    if (mask & FAN_ONDIR)
+        return mask & FAN_MOVED_TO;
+    return mask & (FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE);
+}
+
+// The path of an open descriptor, as the kernel names it in our mount
+// namespace; nothing for an object that has been deleted or lies outside
+// our root.
+std::optional<std::string> pathOf(int fd)
+{
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char target[PATH_MAX];
+    const ssize_t length = ::readlink(link, target, sizeof target);
+    if (length <= 0 || length == static_cast<ssize_t>(sizeof target) || target[0] != '/')
+        return std::nullopt;
+    std::string path(target, static_cast<size_t>(length));
+    static constexpr std::string_view kDeleted = " (deleted)";
+    if (path.ends_with(kDeleted)) {
+        struct stat info{};
+        if (::fstat(fd, &info) != 0 || info.st_nlink == 0)
+            return std::nullopt;
+    }
+    return path;
+}
+
+std::string parentFolder(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
+}
+
+void reportOverflow()
+{
+    static constexpr char kMessage[] = "gfslogger: the kernel's event queue overflowed; file events were lost";
+    std::fprintf(stderr, "%s\n", kMessage);
+    ::syslog(LOG_WARNING, "%s", kMessage);
+}
+
+// Folder paths resolved while one batch of events is handled. Kept for the
+// batch only: a folder renamed later gets its new path in the next batch,
+// and no mount stays pinned by our descriptors after it.
+class Batch {
+public:
+    Batch(const std::unordered_map<std::uint64_t, std::string>& mountPoints, const Privileges& privileges)
+        : mountPoints_(mountPoints), privileges_(privileges)
+    {
+    }
+
+    // The folder that a file handle names, when the real user may list it.
+    const std::optional<std::string>& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
+    {
+        std::string key(reinterpret_cast<const char*>(&fsid), sizeof fsid);
+        key.append(reinterpret_cast<const char*>(handle), sizeof *handle + handle->handle_bytes);
+        auto [slot, inserted] = folders_.try_emplace(std::move(key));
+        if (!inserted)
+            return slot->second;
+        const int mountFd = mountFdFor(fsidKey(fsid));
+        if (mountFd < 0)
+            return slot->second;
+        UniqueFd folder(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), O_PATH | O_CLOEXEC));
+        if (!folder)
+            return slot->second;
+        std::optional<std::string> path = pathOf(folder.get());
+        if (path && privileges_.realUserCanList(*path))
+            slot->second = std::move(path);
+        return slot->second;
+    }
+
+private:
+    int mountFdFor(std::uint64_t fsid)
+    {
+        auto [slot, inserted] = mountFds_.try_emplace(fsid);
+        if (!inserted)
+            return slot->second.get();
+        const auto mountPoint = mountPoints_.find(fsid);
+        if (mountPoint == mountPoints_.end())
+            return -1;
+        UniqueFd fd(::open(mountPoint->second.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        struct statfs info{};
+        // Something else may be mounted there by now; a handle must never
+        // be decoded on another file system.
+        if (fd && ::fstatfs(fd.get(), &info) == 0 && fsidKey(info) == fsid)
+            slot->second = std::move(fd);
+        return slot->second.get();
+    }
+
+    const std::unordered_map<std::uint64_t, std::string>& mountPoints_;
+    const Privileges& privileges_;
+    std::unordered_map<std::string, std::optional<std::string>> folders_;
+    std::unordered_map<std::uint64_t, UniqueFd> mountFds_;
+};
+
+// The record naming the folder and entry of an event, if it has one.
+const fanotify_event_info_fid* folderRecord(const fanotify_event_metadata* event)
+{
+    const char* record = reinterpret_cast<const char*>(event) + event->metadata_len;
+    const char* end = reinterpret_cast<const char*>(event) + event->event_len;
+    while (record + sizeof(fanotify_event_info_header) <= end) {
+        const auto* header = reinterpret_cast<const fanotify_event_info_header*>(record);
+        if (header->len < sizeof *header || record + header->len > end)
+            return nullptr;
+        if (header->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
+            header->len >= sizeof(fanotify_event_info_fid) + sizeof(file_handle))
+            return reinterpret_cast<const fanotify_event_info_fid*>(record);
+        record += header->len;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+FanotifyWatch::FanotifyWatch(const Privileges& privileges)
+    : privileges_(privileges), events_(new char[kEventBufferSize])
+{
+    ::openlog("gfslogger", LOG_PID, LOG_USER);
+}
+
+FanotifyWatch::~FanotifyWatch() = default;
+
+bool FanotifyWatch::open(std::string* message)
+{
+    const unsigned common = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;
+    const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
+    handleGroup_.reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
+    if (!handleGroup_) {
+        *message = std::string("gfslogger: fanotify with file handles: ") + std::strerror(errno);
+        return false;
+    }
+    descriptorGroup_.reset(::fanotify_init(common, eventFlags));
+    if (!descriptorGroup_) {
+        *message = std::string("gfslogger: fanotify: ") + std::strerror(errno);
+        return false;
+    }
+    mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    if (!mountTable_) {
+        *message = std::string("gfslogger: /proc/self/mountinfo: ") + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+void FanotifyWatch::markMounts()
+{
+    const std::optional<std::string> table = MountTable::read(mountTable_.get());
+    if (!table)
+        return;
+    std::unordered_map<std::string, MarkedMount> current;
+    for (const MountTable::Entry& entry : MountTable::parse(*table)) {
+        if (!MountTable::holdsUserFiles(entry))
+            continue;
+        std::string key = entry.key();
+        if (auto known = marked_.find(key); known != marked_.end())
+            current.emplace(std::move(key), std::move(known->second));
+        else
+            current.emplace(std::move(key), mark(entry));
+    }
+    marked_ = std::move(current);
+
+    std::unordered_map<std::uint64_t, const MarkedMount*> best;
+    for (const auto& [key, mount] : marked_) {
+        if (mount.kind != MarkedMount::WholeFileSystem)
+            continue;
+        const MarkedMount*& chosen = best[mount.fsid];
+        if (!chosen || (mount.mountsFileSystemRoot && !chosen->mountsFileSystemRoot) ||
+            (mount.mountsFileSystemRoot == chosen->mountsFileSystemRoot &&
+             mount.mountPoint.size() < chosen->mountPoint.size()))
+            chosen = &mount;
+    }
+    mountPointOfFsid_.clear();
+    for (const auto& [fsid, mount] : best)
+        mountPointOfFsid_.emplace(fsid, mount->mountPoint);
+}
+
+FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
+{
+    MarkedMount marked;
+    marked.mountPoint = entry.mountPoint;
+    marked.mountsFileSystemRoot = entry.root == "/";
+    // A file bind-mounted over another (common in containers) is no place
+    // to resolve folders from; its file system is mounted elsewhere too.
+    struct stat info{};
+    if (::stat(entry.mountPoint.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+        return marked;
+
+    if (::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kHandleMask, AT_FDCWD,
+                        entry.mountPoint.c_str()) == 0) {
+        struct statfs fs{};
+        if (::statfs(entry.mountPoint.c_str(), &fs) == 0) {
+            marked.kind = MarkedMount::WholeFileSystem;
+            marked.fsid = fsidKey(fs);
+        }
+        return marked;
+    }
+    const int error = errno;
+    if (error != ENODEV && error != EOPNOTSUPP && error != EXDEV) {
+        reportOnce(entry.mountPoint, "cannot watch", error);
+        return marked;
+    }
+    // No file handles here: settle for files closed after writing, seen
+    // through this mount.
+    if (::fanotify_mark(descriptorGroup_.get(), FAN_MARK_ADD | FAN_MARK_MOUNT, kDescriptorMask, AT_FDCWD,
+                        entry.mountPoint.c_str()) == 0)
+        marked.kind = MarkedMount::MountOnly;
+    else
+        reportOnce(entry.mountPoint, "cannot watch this mount", errno);
+    return marked;
+}
+
+void FanotifyWatch::reportOnce(const std::string& mountPoint, const char* what, int error)
+{
+    if (reported_[mountPoint]++ == 0)
+        std::fprintf(stderr, "gfslogger: %s %s: %s\n", what, mountPoint.c_str(), std::strerror(error));
+}
+
+FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
+{
+    ssize_t length;
+    do {
+        length = ::read(handleGroup_.get(), events_.get(), kEventBufferSize);
+    } while (length < 0 && errno == EINTR);
+    if (length <= 0)
+        return ReadResult::Ok;
+
+    Batch batch(mountPointOfFsid_, privileges_);
+    std::string path;
+    for (auto* event = reinterpret_cast<const fanotify_event_metadata*>(events_.get()); FAN_EVENT_OK(event, length);
+         event = FAN_EVENT_NEXT(event, length)) {
+        if (event->vers != FANOTIFY_METADATA_VERSION)
+            return ReadResult::Unusable;
+        if (event->fd >= 0)
+            ::close(event->fd);
+        if (event->mask & FAN_Q_OVERFLOW) {
+            reportOverflow();
+            continue;
+        }
+        if (!wanted(event->mask))
+            continue;
+        const fanotify_event_info_fid* record = folderRecord(event);
+        if (!record)
+            continue;
+        const auto* handle = reinterpret_cast<const file_handle*>(record->handle);
+        const char* name = reinterpret_cast<const char*>(handle->f_handle + handle->handle_bytes);
+        if (std::strcmp(name, ".") == 0)
+            continue;
+        const std::optional<std::string>& folder = batch.folder(record->fsid, handle);
+        if (!folder)
+            continue;
+        path.assign(*folder);
+        if (path != "/")
+            path += '/';
+        path += name;
+        if (!output.add(path))
+            return ReadResult::OutputClosed;
+    }
+    return ReadResult::Ok;
+}
+
+FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(LineWriter& output)
+{
+    ssize_t length;
+    do {
+        length = ::read(descriptorGroup_.get(), events_.get(), kEventBufferSize);
+    } while (length < 0 && errno == EINTR);
+    if (length <= 0)
+        return ReadResult::Ok;
+
+    for (auto* event = reinterpret_cast<const fanotify_event_metadata*>(events_.get()); FAN_EVENT_OK(event, length);
+         event = FAN_EVENT_NEXT(event, length)) {
+        if (event->vers != FANOTIFY_METADATA_VERSION)
+            return ReadResult::Unusable;
+        UniqueFd file(event->fd);
+        if (event->mask & FAN_Q_OVERFLOW) {
+            reportOverflow();
+            continue;
+        }
+        if (!file || !(event->mask & FAN_CLOSE_WRITE))
+            continue;
+        const std::optional<std::string> path = pathOf(file.get());
+        if (path && privileges_.realUserCanList(parentFolder(*path)) && !output.add(*path))
+            return ReadResult::OutputClosed;
+    }
+    return ReadResult::Ok;
+}
+
+} // namespace kv::gfs

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace kv::gfs {
+
+// The rights gfslogger runs with. The helper needs root's power to watch
+// every file system, and it gets it either by being started by root or by
+// being installed set-user-ID root, in which case it runs for an ordinary
+// user who must learn nothing about other users' files from it.
+//
+// establish() runs first thing in main(), before any other code of ours.
+class Privileges {
+public:
+    enum class Outcome {
+        Ready,            // root's rights, reduced to what watching needs
+        LacksPrivileges,  // neither root nor set-user-ID root
+        Failed,           // set-user-ID root, yet started without its rights, or a
+                          // step of the reduction failed
+    };
+
+    // Checks the rights and, when they suffice, sheds everything a watcher
+    // does not need: the environment, inherited descriptors and signal
+    // settings, the set-user-ID identity (the process becomes the real user
+    // again) and every capability but CAP_SYS_ADMIN (fanotify) and
+    // CAP_DAC_READ_SEARCH (resolving file handles). *message says why when
+    // the outcome is not Ready.
+    static Outcome establish(std::string* message);
+
+    Privileges() : realUid_(::getuid()) {}
+
+    // Whether the user who started the helper may list the folder, checked
+    // with the real user id: the names in a folder that user cannot list
+    // are none of their business. Always true for root.
+    bool realUserCanList(const std::string& folder) const;
+
+private:
+    uid_t realUid_;
+};
+
+} // namespace kv::gfs

@@ -1,0 +1,96 @@
+// gfslogger: prints the full path of every file created, closed after
+// writing or moved in, and of every folder moved in, on any mounted file
+// system, one path a line, until it is terminated. The agent runs it and
+// reads its output; see intake/FSEventWatcher.h for the other side.
+//
+// Takes no arguments. Exits 1 when it lacks root's rights, which the agent
+// answers by installing it set-user-ID root.
+
+#include "eventhelper/ExitStatus.h"
+#include "eventhelper/FanotifyWatch.h"
+#include "eventhelper/LineWriter.h"
+#include "eventhelper/Privileges.h"
+
+#include <poll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+using namespace kv::gfs;
+
+// A sanitizer build reports a fault with exit status 1 unless told
+// otherwise, and the agent would take that for a request to install us.
+extern "C" const char* __asan_default_options() { return "exitcode=2"; }
+extern "C" const char* __ubsan_default_options() { return "exitcode=2"; }
+
+namespace {
+
+int fail(ExitStatus status, const std::string& message)
+{
+    std::fprintf(stderr, "%s\n", message.c_str());
+    return status;
+}
+
+} // namespace
+
+int main()
+{
+    std::string message;
+    switch (Privileges::establish(&message)) {
+    case Privileges::Outcome::Ready:
+        break;
+    case Privileges::Outcome::LacksPrivileges:
+        return fail(kLacksPrivileges, message);
+    case Privileges::Outcome::Failed:
+        return fail(kCannotWatch, message);
+    }
+
+    const Privileges privileges;
+    FanotifyWatch watch(privileges);
+    if (!watch.open(&message))
+        return fail(kCannotWatch, message);
+    watch.markMounts();
+
+    LineWriter output(STDOUT_FILENO);
+    enum { kHandles, kDescriptors, kMounts, kOutput };
+    pollfd watched[] = {
+        {watch.handleGroup(), POLLIN, 0},
+        {watch.descriptorGroup(), POLLIN, 0},
+        {watch.mountTable(), POLLPRI, 0},
+        // Asks for nothing: a pipe whose reader has gone reports POLLERR, so
+        // we end at once rather than at the next event.
+        {STDOUT_FILENO, 0, 0},
+    };
+    for (;;) {
+        if (::poll(watched, std::size(watched), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            return fail(kCannotWatch, "gfslogger: poll failed");
+        }
+        if (watched[kOutput].revents & (POLLERR | POLLHUP | POLLNVAL))
+            return kOutputClosed;
+        if (watched[kMounts].revents & (POLLPRI | POLLERR))
+            watch.markMounts();
+        if ((watched[kHandles].revents | watched[kDescriptors].revents) & POLLIN) {
+            // Let events gather for a moment: under a burst of file activity
+            // one wake-up then handles hundreds of them, and a path reaches
+            // the agent at most a millisecond later, which waits a second
+            // for every file to settle anyway.
+            const timespec gather{0, 1'000'000};
+            ::nanosleep(&gather, nullptr);
+        }
+
+        FanotifyWatch::ReadResult result = FanotifyWatch::ReadResult::Ok;
+        if (watched[kHandles].revents & POLLIN)
+            result = watch.readHandleEvents(output);
+        if (result == FanotifyWatch::ReadResult::Ok && (watched[kDescriptors].revents & POLLIN))
+            result = watch.readDescriptorEvents(output);
+        if (result == FanotifyWatch::ReadResult::Unusable)
+            return fail(kCannotWatch, "gfslogger: the kernel reports events in a format this helper does not know");
+        if (result == FanotifyWatch::ReadResult::OutputClosed || !output.flush())
+            return kOutputClosed;
+    }
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "intake/WatchList.h"
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+class Dispatcher;
+class KorvaneVelgar;
+
+// The agent's file-event intake. Runs the helper gfslogger (from the
+// resources folder), reads the paths it prints, keeps those that lie in the
+// watched folders and hands them to the scan queue. The helper is started
+// again whenever it ends; when it ends with status 1 (it lacks root's
+// rights) the watcher has an administrator install it set-user-ID root and
+// asks the controller for a new start.
+//
+// Threads:
+//   - the main thread calls start(), setWatchList(), stopWatching() and
+//     isWatching();
+//   - each start() runs one watch loop (mainLoop, startWatching,
+//     taskDataAvailable and the installation step) on a thread of its own;
+//     a loop ends after stopWatching() or after an installation step.
+// stopWatching() returns only once the helper it ended has been reaped.
+// The destructor stops watching and waits for every loop to end.
+//
+// State below mutex_: current_, scanCheckTask_, runningLoops_, watchList_.
+// Lock order: mutex_ is never held while calling out (queue, controller).
+class FSEventWatcher {
+public:
+    explicit FSEventWatcher(Dispatcher& queue);
+    ~FSEventWatcher();
+    FSEventWatcher(const FSEventWatcher&) = delete;
+    FSEventWatcher& operator=(const FSEventWatcher&) = delete;
+
+    // Main thread. Starts a watch loop for the controller, unless one is
+    // watching already. The loop filters by the list last handed over.
+    void start(KorvaneVelgar& controller);
+
+    // Any thread. The watched folders for every chunk read from now on.
+    void setWatchList(std::shared_ptr<const WatchList> list);
+    std::shared_ptr<const WatchList> watchList() const;
+
+    // Ends watching: the loop stops, and a running helper is terminated
+    // (SIGTERM, then SIGKILL if it lingers) and reaped before this returns.
+    void stopWatching();
+    bool isWatching() const;
+
+    // Watcher thread (tests call it directly): one chunk of helper output.
+    // Each line in the watched folders goes to the queue once; a chunk that
+    // is not valid UTF-8 gives no lines.
+    void taskDataAvailable(std::string_view chunk);
+
+    // True when the path lies inside a Trash folder: the home Trash
+    // ($XDG_DATA_HOME/Trash), ~/.Trash, or the <top>/.Trash/<uid> or
+    // <top>/.Trash-<uid> folder of the file system mounted at <top> that
+    // holds the path.
+    static bool isTrashedFileAtPath(const std::string& path);
+
+    // <resources folder>/gfslogger.
+    static std::string helperPath();
+
+    // The running helper's process id, or -1. For tests and diagnostics.
+    pid_t helperPid() const;
+
+private:
+    struct Loop;
+    enum class RunEnd { Ended, Installed };
+
+    void mainLoop(const std::shared_ptr<Loop>& loop);
+    RunEnd startWatching(Loop& loop);
+    void installHelper(Loop& loop, const std::string& helper);
+    bool pauseBeforeRestart(Loop& loop, int milliseconds);
+
+    Dispatcher& queue_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;           // signalled when scanCheckTask_ or runningLoops_ change
+    std::shared_ptr<Loop> current_;             // guarded by mutex_: the loop a stop ends
+    pid_t scanCheckTask_ = -1;                  // guarded by mutex_: the running helper
+    int runningLoops_ = 0;                      // guarded by mutex_
+    std::shared_ptr<const WatchList> watchList_; // guarded by mutex_
+};
+
+} // namespace kv

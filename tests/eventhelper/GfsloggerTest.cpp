@@ -1,0 +1,272 @@
+// gfslogger as the agent runs it: the real program, watching real folders,
+// as root, as an ordinary user without the set-user-ID bit, and installed
+// set-user-ID root for an ordinary user.
+
+#include "eventhelper/MountTable.h"
+#include "platform/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+const std::string kHelper = GFSLOGGER_PATH;
+// Run as an ordinary user; setpriv execs the program itself, so the child's
+// process id is the helper's.
+const std::vector<std::string> kAsNobody = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"};
+
+class TempFolder {
+public:
+    TempFolder()
+    {
+        char pattern[] = "/tmp/kv-gfslogger-XXXXXX";
+        path_ = ::mkdtemp(pattern);
+        ::chmod(path_.c_str(), 0755);
+    }
+    ~TempFolder() { fs::remove_all(path_); }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& text = "x") { std::ofstream(path) << text; }
+
+// One helper run and the lines it has printed so far.
+class HelperRun {
+public:
+    explicit HelperRun(std::vector<std::string> argv)
+        : child_(kv::ChildProcess::spawn(argv, kv::ChildProcess::Output::Pipe))
+    {
+    }
+    ~HelperRun()
+    {
+        if (child_ && child_->running())
+            ::kill(child_->pid(), SIGKILL);
+    }
+
+    // Reads output until the line has arrived; false after timeoutMs.
+    bool waitForLine(const std::string& line, int timeoutMs = 5000)
+    {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (count(line) == 0) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            if (left <= 0 || !readFor(static_cast<int>(left)))
+                return false;
+        }
+        return true;
+    }
+
+    // Rewrites a probe file until the helper reports it: from then on every
+    // event in that file system reaches us.
+    bool waitUntilWatching(const std::string& probe)
+    {
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            writeFile(probe);
+            if (waitForLine(probe, 50))
+                return true;
+        }
+        return false;
+    }
+
+    size_t count(const std::string& line) const { return std::count(lines_.begin(), lines_.end(), line); }
+    std::vector<std::string> linesUnder(const std::string& folder) const
+    {
+        std::vector<std::string> found;
+        std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
+                     [&](const std::string& line) { return line.starts_with(folder); });
+        return found;
+    }
+
+    // The exit status once the helper has ended, or -1 after timeoutMs.
+    int exitStatusWithin(int timeoutMs)
+    {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (child_->running()) {
+            if (Clock::now() > deadline)
+                return -1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return child_->wait();
+    }
+
+    kv::ChildProcess& child() { return *child_; }
+
+private:
+    bool readFor(int timeoutMs)
+    {
+        pollfd output{child_->outputFd(), POLLIN, 0};
+        if (::poll(&output, 1, timeoutMs) <= 0)
+            return false;
+        char buffer[65536];
+        const ssize_t n = ::read(child_->outputFd(), buffer, sizeof buffer);
+        if (n <= 0)
+            return false;
+        for (char c : std::string_view(buffer, static_cast<size_t>(n))) {
+            if (c == '\n')
+                lines_.push_back(std::exchange(partial_, {}));
+            else
+                partial_ += c;
+        }
+        return true;
+    }
+
+    std::optional<kv::ChildProcess> child_;
+    std::vector<std::string> lines_;
+    std::string partial_;
+};
+
+TEST(Gfslogger, ReportsEachCreatedWrittenAndMovedInObjectOnce)
+{
+    TempFolder folder;
+    fs::create_directories(folder / "in");
+    fs::create_directories(folder / "out/folder");
+    writeFile(folder / "out/file");
+    writeFile(folder / "in/old");
+    HelperRun helper({kHelper});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+
+    // Each action below causes exactly one reported event.
+    ASSERT_EQ(::mknod((folder / "in/created").c_str(), S_IFREG | 0644, 0), 0);
+    // The kernel merges two events on one file while the first is unread.
+    ASSERT_TRUE(helper.waitForLine(folder / "in/created"));
+    writeFile(folder / "in/created", "written");
+    fs::rename(folder / "in/old", folder / "in/renamed");
+    fs::rename(folder / "out/file", folder / "in/file");
+    fs::rename(folder / "out/folder", folder / "in/folder");
+    // Reported by none: a new folder, reading, and what happens outside.
+    fs::create_directories(folder / "in/new-folder");
+    std::ifstream(folder / "in/renamed").get();
+    ASSERT_EQ(::mknod((folder / "end").c_str(), S_IFREG | 0644, 0), 0);
+    ASSERT_TRUE(helper.waitForLine(folder / "end"));
+
+    const std::vector<std::string> expected = {folder / "in/created", folder / "in/created", folder / "in/renamed",
+                                               folder / "in/file", folder / "in/folder"};
+    EXPECT_EQ(helper.linesUnder(folder / "in/"), expected);
+}
+
+TEST(Gfslogger, WithoutRootRightsExitsOneAtOnce)
+{
+    std::vector<std::string> argv = kAsNobody;
+    argv.push_back(kHelper);
+    HelperRun helper(argv);
+    EXPECT_EQ(helper.exitStatusWithin(2000), 1);
+}
+
+TEST(Gfslogger, ExitsAtOnceWhenItsReaderGoesAway)
+{
+    TempFolder folder;
+    HelperRun helper({kHelper});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+    helper.child().closeOutput();
+    EXPECT_EQ(helper.exitStatusWithin(2000), 0);
+}
+
+TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
+{
+    TempFolder folder;
+    const std::string installed = folder / "gfslogger";
+    fs::copy_file(kHelper, installed);
+    ASSERT_EQ(::chown(installed.c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod(installed.c_str(), 04755), 0);
+    fs::create_directories(folder / "shared");
+    ::chmod((folder / "shared").c_str(), 0777);
+    fs::create_directories(folder / "private");
+    ::chmod((folder / "private").c_str(), 0700);
+
+    std::vector<std::string> argv = kAsNobody;
+    argv.push_back(installed);
+    HelperRun helper(argv);
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "shared/probe"));
+
+    // Root's rights are reduced to fanotify and file-handle resolution.
+    std::ifstream status("/proc/" + std::to_string(helper.child().pid()) + "/status");
+    std::string line, effective;
+    while (std::getline(status, line))
+        if (line.starts_with("CapEff:"))
+            effective = line.substr(line.find_first_not_of(" \t", 7));
+    EXPECT_EQ(effective, "0000000000200004");
+
+    writeFile(folder / "private/secret");
+    ASSERT_EQ(kv::runAndWait({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--", "/bin/sh", "-c",
+                              "echo mine > " + (folder / "shared/mine")}),
+              0);
+    EXPECT_TRUE(helper.waitForLine(folder / "shared/mine"));
+    writeFile(folder / "shared/end");
+    ASSERT_TRUE(helper.waitForLine(folder / "shared/end"));
+    EXPECT_TRUE(helper.linesUnder(folder / "private").empty());
+}
+
+// Mounts a file system for the life of the object.
+class Mount {
+public:
+    Mount(const std::string& type, const std::string& at) : at_(at)
+    {
+        fs::create_directories(at);
+        mounted_ = ::mount(type.c_str(), at.c_str(), type.c_str(), 0, nullptr) == 0;
+    }
+    ~Mount()
+    {
+        if (mounted_)
+            ::umount(at_.c_str());
+    }
+    bool mounted() const { return mounted_; }
+    bool unmount() { return mounted_ && ::umount(at_.c_str()) == 0 && !(mounted_ = false); }
+
+private:
+    std::string at_;
+    bool mounted_ = false;
+};
+
+TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
+{
+    TempFolder folder;
+    HelperRun helper({kHelper});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+
+    // tmpfs names files by handles; ramfs cannot, and is watched mount by
+    // mount for files closed after writing.
+    Mount tmpfs("tmpfs", folder / "tmpfs");
+    Mount ramfs("ramfs", folder / "ramfs");
+    ASSERT_TRUE(tmpfs.mounted() && ramfs.mounted());
+    EXPECT_TRUE(helper.waitUntilWatching(folder / "tmpfs/file"));
+    EXPECT_TRUE(helper.waitUntilWatching(folder / "ramfs/file"));
+    // Watching never keeps a volume from being unmounted.
+    EXPECT_TRUE(tmpfs.unmount());
+    EXPECT_TRUE(ramfs.unmount());
+}
+
+TEST(MountTable, ParsesMountInfoLines)
+{
+    const std::string text = "26 1 254:0 / / rw,relatime - ext4 /dev/vda rw\n"
+                             "61 26 0:50 /home/u /media/u/My\\040Disk rw shared:3 master:1 - fuse.sshfs host: rw\n"
+                             "not a mount line\n"
+                             "62 26 0:51 / /mnt/x rw -\n";
+    const std::vector<kv::gfs::MountTable::Entry> entries = kv::gfs::MountTable::parse(text);
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].mountPoint, "/");
+    EXPECT_EQ(entries[0].fsType, "ext4");
+    EXPECT_EQ(entries[1].mountId, 61);
+    EXPECT_EQ(entries[1].device, "0:50");
+    EXPECT_EQ(entries[1].root, "/home/u");
+    EXPECT_EQ(entries[1].mountPoint, "/media/u/My Disk");
+    EXPECT_EQ(entries[1].fsType, "fuse.sshfs");
+}
+
+} // namespace
