@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 
 namespace kv {
@@ -33,9 +34,17 @@ public:
     // (+1 and -1). Any thread.
     virtual void startUpdate() {}
     virtual void stopUpdate() {}
+    // The menu object's own lock. Callers hold it around startUpdate() and
+    // stopUpdate(), so that the flag and count changes of one update's start
+    // or end never interleave with another's. Recursive, so that code run
+    // under it may take it again.
+    std::recursive_mutex& updateLock() { return updateLock_; }
     // A scripted restart: restarts watching only while the restart item is
     // enabled.
     virtual void canRestartFromAS() {}
+
+private:
+    std::recursive_mutex updateLock_;
 };
 
 } // namespace kv

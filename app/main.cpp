@@ -2,12 +2,15 @@
 // controller and runs the event loop.
 
 #include "app/KorvaneVelgar.h"
+#include "platform/AgentBusObject.h"
 #include "platform/BusName.h"
 #include "platform/DBusDistributedCenter.h"
 #include "platform/FreedesktopNotifier.h"
 #include "platform/Log.h"
+#include "platform/MountWatcher.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
+#include "platform/SleepWatcher.h"
 #include "platform/StringTable.h"
 #include "ui/DesktopWorkspace.h"
 #include "ui/InfectionDialogs.h"
@@ -62,6 +65,7 @@ int main(int argc, char* argv[])
     menuEnvironment.workspace = &workspace;
     menuEnvironment.resourcesFolder = resources;
     kv::Throbber mainMenu(mainInterface.root(), menuEnvironment);
+    kv::InfectionDialogs infectionDialogs(resources, workspace);
 
     kv::ControllerParts parts;
     parts.velgarPrefs = &preferences;
@@ -70,12 +74,17 @@ int main(int argc, char* argv[])
     parts.panels = &mainInterface;
     parts.mainMenu = &mainMenu;
     parts.workspace = &workspace;
+    kv::SleepWatcher sleepWatcher(QDBusConnection::systemBus());
+    parts.sleepEvents = &sleepWatcher;
+    kv::MountWatcher mountWatcher;
+    parts.volumeEvents = &mountWatcher;
+    parts.scanAlerts = &infectionDialogs;
     parts.strings = &strings;
     kv::KorvaneVelgar controller(parts);
     mainInterface.setQuitAction([&controller] { controller.quit(); });
     mainInterface.setOpenPrefsAction([&controller] { controller.openPrefs(true); });
     mainMenu.setKorvaneVelgarController(&controller);
-    kv::InfectionDialogs infectionDialogs(resources, controller, workspace);
+    infectionDialogs.setKorvaneVelgarController(&controller);
 
     switch (kv::claimBusName(QDBusConnection::sessionBus(), kv::KorvaneVelgar::kBundleIdentifier)) {
     case kv::BusNameResult::Taken:
@@ -88,6 +97,15 @@ int main(int argc, char* argv[])
     case kv::BusNameResult::Owned:
         break;
     }
+
+    // Scripts reach the agent through its object under the bus name it owns.
+    kv::AgentBusObject::ScriptedKeys scriptedKeys;
+    scriptedKeys.handlesKey = [&controller](const std::string& key) { return controller.applicationDelegateHandlesKey(key); };
+    scriptedKeys.valueForKey = [&controller](const std::string&) { return controller.restartWatchingViaAS(); };
+    scriptedKeys.names = {"restartWatchingViaAS"};
+    kv::AgentBusObject busObject(scriptedKeys);
+    if (QDBusConnection::sessionBus().isConnected() && !busObject.registerOn(QDBusConnection::sessionBus()))
+        kv::nsLog("The agent's bus object cannot be registered: scripts cannot reach the agent");
 
     // A termination request goes through the same orderly quit as a quit
     // request from the main application.

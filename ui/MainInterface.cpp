@@ -1,13 +1,13 @@
 #include "ui/MainInterface.h"
 
 #include "platform/Log.h"
+#include "ui/InterfaceLoader.h"
 
 #include <QApplication>
 #include <QDialog>
 #include <QFile>
 #include <QLabel>
 #include <QPushButton>
-#include <QUiLoader>
 
 namespace kv {
 
@@ -19,7 +19,8 @@ MainInterface::MainInterface(const std::string& resourcesFolder, QObject* parent
         nsLogf("Error loading the main interface file %s: %s", qPrintable(path), qPrintable(file.errorString()));
         return;
     }
-    QUiLoader loader;
+    // Its actions are the status menu's items.
+    InterfaceLoader loader;
     root_.reset(loader.load(&file));
     if (!root_) {
         nsLogf("Error loading the main interface file %s: %s", qPrintable(path), qPrintable(loader.errorString()));
@@ -34,10 +35,11 @@ MainInterface::MainInterface(const std::string& resourcesFolder, QObject* parent
         root_.reset();
         return;
     }
-    // Opening the main application's preferences arrives with the links to
-    // that application; until then the button is not offered.
     if (openPrefsButton_)
-        openPrefsButton_->hide();
+        connect(openPrefsButton_, &QPushButton::clicked, this, [this] {
+            if (openPrefsAction_)
+                openPrefsAction_();
+        });
     if (auto* close = root_->findChild<QPushButton*>("noEngineCloseButton"))
         connect(close, &QPushButton::clicked, noEngineWindow_, &QDialog::hide);
     if (auto* quit = root_->findChild<QPushButton*>("noEngineQuitButton"))

@@ -17,7 +17,8 @@ namespace kv {
 
 // The main interface file, KorvaneVelgar.ui in the resources folder, loaded
 // at run time: the no-engine panel (noEngineWindow, with openPrefsButton),
-// the update window (updateWindow, updateWindowText).
+// the update window (updateWindow, updateWindowText), and the status menu
+// with its items, which the Throbber finds below root().
 //
 // Lives on the main thread. The Panels calls may come from any thread and
 // are forwarded to the main thread without waiting.
@@ -37,6 +38,10 @@ public:
 
     // The actions the panels' buttons send.
     void setQuitAction(std::function<void()> quit) { quitAction_ = std::move(quit); }
+    void setOpenPrefsAction(std::function<void()> openPrefs) { openPrefsAction_ = std::move(openPrefs); }
+
+    // The loaded file's top-level widget; null when it did not load.
+    QWidget* root() const { return root_.get(); }
 
     QDialog* noEngineWindow() const { return noEngineWindow_; }
     QDialog* updateWindow() const { return updateWindow_; }
@@ -52,6 +57,7 @@ private:
     QPointer<QLabel> updateWindowText_;
     QPointer<QPushButton> openPrefsButton_;
     std::function<void()> quitAction_;
+    std::function<void()> openPrefsAction_;
 };
 
 } // namespace kv

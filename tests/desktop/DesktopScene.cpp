@@ -1,0 +1,158 @@
+// The agent's desktop parts on a real display, put into the states the
+// screenshot script photographs. Reads one command a line on standard input
+// and answers "ready <command>" on standard output once the state is shown:
+//
+//   rest                the tray icon at rest (nothing watched)
+//   watching            one folder watched, nothing scanned
+//   scanning            a scan runs (answers once the first frame is shown)
+//   idle                the scan ends
+//   menu                the status menu opened below the tray icon
+//   warning <line>      a warning dialog for a finding
+//   notify <line>       a "found" notification
+//   quit
+//
+// The scanning engine is not needed: the scan is the controller's scanner
+// count, as a scanner raises it.
+
+#include "app/KorvaneVelgar.h"
+#include "platform/DesktopNotifier.h"
+#include "platform/FreedesktopNotifier.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/StringTable.h"
+#include "ui/DesktopWorkspace.h"
+#include "ui/InfectionDialogs.h"
+#include "ui/MainInterface.h"
+#include "ui/Throbber.h"
+
+#include <QApplication>
+#include <QMenu>
+#include <QSocketNotifier>
+#include <QSystemTrayIcon>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+void answer(const std::string& command)
+{
+    std::printf("ready %s\n", command.c_str());
+    std::fflush(stdout);
+}
+
+// Answers "scanning" once the indicator thread has shown its first frame.
+class FirstFrame : public kv::Throbber::Observer {
+public:
+    std::atomic<bool> waiting{false};
+    void imagesShown(const std::string& name) override
+    {
+        if (name.starts_with("scanning") && waiting.exchange(false))
+            QMetaObject::invokeMethod(qApp, [] { answer("scanning"); }, Qt::QueuedConnection);
+    }
+    void menuStateShown(int) override {}
+};
+
+// The desktop's notification service, shut off while the scene starts: the
+// launch finds no engine and would say so.
+class GatedNotifier : public kv::DesktopNotifier {
+public:
+    bool open = false;
+    bool isRunning() override { return open && real_.isRunning(); }
+    bool notify(const kv::DesktopNotification& notification) override { return open && real_.notify(notification); }
+
+private:
+    kv::FreedesktopNotifier real_;
+};
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QApplication application(argc, argv);
+    application.setQuitOnLastWindowClosed(false);
+    application.setApplicationName("Korvane Velgar");
+
+    const std::string resources = kv::resourcesDirectory();
+    kv::StringTable strings;
+    strings.load(resources);
+    kv::JsonPreferences preferences(kv::KorvaneVelgar::kBundleIdentifier);
+    GatedNotifier notifier;
+    kv::DesktopWorkspace workspace;
+    kv::MainInterface mainInterface(resources);
+    kv::Throbber::Environment environment;
+    environment.preferences = &preferences;
+    environment.workspace = &workspace;
+    environment.resourcesFolder = resources;
+    kv::Throbber mainMenu(mainInterface.root(), environment);
+    FirstFrame firstFrame;
+    mainMenu.setObserver(&firstFrame);
+
+    kv::ControllerParts parts;
+    parts.velgarPrefs = &preferences;
+    parts.notifier = &notifier;
+    parts.mainMenu = &mainMenu;
+    parts.workspace = &workspace;
+    parts.strings = &strings;
+    parts.redirectToScanLog = false;
+    kv::KorvaneVelgar controller(parts);
+    mainMenu.setKorvaneVelgarController(&controller);
+    kv::InfectionDialogs dialogs(resources, workspace);
+    dialogs.setKorvaneVelgarController(&controller);
+    // What the launch would have set up, without looking for an engine.
+    controller.applicationDidFinishLaunching();
+    notifier.open = true;
+    mainMenu.clearMenu();
+
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    std::string pending;
+    QObject::connect(&input, &QSocketNotifier::activated, [&] {
+        char buffer[4096];
+        const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
+        if (got <= 0) {
+            application.quit();
+            return;
+        }
+        pending.append(buffer, static_cast<size_t>(got));
+        for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+            const std::string line = pending.substr(0, end);
+            const std::string command = line.substr(0, line.find(' '));
+            const std::string argument = line.size() > command.size() ? line.substr(command.size() + 1) : "";
+            if (command == "rest") {
+                mainMenu.clearMenu();
+                answer(command);
+            } else if (command == "watching") {
+                mainMenu.clearMenu();
+                mainMenu.setNumItemsToWatch(1);
+                mainMenu.addToMenu(kv::joinPath(kv::homeDirectory(), "Downloads/"), "");
+                mainMenu.setReady();
+                answer(command);
+            } else if (command == "scanning") {
+                firstFrame.waiting = true;
+                controller.modifyScannerCountBy(1);
+            } else if (command == "idle") {
+                controller.modifyScannerCountBy(-1);
+                answer(command);
+            } else if (command == "menu") {
+                const QRect icon = mainMenu.statusItem()->geometry();
+                mainMenu.theMenu()->popup(icon.isValid() ? icon.bottomLeft() : QPoint(0, 0));
+                answer(command);
+            } else if (command == "warning") {
+                dialogs.showWarningDialog("firstPatientScanner", argument);
+                answer(command);
+            } else if (command == "notify") {
+                controller.displayGrowlDialog(kv::KorvaneVelgar::kFound, argument);
+                answer(command);
+            } else if (command == "quit") {
+                application.quit();
+            }
+        }
+    });
+
+    const int status = application.exec();
+    mainMenu.stopIndicator();
+    return status;
+}

@@ -1,0 +1,83 @@
+#include "tests/desktop/DesktopTestSupport.h"
+
+#include "ui/MyMenuItem.h"
+
+#include <signal.h>
+
+#include <stdexcept>
+
+namespace kvtest {
+
+std::string resourcesFolder() { return KV_RESOURCES_DIR; }
+
+PrivateSessionBus::PrivateSessionBus()
+{
+    daemon_ = kv::ChildProcess::spawn({"dbus-daemon", "--session", "--nofork", "--print-address"},
+                                      kv::ChildProcess::Output::StdoutPipe);
+    if (!daemon_)
+        throw std::runtime_error("dbus-daemon cannot be started");
+    // The daemon prints its address, one line, once it listens.
+    std::string printed;
+    while (printed.find('\n') == std::string::npos) {
+        if (daemon_->readChunk(&printed) != kv::ChildProcess::ReadStatus::Data)
+            throw std::runtime_error("dbus-daemon printed no address");
+    }
+    address_ = printed.substr(0, printed.find('\n'));
+}
+
+PrivateSessionBus::~PrivateSessionBus()
+{
+    if (daemon_) {
+        ::kill(daemon_->pid(), SIGTERM);
+        daemon_->wait();
+    }
+}
+
+void RecordingWorkspace::openPath(const std::string& path, std::function<void(bool opened)> done)
+{
+    opened.push_back(path);
+    if (done)
+        done(opens);
+}
+
+bool RecordingWorkspace::launchApplication(const std::string& bundleIdentifier)
+{
+    launched.push_back(bundleIdentifier);
+    return launches;
+}
+
+DesktopAgent::DesktopAgent(Options options) : interface(resourcesFolder())
+{
+    strings.load(resourcesFolder());
+    if (options.showDockIcon)
+        preferences.own.insert("ShowDockIcon", QString::fromStdString(*options.showDockIcon));
+
+    kv::Throbber::Environment environment;
+    environment.preferences = &preferences;
+    environment.workspace = &workspace;
+    environment.clock = options.clock;
+    environment.resourcesFolder = resourcesFolder();
+    environment.homeDirectory = home.path();
+    menu = std::make_unique<kv::Throbber>(interface.root(), environment);
+
+    kv::ControllerParts parts;
+    parts.velgarPrefs = &preferences;
+    parts.distributedCenter = &center;
+    parts.notifier = options.notifier;
+    parts.mainMenu = menu.get();
+    parts.workspace = &workspace;
+    parts.strings = &strings;
+    parts.homeDirectory = home.path();
+    parts.exitProcess = [this](int status) { exitStatuses.push_back(status); };
+    parts.redirectToScanLog = false;
+    controller = std::make_unique<kv::KorvaneVelgar>(parts);
+    menu->setKorvaneVelgarController(controller.get());
+}
+
+DesktopAgent::~DesktopAgent()
+{
+    // The indicator thread uses the controller: it ends first.
+    menu->stopIndicator();
+}
+
+} // namespace kvtest

@@ -1,0 +1,87 @@
+#pragma once
+
+// The parts of the agent's desktop, put together as main() does, on Qt's
+// offscreen platform and the test run's private session bus.
+
+#include "app/KorvaneVelgar.h"
+#include "platform/ChildProcess.h"
+#include "platform/StringTable.h"
+#include "tests/support/TestSupport.h"
+#include "ui/DesktopWorkspace.h"
+#include "ui/MainInterface.h"
+#include "ui/MyMenuItem.h"
+#include "ui/Throbber.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvtest {
+
+// The staged resources folder of the build tree.
+std::string resourcesFolder();
+
+// A dbus-daemon of its own, ended with the object. main() starts one for the
+// whole run and points DBUS_SESSION_BUS_ADDRESS at it before Qt looks.
+class PrivateSessionBus {
+public:
+    PrivateSessionBus();
+    ~PrivateSessionBus();
+    const std::string& address() const { return address_; }
+
+private:
+    std::optional<kv::ChildProcess> daemon_;
+    std::string address_;
+};
+
+// The real workspace with the Trash left real; opening, revealing,
+// launching and beeping are recorded instead of reaching the desktop.
+class RecordingWorkspace : public kv::DesktopWorkspace {
+public:
+    void openPath(const std::string& path, std::function<void(bool opened)> done = {}) override;
+    void revealFile(const std::string& path) override { revealed.push_back(path); }
+    bool launchApplication(const std::string& bundleIdentifier) override;
+    void beep() override { ++beeps; }
+
+    bool opens = true;
+    bool launches = true;
+    std::vector<std::string> opened;
+    std::vector<std::string> revealed;
+    std::vector<std::string> launched;
+    int beeps = 0;
+};
+
+// The main interface file, the status menu and the controller, wired as in
+// main(). The controller's exit is recorded, not carried out.
+class DesktopAgent {
+public:
+    struct Options {
+        std::optional<std::string> showDockIcon;
+        kv::IndicatorClock* clock = nullptr;
+        kv::DesktopNotifier* notifier = nullptr;
+    };
+    explicit DesktopAgent(Options options);
+    DesktopAgent() : DesktopAgent(Options{}) {}
+    ~DesktopAgent();
+
+    // An item of the interface file by name.
+    template <typename T = kv::MyMenuItem>
+    T* find(const char* name) const
+    {
+        return interface.root()->findChild<T*>(name);
+    }
+
+    TempDir home;
+    FakePreferences preferences;
+    RecordingCenter center;
+    RecordingWorkspace workspace;
+    kv::StringTable strings;
+    kv::MainInterface interface;
+    std::unique_ptr<kv::Throbber> menu;
+    std::unique_ptr<kv::KorvaneVelgar> controller;
+    std::vector<int> exitStatuses;
+};
+
+} // namespace kvtest

@@ -1,0 +1,182 @@
+// Desktop notifications as a notification service on the session bus
+// receives them, and the wait for the main application before asking it to
+// open its preferences.
+
+#include "tests/desktop/DesktopTestSupport.h"
+
+#include "platform/BusName.h"
+#include "platform/DBusDistributedCenter.h"
+#include "platform/FreedesktopNotifier.h"
+
+#include <gtest/gtest.h>
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QTest>
+
+#include <algorithm>
+
+namespace {
+
+// A notification service of the test's own: it owns
+// org.freedesktop.Notifications on its own connection to the private bus
+// and keeps every Notify call.
+class TestNotificationService : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    struct Received {
+        QString appName;
+        QString summary;
+        QString body;
+        QVariantMap hints;
+        int expireTimeout;
+    };
+
+    TestNotificationService()
+        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "test-notification-service"))
+    {
+        connection_.registerObject("/org/freedesktop/Notifications", this, QDBusConnection::ExportAllSlots);
+    }
+    ~TestNotificationService() override
+    {
+        stop();
+        QDBusConnection::disconnectFromBus("test-notification-service");
+    }
+
+    bool start() { return connection_.registerService("org.freedesktop.Notifications"); }
+    void stop() { connection_.unregisterService("org.freedesktop.Notifications"); }
+
+    std::vector<Received> received;
+
+public Q_SLOTS:
+    uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
+                const QStringList&, const QVariantMap& hints, int expireTimeout)
+    {
+        received.push_back({appName, summary, body, hints, expireTimeout});
+        return uint(received.size());
+    }
+
+private:
+    QDBusConnection connection_;
+};
+
+class Notifications : public ::testing::Test {
+protected:
+    Notifications() : agent_({.notifier = &notifier_}) {}
+
+    // The launch fetches the texts; its failed engine search sends one error
+    // notification of its own, which the tests leave out.
+    void launch(bool serviceRuns)
+    {
+        agent_.controller->applicationDidFinishLaunching();
+        if (serviceRuns)
+            EXPECT_TRUE(QTest::qWaitFor([this] { return !service_.received.empty(); }, 5000));
+        service_.received.clear();
+    }
+
+    kv::FreedesktopNotifier notifier_;
+    TestNotificationService service_;
+    kvtest::DesktopAgent agent_;
+};
+
+TEST_F(Notifications, EveryKindReachesTheServiceWithItsNameTitleAndEscapedBody)
+{
+    ASSERT_TRUE(service_.start());
+    launch(true);
+    struct Case {
+        int kind;
+        const char* name;
+        const char* title;
+    };
+    const Case cases[] = {
+        {0, "Error", "Korvane Velgar"},
+        {1, "Virus found", "Virus found"},
+        {2, "Infected file quarantined", "Infected file quarantined"},
+        {3, "Infected file moved to the Trash", "Infected file moved to the Trash"},
+        {4, "Virus definitions updated", "Korvane Velgar"},
+        {5, "Virus definitions are already up to date", "Korvane Velgar"},
+        {6, "Error", "Korvane Velgar"},
+        {7, "Error", "Korvane Velgar"},
+    };
+    const std::vector<std::string> registered = agent_.controller->registrationDictionaryForGrowl()["AllNotifications"];
+    EXPECT_EQ(registered, agent_.controller->registrationDictionaryForGrowl()["DefaultNotifications"]);
+
+    for (const Case& c : cases)
+        EXPECT_TRUE(agent_.controller->displayGrowlDialog(c.kind, "/home/a/<b> & c.com: Eicar FOUND")) << c.kind;
+    ASSERT_TRUE(QTest::qWaitFor([this] { return service_.received.size() == 8; }, 5000));
+
+    for (size_t i = 0; i < 8; ++i) {
+        const TestNotificationService::Received& got = service_.received[i];
+        const Case& c = cases[i];
+        EXPECT_EQ(got.appName, "Korvane Velgar");
+        EXPECT_EQ(got.summary, QString::fromUtf8(c.title)) << c.kind;
+        EXPECT_EQ(got.hints.value("category").toString(), QString::fromUtf8(c.name)) << c.kind;
+        EXPECT_NE(std::find(registered.begin(), registered.end(), c.name), registered.end()) << c.name;
+        EXPECT_EQ(got.body, "/home/a/&lt;b&gt; &amp; c.com: Eicar FOUND");
+        EXPECT_EQ(got.expireTimeout, 0) << "sticky";
+        EXPECT_TRUE(got.hints.value("resident").toBool());
+        EXPECT_EQ(got.hints.value("desktop-entry").toString(), "com.korvane.KorvaneVelgar");
+    }
+}
+
+TEST_F(Notifications, WithoutAServiceEveryKindReturnsNo)
+{
+    launch(false);
+    for (int kind = 0; kind <= 7; ++kind)
+        EXPECT_FALSE(agent_.controller->displayGrowlDialog(kind, "/tmp/x: Eicar FOUND")) << kind;
+    QTest::qWait(0);
+    EXPECT_TRUE(service_.received.empty());
+}
+
+// Takes the main application's bus name on a connection of its own.
+class FakeMainApplication {
+public:
+    FakeMainApplication() : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fake-main-app")) {}
+    ~FakeMainApplication()
+    {
+        connection_.unregisterService("com.korvane.Korvane");
+        QDBusConnection::disconnectFromBus("fake-main-app");
+    }
+    bool run() { return connection_.registerService("com.korvane.Korvane"); }
+
+private:
+    QDBusConnection connection_;
+};
+
+TEST(OpenPrefs, PostsOnceTheMainApplicationRunsAndQuitsWhenSentByThePanelButton)
+{
+    kvtest::DesktopAgent agent;
+    FakeMainApplication mainApplication;
+    agent.controller->openPrefs(true);
+    EXPECT_EQ(agent.workspace.launched, std::vector<std::string>{"com.korvane.Korvane"});
+    QTest::qWait(0);
+    EXPECT_TRUE(agent.center.posted.empty()) << "the main application is not running yet";
+
+    ASSERT_TRUE(mainApplication.run());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !agent.center.posted.empty(); }, 5000));
+    EXPECT_EQ(agent.center.posted.front(), std::make_pair(std::string("KorvaneShouldOpenPrefs"), std::string("KorvaneVelgar")));
+    EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
+
+    // Already running, from a menu item: at once, and the agent stays.
+    agent.center.posted.clear();
+    agent.controller->openPrefs(false);
+    EXPECT_EQ(agent.center.posted.size(), 1u);
+    EXPECT_EQ(agent.exitStatuses.size(), 1u);
+}
+
+TEST(OpenPrefs, LaunchThatCannotStartBeepsAndPostsNothing)
+{
+    kvtest::DesktopAgent agent;
+    agent.workspace.launches = false;
+    agent.controller->openPrefs(false);
+    EXPECT_EQ(agent.workspace.beeps, 1);
+    EXPECT_TRUE(agent.center.posted.empty());
+    EXPECT_TRUE(agent.exitStatuses.empty());
+    agent.controller->openPrefs(true);
+    EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
+}
+
+} // namespace
+
+#include "NotificationTest.moc"

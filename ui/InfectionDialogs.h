@@ -1,0 +1,76 @@
+#pragma once
+
+#include "scan/ScanAlerts.h"
+
+#include <QObject>
+#include <QPointer>
+
+#include <map>
+#include <string>
+
+class QDialog;
+class QLabel;
+class QPushButton;
+
+namespace kv {
+
+class KorvaneVelgar;
+class Workspace;
+
+// The scanners' infection dialogs, loaded afresh from WarningDialog.ui and
+// QuarantinedDialog.ui for every finding, so several can be open at once.
+// A warning dialog gets a FileRemover and joins the controller's dialog list;
+// a quarantine dialog stays until the user closes it or its control opens
+// the quarantine folder.
+//
+// Each owner (a scanner, by name) has outlets that point at the dialog it
+// loaded last, as a dialog file's owner has. Dialogs live on the main
+// thread: calls from a scanner's thread are carried out there and return
+// once the dialog is up, never waiting for the user.
+//
+// Created before the controller (which takes it among its parts) and given
+// the controller before any scanner runs; until then nothing is shown.
+class InfectionDialogs : public QObject, public ScanAlerts {
+    Q_OBJECT
+public:
+    InfectionDialogs(std::string resourcesFolder, Workspace& workspace, QObject* parent = nullptr);
+
+    // The controller keeps the dialog list and quits. Main thread.
+    void setKorvaneVelgarController(KorvaneVelgar* controller) { controller_ = controller; }
+
+    bool showQuarantinedDialog(const std::string& ownerName, const std::string& quarantineFolder) override;
+    bool showWarningDialog(const std::string& ownerName, const std::string& outputLine) override;
+    bool showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
+                                     const std::string& quitTitle) override;
+
+    // The quarantine dialogs' control: hides the owner's newest quarantine
+    // dialog (without closing it), then opens the owner's quarantine folder,
+    // if it has one. Main thread.
+    void openQuarantineFolder(const std::string& ownerName);
+
+    // The owner's outlets: the dialog it loaded last. Main thread.
+    struct Outlets {
+        QPointer<QDialog> theDialog;
+        QPointer<QLabel> theMessage;
+        QPointer<QPushButton> deleteButton;
+    };
+    Outlets outletsOf(const std::string& ownerName) const;
+
+private:
+    struct Owner {
+        Outlets outlets;
+        std::string quarantineLocation;
+    };
+
+    template <typename Call>
+    bool onMainThread(Call call);
+    QDialog* loadQuarantinedDialog(const std::string& ownerName);
+    static void orderFrontRegardless(QDialog* dialog);
+
+    std::string resourcesFolder_;
+    KorvaneVelgar* controller_ = nullptr;
+    Workspace& workspace_;
+    std::map<std::string, Owner> owners_; // main thread only
+};
+
+} // namespace kv

@@ -1,0 +1,451 @@
+#include "ui/Throbber.h"
+
+#include "app/KorvaneVelgar.h"
+#include "platform/Log.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/Workspace.h"
+#include "ui/IndicatorClock.h"
+#include "ui/MyMenuItem.h"
+
+#include <QApplication>
+#include <QCursor>
+#include <QFile>
+#include <QMenu>
+#include <QSystemTrayIcon>
+#include <QThread>
+#include <QWidget>
+
+#include <algorithm>
+#include <cctype>
+
+namespace kv {
+namespace {
+
+using std::chrono::microseconds;
+
+std::string lowerCased(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
+std::string abbreviateWithTilde(const std::string& path, const std::string& home)
+{
+    if (home.empty() || home == "/")
+        return path;
+    if (path == home)
+        return "~";
+    if (path.size() > home.size() && path.compare(0, home.size(), home) == 0 && path[home.size()] == '/')
+        return "~" + path.substr(home.size());
+    return path;
+}
+
+std::string expandTildeIn(const std::string& path, const std::string& home)
+{
+    if (path == "~")
+        return home;
+    if (path.starts_with("~/"))
+        return joinPath(home, path.substr(2));
+    return expandTilde(path);
+}
+
+// A volume root gets no submenu entry: it is not a folder the user chose to
+// open, only the place where new volumes appear.
+bool isVolumeRoot(std::string path)
+{
+    if (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    const std::vector<std::string>& roots = volumeRoots();
+    return std::find(roots.begin(), roots.end(), path) != roots.end();
+}
+
+} // namespace
+
+Throbber::Throbber(QWidget* interfaceRoot, Environment environment, QObject* parent)
+    : QObject(parent), environment_(std::move(environment)), clock_(environment_.clock),
+      home_(environment_.homeDirectory.empty() ? homeDirectory() : environment_.homeDirectory)
+{
+    if (!clock_) {
+        ownClock_ = std::make_unique<SteadyIndicatorClock>();
+        clock_ = ownClock_.get();
+    }
+
+    if (interfaceRoot) {
+        auto item = [interfaceRoot](const char* name) { return interfaceRoot->findChild<MyMenuItem*>(name); };
+        theMenu_ = interfaceRoot->findChild<QMenu*>("theMenu");
+        theSubMenu_ = interfaceRoot->findChild<QMenu*>("theSubMenu");
+        startMenuItem = item("startMenuItem");
+        stopMenuItem = item("stopMenuItem");
+        foldersWatchedMenuItem = item("foldersWatchedMenuItem");
+        restartMenuItem = item("restartMenuItem");
+        abortMenuItem = item("abortMenuItem");
+        abortConfirmMenuItem = item("abortConfirmMenuItem");
+        quitMenuItem = item("quitMenuItem");
+        updateDefsMenuItem = item("updateDefsMenuItem");
+        openScanLogMenuItem = item("openScanLogMenuItem");
+        openVelgarConsoleLogMenuItem = item("openVelgarConsoleLogMenuItem");
+        openUpdateLogMenuItem = item("openUpdateLogMenuItem");
+        openAppMenuItem = item("openAppMenuItem");
+        openPrefsMenuItem = item("openPrefsMenuItem");
+        // An interface file cannot hang a submenu on a named item; the two
+        // submenus are attached here.
+        if (foldersWatchedMenuItem && theSubMenu_)
+            foldersWatchedMenuItem->setMenu(theSubMenu_.data());
+        if (auto* abortSubMenu = interfaceRoot->findChild<QMenu*>("abortSubMenu"); abortSubMenu && abortMenuItem)
+            abortMenuItem->setMenu(abortSubMenu);
+    }
+    if (!theMenu_ || !theSubMenu_ || !startMenuItem || !quitMenuItem)
+        nsLog("The main interface file lacks the status menu or some of its items; they are left out");
+    if (quitMenuItem)
+        quitTitle_ = quitMenuItem->text().toStdString();
+
+    // Read before the first preferences load: only the agent's own domain
+    // counts here, not the main application's.
+    if (environment_.preferences) {
+        environment_.preferences->synchronize();
+        if (const std::optional<std::string> dock = environment_.preferences->string("ShowDockIcon"))
+            showDockPref_ = lowerCased(*dock);
+    }
+    statusItem_ = new QSystemTrayIcon(this);
+    statusItem_->setToolTip(QStringLiteral("Korvane Velgar"));
+    if (showDockPref_ == "true") {
+        showStatusItem_ = false;
+        if (theMenu_ && quitMenuItem)
+            theMenu_->removeAction(quitMenuItem);
+    }
+    // Panels that send only "activate" for a click still open the menu.
+    connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger && theMenu_)
+            theMenu_->popup(QCursor::pos());
+    });
+}
+
+Throbber::~Throbber() { stopIndicator(); }
+
+void Throbber::setKorvaneVelgarController(KorvaneVelgar* controller)
+{
+    korvaneVelgarController_ = controller;
+    if (!controller)
+        return;
+    auto bind = [this](MyMenuItem* item, std::function<void()> operation) {
+        if (item)
+            connect(item, &QAction::triggered, this, std::move(operation));
+    };
+    bind(startMenuItem, [controller] { controller->startWatcher(false); });
+    bind(stopMenuItem, [controller] { controller->stopWatcher(); });
+    bind(restartMenuItem, [controller] { controller->restartWatcher(); });
+    bind(abortConfirmMenuItem, [controller] { controller->abortScans(); });
+    bind(quitMenuItem, [controller] { controller->quit(); });
+    bind(openAppMenuItem, [controller] { controller->openApp(); });
+    bind(openPrefsMenuItem, [controller] { controller->openPrefs(false); });
+    for (MyMenuItem* logItem : {openScanLogMenuItem.data(), openVelgarConsoleLogMenuItem.data(), openUpdateLogMenuItem.data()})
+        bind(logItem, [this, logItem] { openLog(logItem, logItem->modifiersOfLastChoice()); });
+    // updateDefsMenuItem is bound once the controller can update the
+    // definitions; see updateDefsAvailable_.
+}
+
+void Throbber::runOnMainThread(std::function<void()> change)
+{
+    if (QThread::currentThread() == thread())
+        change();
+    else
+        QMetaObject::invokeMethod(this, std::move(change), Qt::QueuedConnection);
+}
+
+bool Throbber::quitItemFollowsStates() const { return showDockPref_ != "true" && showDockPref_ != "both"; }
+
+void Throbber::enableMenuItems(int state)
+{
+    if (state < kDisabled || state > kBusy)
+        return;
+    if (observer_)
+        observer_->menuStateShown(state);
+    runOnMainThread([this, state] { applyMenuState(state); });
+}
+
+void Throbber::applyMenuState(int state)
+{
+    // One row per item: the item's setting in states 0 to 3, '1' on, '0' off,
+    // '-' left as it is.
+    struct Row {
+        QPointer<MyMenuItem> Throbber::*item;
+        const char* settings;
+    };
+    static constexpr Row rows[] = {
+        {&Throbber::startMenuItem, "0100"},        {&Throbber::stopMenuItem, "0010"},
+        {&Throbber::foldersWatchedMenuItem, "0---"}, {&Throbber::restartMenuItem, "0010"},
+        {&Throbber::abortMenuItem, "0-01"},        {&Throbber::abortConfirmMenuItem, "0-01"},
+        {&Throbber::updateDefsMenuItem, "0-10"},   {&Throbber::quitMenuItem, "1-10"},
+    };
+    for (const Row& row : rows) {
+        MyMenuItem* item = (this->*row.item).data();
+        const char setting = row.settings[state];
+        if (!item || setting == '-')
+            continue;
+        if (row.item == &Throbber::quitMenuItem && !quitItemFollowsStates())
+            continue;
+        bool on = setting == '1';
+        if (row.item == &Throbber::updateDefsMenuItem)
+            on = on && updateDefsAvailable_;
+        item->setEnabled(on);
+    }
+}
+
+void Throbber::clearMenu()
+{
+    if (theSubMenu_)
+        theSubMenu_->clear();
+    numReadyToWatch = 0;
+    if (foldersWatchedMenuItem)
+        foldersWatchedMenuItem->setEnabled(false);
+    currentlyWatching_ = false;
+    enableMenuItems(kStopped);
+    setMenuAndDockTile(defaultImage);
+    setAlternateImage(altImage2);
+}
+
+void Throbber::setNumItemsToWatch(int count) { numItemsToWatch = count; }
+
+void Throbber::addToMenu(const std::string& path, const std::string& objectToWatch)
+{
+    if (!isVolumeRoot(path) && theSubMenu_) {
+        if (foldersWatchedMenuItem && !foldersWatchedMenuItem->isEnabled())
+            foldersWatchedMenuItem->setEnabled(true);
+        auto* entry = new QAction(QString::fromStdString(abbreviateWithTilde(path, home_)), theSubMenu_);
+        connect(entry, &QAction::triggered, this, [this, entry] { openFolder(entry); });
+        // Newest first: the submenu lists the folders in reverse order.
+        const QList<QAction*> entries = theSubMenu_->actions();
+        theSubMenu_->insertAction(entries.isEmpty() ? nullptr : entries.first(), entry);
+    }
+    enableMenuItems(kDisabled);
+    if (startMenuItem) {
+        const std::string wait = korvaneVelgarController_ ? korvaneVelgarController_->localizedString("WAIT") : "WAIT";
+        startMenuItem->setText(QString::fromStdString(wait));
+    }
+    if (foldersWatchedMenuItem)
+        foldersWatchedMenuItem->setEnabled(true);
+}
+
+void Throbber::setReady()
+{
+    ++numReadyToWatch;
+    if (numReadyToWatch < numItemsToWatch)
+        return;
+    currentlyWatching_ = true;
+    if (startMenuItem)
+        startMenuItem->setText(QString::fromStdString(startWatchingMenuItemText));
+    enableMenuItems(kWatching);
+    setMenuAndDockTile(watchingImage);
+    setAlternateImage(altImage);
+}
+
+void Throbber::setMenuAndDockTile(const ImagePair& pair)
+{
+    if (observer_)
+        observer_->imagesShown(pair.name);
+    runOnMainThread([this, statusImage = pair.statusImage, applicationIcon = pair.applicationIcon] {
+        statusItem_->setIcon(statusImage);
+        QApplication::setWindowIcon(applicationIcon);
+    });
+}
+
+void Throbber::setAlternateImage(const ImagePair& pair)
+{
+    runOnMainThread([this, name = pair.name] { alternateImageName_ = name; });
+}
+
+void Throbber::openFolder(const QAction* item)
+{
+    if (item && environment_.workspace)
+        environment_.workspace->openPath(expandTildeIn(item->text().toStdString(), home_));
+}
+
+void Throbber::openLog(const QObject* sender, Qt::KeyboardModifiers modifiers)
+{
+    Workspace* workspace = environment_.workspace;
+    if (!workspace)
+        return;
+    std::string path;
+    if (sender && sender == openScanLogMenuItem.data()) {
+        path = joinPath(home_, "Library/Logs/KorvaneVelgar-scan.log");
+        if (modifiers & Qt::AltModifier)
+            path.replace(path.rfind("KorvaneVelgar-scan.log"), std::string("KorvaneVelgar-scan.log").size(),
+                         "korvane-scan.log");
+    } else if (sender && sender == openVelgarConsoleLogMenuItem.data()) {
+        path = joinPath(home_, "Library/Logs/KorvaneVelgarConsole.log");
+    } else {
+        const std::optional<std::string> option =
+            korvaneVelgarController_ ? korvaneVelgarController_->freshclamLogLocation() : std::nullopt;
+        // "--log=" followed by the path; anything shorter holds no path.
+        if (!option || option->size() < 7) {
+            workspace->beep();
+            return;
+        }
+        path = option->substr(6);
+    }
+    if (!pathExists(path)) {
+        workspace->beep();
+        return;
+    }
+    workspace->openPath(path, [workspace](bool opened) {
+        if (!opened)
+            workspace->beep();
+    });
+}
+
+void Throbber::canRestartFromAS()
+{
+    if (restartMenuItem && restartMenuItem->isEnabled() && korvaneVelgarController_)
+        korvaneVelgarController_->restartWatcher();
+}
+
+std::string Throbber::getQuitMenuName() const { return quitTitle_; }
+
+void Throbber::startUpdate()
+{
+    // The flag first: the indicator, woken by the count, must find it set.
+    updating_ = true;
+    if (korvaneVelgarController_)
+        korvaneVelgarController_->modifyScannerCountBy(1);
+}
+
+void Throbber::stopUpdate()
+{
+    updating_ = false;
+    if (korvaneVelgarController_)
+        korvaneVelgarController_->modifyScannerCountBy(-1);
+}
+
+ImagePair Throbber::loadImagePair(const std::string& name, const std::string& dockName) const
+{
+    const QString folder = QString::fromStdString(joinPath(environment_.resourcesFolder, "images")) + "/";
+    auto load = [&folder](const std::string& imageName) {
+        QIcon icon;
+        // The double-size file keeps the image sharp on scaled panels.
+        for (const QString& suffix : {QStringLiteral(".png"), QStringLiteral("@2x.png")}) {
+            const QString path = folder + QString::fromStdString(imageName) + suffix;
+            if (QFile::exists(path))
+                icon.addFile(path);
+        }
+        if (icon.isNull())
+            nsLogf("The image \"%s\" is missing from %s", imageName.c_str(), qPrintable(folder));
+        return icon;
+    };
+    return ImagePair{name, load(name), load(dockName)};
+}
+
+void Throbber::loadImages()
+{
+    defaultImage = loadImagePair("default", "dock_default");
+    altImage = loadImagePair("alt", "dock_alt");
+    altImage2 = loadImagePair("alt2", "dock_alt");
+    watchingImage = loadImagePair("watching", "dock_watching");
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const std::string number = std::to_string(i + 1);
+        frames[i] = loadImagePair("scanning" + number, "dock_scanning" + number);
+    }
+}
+
+void Throbber::startIndicator(KorvaneVelgar& controller)
+{
+    if (indicatorThread_.joinable())
+        return;
+    if (!korvaneVelgarController_)
+        korvaneVelgarController_ = &controller;
+    indicatorController_ = &controller;
+
+    // The start-up steps run here, on the main thread, before the thread
+    // exists: the first folder rebuild then always finds the start item's own
+    // title remembered and the images loaded.
+    numReadyToWatch = 0;
+    updating_ = false;
+    if (startMenuItem)
+        startWatchingMenuItemText = startMenuItem->text().toStdString();
+    loadImages();
+    setMenuAndDockTile(defaultImage);
+    setAlternateImage(altImage);
+    if (theMenu_)
+        statusItem_->setContextMenu(theMenu_);
+    if (showStatusItem_)
+        statusItem_->show();
+    if (abortMenuItem)
+        abortMenuItem->setEnabled(false);
+    if (abortConfirmMenuItem)
+        abortConfirmMenuItem->setEnabled(false);
+
+    indicatorThread_ = std::thread([this, &controller] { indicatorLoop(controller); });
+}
+
+void Throbber::stopIndicator()
+{
+    if (!indicatorThread_.joinable())
+        return;
+    stopRequested_ = true;
+    clock_->interrupt();
+    // Under the lock, so the wake-up cannot fall between the indicator's test
+    // and its wait.
+    ConditionLock& throbberLock = indicatorController_->throbberLock();
+    throbberLock.lock();
+    throbberLock.broadcast();
+    throbberLock.unlock();
+    indicatorThread_.join();
+}
+
+void Throbber::indicatorLoop(KorvaneVelgar& controller)
+{
+    ConditionLock& throbberLock = controller.throbberLock();
+    for (;;) {
+        if (!clock_->pause(std::chrono::seconds(1)))
+            return;
+        if (!currentlyWatching_)
+            continue;
+
+        throbberLock.lock();
+        while (controller.scannerCount() <= 0 && !stopRequested_)
+            throbberLock.wait();
+        throbberLock.unlock();
+        if (stopRequested_)
+            return;
+
+        enableMenuItems(kBusy);
+        if (updating_) {
+            do
+                animateMenuForUpdate();
+            while (updating_ && !stopRequested_);
+        } else {
+            while (controller.scannerCount() >= 1 && !stopRequested_)
+                animateMenuForScan();
+        }
+        if (stopRequested_)
+            return;
+        enableMenuItems(kWatching);
+        setMenuAndDockTile(watchingImage);
+        setAlternateImage(altImage);
+    }
+}
+
+void Throbber::animateMenuForScan()
+{
+    // Down from frame 1 to frame 7 and back to frame 2: repeated cycles swing
+    // to and fro, resting twice as long on frame 1.
+    static constexpr int order[] = {1, 2, 3, 4, 5, 6, 7, 6, 5, 4, 3, 2};
+    bool first = true;
+    for (const int frame : order) {
+        setMenuAndDockTile(frames[frame - 1]);
+        if (!clock_->pause(microseconds(first ? kFirstScanFramePause : kFramePause)))
+            return;
+        first = false;
+    }
+}
+
+void Throbber::animateMenuForUpdate()
+{
+    for (int frame = 7; frame >= 1; --frame) {
+        setMenuAndDockTile(frames[frame - 1]);
+        if (!clock_->pause(microseconds(kFramePause)))
+            return;
+    }
+}
+
+} // namespace kv
