@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds Korvane Velgar and runs every test:
-# the full suite, then the core tests again under ThreadSanitizer.
+# the full suite, the Debian package's checks, then the core tests again
+# under ThreadSanitizer. The package is left in build/packages.
 #
 #   scripts/test.sh             everything
-#   scripts/test.sh --quick     the full suite only, no sanitizer build
+#   scripts/test.sh --quick     the full suite and the package, no sanitizer build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -22,6 +23,17 @@ echo "== Testing"
 # Tests start their own clamd, D-Bus buses and helpers; they run one at a
 # time because each looks at the machine's process list for clamd.
 ctest --test-dir build --output-on-failure --timeout 600
+
+echo "== Debian package"
+tests/packaging/package_test.sh build build build/packages
+deb=$(ls build/packages/korvane-velgar_*.deb)
+dpkg-deb --info "$deb"
+# Control data, binaries, resources folder, desktop entry (checked with
+# desktop-file-validate), icons, manual pages and documents.
+tests/packaging/package_test.sh contents build/packages
+# Errors fail the build. Tag overrides are in packaging/lintian-overrides,
+# each with its reason.
+lintian --fail-on error --display-info "$deb"
 
 if [ "$quick" -eq 0 ]; then
   echo "== Core tests under ThreadSanitizer"

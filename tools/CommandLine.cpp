@@ -14,6 +14,8 @@ const char* usageText()
     return "usage: velgarctl COMMAND ...\n"
            "  setup [--prefix DIR] [--watch DIR]... [--no-subdirs]\n"
            "                          build the engine prefix and write the agent's preferences\n"
+           "  setup --autostart | --no-autostart\n"
+           "                          start the agent at login, or stop doing so\n"
            "  defaults read [DOMAIN [KEY]]\n"
            "  defaults write DOMAIN KEY (-string S | -bool B | -int N | -float F | -json J)\n"
            "  defaults delete DOMAIN KEY\n"

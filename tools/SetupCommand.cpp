@@ -2,6 +2,7 @@
 
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
+#include "tools/AutostartEntry.h"
 #include "tools/CommandStatus.h"
 #include "tools/DefaultsCommand.h"
 #include "tools/EngineSetup.h"
@@ -10,8 +11,11 @@
 #include <QDir>
 #include <QJsonArray>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
+#include <climits>
 
 namespace kv {
 namespace {
@@ -19,6 +23,7 @@ namespace {
 const char* const kSuiteDomain = "com.korvane.Korvane";
 const char* const kDefaultUpdateLog = "~/Library/Logs/KorvaneVelgar-update.log";
 const char* const kDefaultWatchFolder = "~/Downloads";
+const char* const kAgentProgram = "korvane-velgar";
 constexpr std::chrono::seconds kFreshclamLimit{60};
 
 std::string absolutePath(const std::string& text)
@@ -28,6 +33,18 @@ std::string absolutePath(const std::string& text)
 }
 
 std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+// The agent beside this velgarctl: the two share one bin folder, in the
+// build tree as under any install prefix.
+std::string agentBesideThisProgram()
+{
+    char executable[PATH_MAX];
+    const ssize_t length = ::readlink("/proc/self/exe", executable, sizeof executable - 1);
+    if (length <= 0)
+        return {};
+    const std::string path(executable, static_cast<size_t>(length));
+    return path.substr(0, path.rfind('/') + 1) + kAgentProgram;
+}
 
 QJsonObject watchRecord(const std::string& folder, bool watchSubdirs)
 {
@@ -70,6 +87,12 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
             options->watchSubdirs = false;
             continue;
         }
+        if ((option == "--autostart" || option == "--no-autostart") && !value) {
+            if (options->autostart)
+                return reportBadInput("setup: give --autostart or --no-autostart once");
+            options->autostart = option == "--autostart";
+            continue;
+        }
         if (option != "--prefix" && option != "--watch")
             return reportBadInput("setup: unknown option \"" + argument + "\"");
         if (!value) {
@@ -91,6 +114,10 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
         if (std::find(options->watchFolders.begin(), options->watchFolders.end(), folder) == options->watchFolders.end())
             options->watchFolders.push_back(folder);
     }
+    // Starting at login is a change of its own, so that a user who asks for
+    // it never has the engine rebuilt or the preferences rewritten as well.
+    if (options->autostart && (options->prefix || !options->watchFolders.empty() || !options->watchSubdirs))
+        return reportBadInput("setup: --autostart and --no-autostart stand alone; give the other options to another setup");
     return kExitSuccess;
 }
 
@@ -99,6 +126,8 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
     Options options;
     if (const int status = parse(arguments, &options); status != kExitSuccess)
         return status;
+    if (options.autostart)
+        return changeAutostart(*options.autostart);
 
     const std::string preferencesPath = DefaultsCommand(preferencesFolder_).pathOfDomain(kSuiteDomain);
     std::string error;
@@ -166,6 +195,27 @@ int SetupCommand::buildEngine(const EngineSetup& engine) const
         return reportFailure("setup: " + error);
     printLine("No virus definitions could be downloaded, so the bundled test definitions are installed: Korvane Velgar "
               "will only detect the EICAR test file until real definitions are downloaded (run " + freshclam + ").");
+    return kExitSuccess;
+}
+
+int SetupCommand::changeAutostart(bool startAtLogin) const
+{
+    const AutostartEntry entry;
+    std::string error;
+    if (!startAtLogin) {
+        bool removed = false;
+        if (!entry.remove(&removed, &error))
+            return reportFailure("setup: " + error);
+        printLine(removed ? "Korvane Velgar will no longer start at login (removed " + entry.path() + ")."
+                          : "Korvane Velgar was not set to start at login; nothing to remove.");
+        return kExitSuccess;
+    }
+    const std::string agent = agentBesideThisProgram();
+    if (agent.empty() || ::access(agent.c_str(), X_OK) != 0)
+        return reportFailure("setup: the agent " + agent + " is not installed beside velgarctl; nothing written");
+    if (!entry.install(agent, &error))
+        return reportFailure("setup: " + error);
+    printLine("Korvane Velgar will start at login: " + entry.path() + " runs " + agent + ".");
     return kExitSuccess;
 }
 

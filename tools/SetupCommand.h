@@ -19,6 +19,10 @@ class EngineSetup;
 // (--prefix for PathToClamav, --watch for VelgarFolderArray). Everything is
 // checked before anything is written, and running it again is quick and
 // changes nothing.
+//
+// `velgarctl setup --autostart | --no-autostart` stands alone: it writes or
+// removes the login autostart entry (see AutostartEntry) and leaves the
+// prefix and the preferences as they are.
 class SetupCommand {
 public:
     // preferencesFolder: where the domain files live; the user's preferences
@@ -33,6 +37,7 @@ private:
         std::optional<std::string> prefix;
         std::vector<std::string> watchFolders;
         bool watchSubdirs = true;
+        std::optional<bool> autostart;  // --autostart true, --no-autostart false
     };
 
     // Fills *options; on bad input returns the exit status to end with.
@@ -40,6 +45,8 @@ private:
     // Builds the prefix and its definitions; reports progress on standard output.
     int buildEngine(const EngineSetup& engine) const;
     void updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const;
+    // Writes or removes the autostart entry and nothing else.
+    int changeAutostart(bool startAtLogin) const;
 
     std::string preferencesFolder_;
 };

@@ -94,6 +94,11 @@ TEST_F(VelgarctlDefaults, BadInputChangesNothing)
         {"setup", "--frobnicate"},
         {"setup", "--watch"},
         {"setup", "--watch", "/no/such/folder"},
+        {"setup", "--autostart", "--no-autostart"},
+        {"setup", "--no-autostart", "--no-autostart"},
+        {"setup", "--autostart", "--watch", home()},
+        {"setup", "--no-autostart", "--no-subdirs"},
+        {"setup", "--autostart=yes"},
     };
     for (const std::vector<std::string>& arguments : cases) {
         std::string joined;

@@ -185,5 +185,73 @@ TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixReache
     }
 }
 
+// velgarctl copied, with a stand-in agent beside it, into a folder whose
+// name must be quoted in a desktop entry's Exec line.
+class VelgarctlAutostart : public VelgarctlTest {
+protected:
+    void SetUp() override
+    {
+        VelgarctlTest::SetUp();
+        ASSERT_TRUE(install_.isValid());
+        QDir().mkpath(QString::fromStdString(bin()));
+        ASSERT_TRUE(QFile::copy(VELGARCTL_PATH, QString::fromStdString(velgarctl())));
+    }
+    std::string bin() const { return install_.path().toStdString() + "/Korvane \"Velgar\" $HOME `id` \\ bin"; }
+    std::string velgarctl() const { return bin() + "/velgarctl"; }
+    std::string agent() const { return bin() + "/korvane-velgar"; }
+    std::string mark() const { return install_.path().toStdString() + "/agent-ran"; }
+    void installStandInAgent() const
+    {
+        writeFile(agent(), "#!/bin/sh\nprintf '%s\\n' \"$0\" > '" + mark() + "'\n");
+        QFile::setPermissions(QString::fromStdString(agent()), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    std::string entry() const { return home() + "/.config/autostart/com.korvane.KorvaneVelgar.desktop"; }
+
+private:
+    QTemporaryDir install_;
+};
+
+TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChanged)
+{
+    installStandInAgent();
+    // Preferences a full setup would complete, and no engine prefix.
+    QDir().mkpath(QString::fromStdString(configFolder()));
+    writeFile(domainFile("com.korvane.Korvane"), "{\"SomeKey\": 1}\n");
+    const auto before = snapshotFiles(home());
+
+    const CommandResult start = runProgram(velgarctl(), {"setup", "--autostart"});
+    ASSERT_EQ(start.status, 0) << start.err;
+    auto after = snapshotFiles(home());
+    const std::string text = after["/.config/autostart/com.korvane.KorvaneVelgar.desktop"];
+    after.erase("/.config/autostart/com.korvane.KorvaneVelgar.desktop");
+    EXPECT_EQ(after, before);
+    EXPECT_NE(text.find("\nX-GNOME-Autostart-enabled=true\n"), std::string::npos) << text;
+
+    // Read the way a desktop session reads it.
+    EXPECT_EQ(QProcess::execute("desktop-file-validate", {QString::fromStdString(entry())}), 0) << text;
+    EXPECT_EQ(QProcess::execute("gio", {"launch", QString::fromStdString(entry())}), 0) << text;
+    for (int i = 0; i < 200 && readFile(mark()).empty(); ++i)
+        QThread::msleep(50);
+    EXPECT_EQ(readFile(mark()), agent() + "\n") << text;
+
+    EXPECT_EQ(runProgram(velgarctl(), {"setup", "--autostart"}).status, 0);
+    EXPECT_EQ(readFile(entry()), text);
+
+    const CommandResult stop = runProgram(velgarctl(), {"setup", "--no-autostart"});
+    ASSERT_EQ(stop.status, 0) << stop.err;
+    EXPECT_EQ(snapshotFiles(home()), before);
+    const CommandResult again = runProgram(velgarctl(), {"setup", "--no-autostart"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_NE(again.out.find("nothing to remove"), std::string::npos) << again.out;
+}
+
+TEST_F(VelgarctlAutostart, WithoutTheAgentBesideItNothingIsWritten)
+{
+    const CommandResult result = runProgram(velgarctl(), {"setup", "--autostart"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find(agent()), std::string::npos) << result.err;
+    EXPECT_TRUE(snapshotFiles(home()).empty());
+}
+
 } // namespace
 } // namespace kv::test

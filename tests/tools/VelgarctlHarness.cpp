@@ -21,13 +21,18 @@ QStringList toQStringList(const std::vector<std::string>& arguments)
 
 CommandResult runVelgarctl(const std::vector<std::string>& arguments, int timeoutMs)
 {
+    return runProgram(VELGARCTL_PATH, arguments, timeoutMs);
+}
+
+CommandResult runProgram(const std::string& program, const std::vector<std::string>& arguments, int timeoutMs)
+{
     QProcess process;
-    process.start(VELGARCTL_PATH, toQStringList(arguments));
+    process.start(QString::fromStdString(program), toQStringList(arguments));
     CommandResult result;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
         process.waitForFinished();
-        ADD_FAILURE() << "velgarctl did not finish within " << timeoutMs << " ms";
+        ADD_FAILURE() << program << " did not finish within " << timeoutMs << " ms";
         return result;
     }
     result.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;

@@ -21,6 +21,8 @@ struct CommandResult {
 // Runs the built velgarctl with the test process's environment and waits
 // for it (at most timeoutMs).
 CommandResult runVelgarctl(const std::vector<std::string>& arguments, int timeoutMs = 30000);
+// The same for a program elsewhere (a copy of velgarctl, say).
+CommandResult runProgram(const std::string& program, const std::vector<std::string>& arguments, int timeoutMs = 30000);
 
 // A QProcess of velgarctl started in the background.
 std::unique_ptr<QProcess> startVelgarctl(const std::vector<std::string>& arguments);
