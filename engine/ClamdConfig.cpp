@@ -1,5 +1,7 @@
 #include "engine/ClamdConfig.h"
 
+#include "platform/Utf8.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -7,51 +9,6 @@
 #include <sstream>
 
 namespace kv {
-namespace {
-
-bool isValidUtf8(std::string_view text, bool* allAscii)
-{
-    *allAscii = true;
-    size_t i = 0;
-    while (i < text.size()) {
-        const unsigned char lead = static_cast<unsigned char>(text[i]);
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        }
-        *allAscii = false;
-        size_t length;
-        uint32_t codePoint;
-        if ((lead & 0xe0) == 0xc0) {
-            length = 2;
-            codePoint = lead & 0x1f;
-        } else if ((lead & 0xf0) == 0xe0) {
-            length = 3;
-            codePoint = lead & 0x0f;
-        } else if ((lead & 0xf8) == 0xf0) {
-            length = 4;
-            codePoint = lead & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > text.size())
-            return false;
-        for (size_t k = 1; k < length; ++k) {
-            const unsigned char next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xc0) != 0x80)
-                return false;
-            codePoint = (codePoint << 6) | (next & 0x3f);
-        }
-        const bool overlong = (length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
-                              (length == 4 && codePoint < 0x10000);
-        if (overlong || codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff))
-            return false;
-        i += length;
-    }
-    return true;
-}
-
-} // namespace
 
 ClamdConfigText readClamdConfig(const std::string& path)
 {
@@ -66,8 +23,7 @@ ClamdConfigText readClamdConfig(const std::string& path)
         result.error = "read error";
         return result;
     }
-    bool allAscii = true;
-    if (!isValidUtf8(bytes, &allAscii)) {
+    if (!isValidUtf8(bytes)) {
         result.error = "the file is neither ASCII nor UTF-8 text";
         return result;
     }

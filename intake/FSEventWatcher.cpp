@@ -5,6 +5,7 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/UniqueFd.h"
+#include "platform/Utf8.h"
 #include "queue/Dispatcher.h"
 
 #include <poll.h>
@@ -37,44 +38,6 @@ constexpr int kFirstPauseMs = 250;
 constexpr int kLongestPauseMs = 8000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
-
-bool isValidUtf8(std::string_view text)
-{
-    const auto* byte = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* end = byte + text.size();
-    while (byte < end) {
-        if (*byte < 0x80) {
-            ++byte;
-            continue;
-        }
-        int following;
-        unsigned codePoint;
-        if ((*byte & 0xE0) == 0xC0) {
-            following = 1;
-            codePoint = *byte & 0x1F;
-        } else if ((*byte & 0xF0) == 0xE0) {
-            following = 2;
-            codePoint = *byte & 0x0F;
-        } else if ((*byte & 0xF8) == 0xF0) {
-            following = 3;
-            codePoint = *byte & 0x07;
-        } else {
-            return false;
-        }
-        if (end - byte <= following)
-            return false;
-        for (int i = 1; i <= following; ++i) {
-            if ((byte[i] & 0xC0) != 0x80)
-                return false;
-            codePoint = (codePoint << 6) | (byte[i] & 0x3F);
-        }
-        static constexpr unsigned kSmallest[] = {0, 0x80, 0x800, 0x10000};
-        if (codePoint < kSmallest[following] || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF))
-            return false;
-        byte += following + 1;
-    }
-    return true;
-}
 
 std::string parentOf(const std::string& path)
 {

@@ -1,5 +1,7 @@
 #include "platform/Log.h"
 
+#include "platform/FileWriting.h"
+
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -39,19 +41,6 @@ std::string vformat(const char* format, va_list args)
     std::vsnprintf(result.data(), result.size(), format, args);
     result.resize(static_cast<size_t>(needed));
     return result;
-}
-
-void writeAll(int fd, const std::string& text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        done += static_cast<size_t>(n);
-    }
 }
 
 } // namespace

@@ -2,14 +2,15 @@
 
 #include "app/KorvaneVelgar.h"
 #include "app/StatusMenu.h"
+#include "platform/FileWriting.h"
 #include "platform/Log.h"
+#include "platform/Utf8.h"
 #include "platform/Preferences.h"
 #include "queue/Dispatcher.h"
 #include "scan/ExclusionPatterns.h"
 #include "scan/ScanAlerts.h"
 #include "scan/TrashInfo.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <QJsonArray>
@@ -29,29 +30,6 @@ namespace {
 
 constexpr const char* kConnectWarning = "WARNING: Can't connect to clamd.";
 constexpr std::string_view kConnectError = "ERROR: Could not connect to clamd on";
-
-bool isValidUtf8(std::string_view text)
-{
-    size_t i = 0;
-    while (i < text.size()) {
-        const unsigned char lead = static_cast<unsigned char>(text[i]);
-        size_t length = lead < 0x80 ? 1 : (lead & 0xe0) == 0xc0 ? 2 : (lead & 0xf0) == 0xe0 ? 3 : (lead & 0xf8) == 0xf0 ? 4 : 0;
-        if (length == 0 || i + length > text.size())
-            return false;
-        uint32_t codePoint = length == 1 ? lead : length == 2 ? lead & 0x1f : length == 3 ? lead & 0x0f : lead & 0x07;
-        for (size_t k = 1; k < length; ++k) {
-            const unsigned char next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xc0) != 0x80)
-                return false;
-            codePoint = (codePoint << 6) | (next & 0x3f);
-        }
-        if ((length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
-            (length == 4 && codePoint < 0x10000) || codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff))
-            return false;
-        i += length;
-    }
-    return true;
-}
 
 std::string timeStamp()
 {
@@ -181,27 +159,11 @@ void PatientScanner::determineWhatToScan()
 
 bool PatientScanner::writeListFile(const std::string& path, const std::string& text)
 {
-    // Never follow a link: a link planted at the list's path is removed and
-    // the list created afresh in its place.
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0 && errno == ELOOP) {
+    bool replacedLink = false;
+    const bool written = writeFileNoFollow(path, text, &replacedLink);
+    if (replacedLink)
         nsLogf("Removed a link planted at the scan list %s", path.c_str());
-        ::unlink(path.c_str());
-        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    }
-    if (fd < 0)
-        return false;
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    return done == text.size();
+    return written;
 }
 
 void PatientScanner::performScan()

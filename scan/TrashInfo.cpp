@@ -1,12 +1,8 @@
 #include "scan/TrashInfo.h"
 
+#include "platform/FileWriting.h"
 #include "platform/Paths.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 
 namespace kv {
 
@@ -73,20 +69,7 @@ bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime)
         "[Trash Info]\nPath=" + percentEncodePath(moved.originalPath) + "\nDeletionDate=" + date + "\n";
 
     const std::string infoPath = joinPath(trashFolder(), "info/" + name + ".trashinfo");
-    const int fd = ::open(infoPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return false;
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    return done == text.size();
+    return writeFileNoFollow(infoPath, text);
 }
 
 } // namespace kv
