@@ -1,5 +1,6 @@
 #include "app/KorvaneVelgar.h"
 
+#include "app/DefinitionsUpdate.h"
 #include "app/DialogListEntry.h"
 #include "app/StatusMenu.h"
 #include "platform/BusName.h"
@@ -8,7 +9,9 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
+#include "platform/SleepEvents.h"
 #include "platform/StringTable.h"
+#include "platform/VolumeEvents.h"
 #include "scan/TrashInfo.h"
 #include "platform/Workspace.h"
 
@@ -81,6 +84,11 @@ KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
 
 KorvaneVelgar::~KorvaneVelgar()
 {
+    {
+        // An update thread uses the controller until its last step.
+        std::unique_lock<std::mutex> held(updatesMutex_);
+        updatesEnded_.wait(held, [this] { return runningUpdates_ == 0; });
+    }
     if (permanentThreads_.empty())
         return;
     theDispatcher_.requestStop();
@@ -133,6 +141,9 @@ void KorvaneVelgar::applicationDidFinishLaunching()
     }
 
     startAfterSleep = false;
+
+    if (parts_.sleepEvents)
+        parts_.sleepEvents->observe([this] { goingToSleep(); }, [this] { wakingUp(); });
 }
 
 void KorvaneVelgar::prepareNotifications()
@@ -167,6 +178,12 @@ void KorvaneVelgar::startWatcher(bool update)
                                                               WatchList::quarantineDirFrom(*parts_.velgarPrefs)));
     if (!gfsLogger_.isWatching())
         gfsLogger_.start(*this);
+    // While watching, the machine waits for the agent to stop before it sleeps.
+    if (parts_.sleepEvents)
+        parts_.sleepEvents->holdSleepDelay();
+    if (update && updateDefsAtLaunch_)
+        updateVirusDefs(false);
+    nsLogf("Watching started: %zu watched folders and files", watchedFolderList.size());
 }
 
 void KorvaneVelgar::setScanParameters()
@@ -203,6 +220,8 @@ void KorvaneVelgar::createMoveDestinations()
 void KorvaneVelgar::stopWatcher()
 {
     gfsLogger_.stopWatching();
+    if (parts_.volumeEvents)
+        parts_.volumeEvents->removeObserver();
     if (mainMenu_)
         mainMenu_->clearMenu();
     watchedFolderList.clear();
@@ -240,8 +259,9 @@ void KorvaneVelgar::populateMenu()
             mainMenu_->addToMenu(path, path);
         addToWatchList(path, objectBoolValue(record.value("WatchSubdirs")));
     }
-    // Observing volume mounts (for newVolumeAppeared) starts here once the
-    // agent handles mounted volumes; stopWatcher() will end it again.
+    // Until the next stopWatcher().
+    if (parts_.volumeEvents)
+        parts_.volumeEvents->observeMounts([this](const std::string& mountPoint) { newVolumeAppeared(mountPoint); });
 }
 
 void KorvaneVelgar::addToWatchList(const std::string& path, bool subdirs)
@@ -606,6 +626,113 @@ std::string KorvaneVelgar::getQuarantineLocation() const
 {
     std::lock_guard<std::mutex> guard(configMutex_);
     return quarantineLocation;
+}
+
+void KorvaneVelgar::updateVirusDefs(bool notify)
+{
+    if (mainMenu_) {
+        std::lock_guard<std::recursive_mutex> held(mainMenu_->updateLock());
+        mainMenu_->startUpdate();
+    }
+    // The thread gets the updater settings as they are now; a restart while
+    // it runs rebuilds them on the main thread.
+    DefinitionsUpdate update(freshclamPATH_, freshclamLogLocation_, needsExit1FreshclamFlag_);
+    {
+        std::lock_guard<std::mutex> guard(updatesMutex_);
+        ++runningUpdates_;
+    }
+    std::thread([this, notify, update = std::move(update)] {
+        performDefsUpdate(notify, update);
+        std::lock_guard<std::mutex> guard(updatesMutex_);
+        --runningUpdates_;
+        updatesEnded_.notify_all();
+    }).detach();
+}
+
+void KorvaneVelgar::performDefsUpdate(bool notify, const DefinitionsUpdate& update)
+{
+    try {
+        const DefinitionsUpdate::Outcome outcome = update.run();
+        if (outcome == DefinitionsUpdate::Outcome::NoUpdater) {
+            displayDialog(Panel::NoEngine);
+        } else {
+            int kind = kError;
+            const std::string* text = &unknownError;
+            if (outcome == DefinitionsUpdate::Outcome::Updated) {
+                kind = kUpdated;
+                text = &updateSuccessful;
+            } else if (outcome == DefinitionsUpdate::Outcome::AlreadyUpToDate) {
+                kind = kUpToDate;
+                text = &alreadyUpToDate;
+            }
+            // An error is shown even for an update nobody asked to hear from.
+            if ((notify || kind == kError) && !displayGrowlDialog(kind, *text)) {
+                if (parts_.panels)
+                    parts_.panels->setUpdateWindowText(*text);
+                displayDialog(Panel::Update);
+            }
+        }
+    } catch (const std::exception& exception) {
+        nsLogf("The definitions update failed: %s", exception.what());
+    }
+    if (mainMenu_) {
+        std::lock_guard<std::recursive_mutex> held(mainMenu_->updateLock());
+        mainMenu_->stopUpdate();
+    }
+}
+
+void KorvaneVelgar::goingToSleep()
+{
+    if (isWatching()) {
+        nsLog("We're currently watching for changes, so stop and then register to know when we wake up again");
+        stopWatcher();
+        startAfterSleep = true;
+    }
+    nsLog("Nighty night!");
+    // Only now, with watching stopped, may the machine go to sleep.
+    if (parts_.sleepEvents)
+        parts_.sleepEvents->releaseSleepDelay();
+}
+
+void KorvaneVelgar::wakingUp()
+{
+    nsLog("Wakey wakey!");
+    if (startAfterSleep) {
+        startWatcher(false);
+        startAfterSleep = false;
+    }
+}
+
+void KorvaneVelgar::newVolumeAppeared(const std::string& devicePath)
+{
+    const auto withoutTrailingSlash = [](std::string_view path) {
+        if (path.size() > 1 && path.back() == '/')
+            path.remove_suffix(1);
+        return path;
+    };
+    for (const std::string& entry : watchedFolderList) {
+        if (withoutTrailingSlash(entry) == withoutTrailingSlash(devicePath)) {
+            nsLog("One of the volumes we're supposed to be watching has just appeared, so don't scan it for the time "
+                  "being, just wait for new additions.");
+            return;
+        }
+    }
+    parts_.velgarPrefs->synchronize();
+    if (!parts_.velgarPrefs->boolean("VelgarScanVolumes"))
+        return;
+    nsLogf("The volume %s was just mounted and we're not supposed to be monitoring it for new content, so just scan "
+           "it immediately.",
+           devicePath.c_str());
+    theDispatcher_.addStringToItemList(devicePath);
+}
+
+bool KorvaneVelgar::applicationDelegateHandlesKey(const std::string& key) const { return key == "restartWatchingViaAS"; }
+
+std::string KorvaneVelgar::restartWatchingViaAS()
+{
+    if (mainMenu_)
+        mainMenu_->canRestartFromAS();
+    return "Restart Requested";
 }
 
 } // namespace kv

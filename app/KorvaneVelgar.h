@@ -11,6 +11,7 @@
 #include <QObject>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -23,13 +24,16 @@
 
 namespace kv {
 
+class DefinitionsUpdate;
 class DesktopNotifier;
 class DialogListEntry;
 class DistributedCenter;
 class Preferences;
 class ScanAlerts;
+class SleepEvents;
 class StatusMenu;
 class StringTable;
+class VolumeEvents;
 class Workspace;
 
 // Everything the controller is built on. The controller does not own these;
@@ -41,6 +45,8 @@ struct ControllerParts {
     Panels* panels = nullptr;                      // null without a desktop
     StatusMenu* mainMenu = nullptr;                // null until a status menu exists
     Workspace* workspace = nullptr;                // launching, opening, beeping; null without a desktop
+    SleepEvents* sleepEvents = nullptr;            // sleep and wake; null: no sleep handling
+    VolumeEvents* volumeEvents = nullptr;          // mounted volumes; null: mounts go unnoticed
     const StringTable* strings = nullptr;
     ScanAlerts* scanAlerts = nullptr;              // the scanners' dialogs; null without a desktop
     // The queue's pause between its two measurement passes; one second
@@ -129,6 +135,26 @@ public:
     // "AllNotifications" and "DefaultNotifications": the six notification
     // names, each list in the same order.
     std::map<std::string, std::vector<std::string>> registrationDictionaryForGrowl() const;
+
+    // Definitions updates. updateVirusDefs() starts one on a thread of its
+    // own and returns at once; with no argument it is the menu command,
+    // which notifies of every outcome (a launch-time update notifies only of
+    // an error). Takes the status menu's update lock around startUpdate().
+    void updateVirusDefs(bool notify = true);
+    // The update thread's body: runs the updater, tells the user and ends
+    // with stopUpdate() on every path. Any thread.
+    void performDefsUpdate(bool notify, const DefinitionsUpdate& update);
+
+    // System events and the scripted restart. Main thread.
+    void goingToSleep();
+    void wakingUp();
+    // A volume was mounted at devicePath while watching.
+    void newVolumeAppeared(const std::string& devicePath);
+    // True for the one key a script may read, "restartWatchingViaAS".
+    bool applicationDelegateHandlesKey(const std::string& key) const;
+    // Asks the status menu for a restart (done only while its restart item
+    // is enabled) and answers "Restart Requested" either way.
+    std::string restartWatchingViaAS();
 
     // Links to the main application, from menu items and panel buttons.
     static constexpr int kOpenPrefsWaitSeconds = 30;
@@ -226,6 +252,11 @@ private:
     int32_t MacOSVersion = 0;
     bool notificationsRegistered_ = false;
     bool startAfterSleep = false;
+
+    // Update threads still running; the destructor waits for them.
+    std::mutex updatesMutex_;
+    std::condition_variable updatesEnded_;  // with updatesMutex_
+    int runningUpdates_ = 0;                // guarded by updatesMutex_
 
     // Per-start configuration, made by readPrefs(), given up by stopWatcher().
     // Written on the main thread only; mode strings are read by scanner

@@ -1,0 +1,119 @@
+// The scripted read: velgarctl, or any D-Bus client, reads a property of the
+// agent's bus object on a private session bus; the controller answers.
+
+#include "platform/AgentBusObject.h"
+#include "tests/core/AgentHarness.h"
+
+#include <QCoreApplication>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusVariant>
+#include <QThread>
+
+namespace {
+
+// Restarts watching when asked, as the real menu does while its restart item
+// is enabled (it is not while scans run).
+class ScriptedMenu : public kvtest::RecordingStatusMenu {
+public:
+    void canRestartFromAS() override
+    {
+        ++asked;
+        onMainThread = QThread::currentThread() == QCoreApplication::instance()->thread();
+        if (restartItemEnabled)
+            controller->restartWatcher();
+    }
+    kv::KorvaneVelgar* controller = nullptr;
+    bool restartItemEnabled = true;
+    int asked = 0;
+    bool onMainThread = false;
+};
+
+class ScriptedRead : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        kvtest::processEventsUntil([] { return true; });
+        kv::ControllerParts parts;
+        parts.velgarPrefs = &preferences_;
+        parts.mainMenu = &menu_;
+        parts.redirectToScanLog = false;
+        parts.exitProcess = [](int) {};
+        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
+        menu_.controller = controller_.get();
+        kv::AgentBusObject::ScriptedKeys keys;
+        keys.handlesKey = [this](const std::string& key) { return controller_->applicationDelegateHandlesKey(key); };
+        keys.valueForKey = [this](const std::string&) { return controller_->restartWatchingViaAS(); };
+        keys.names = {"restartWatchingViaAS"};
+        object_ = std::make_unique<kv::AgentBusObject>(keys);
+        ASSERT_TRUE(agentBus_.registerService(kv::KorvaneVelgar::kBundleIdentifier));
+        ASSERT_TRUE(object_->registerOn(agentBus_));
+    }
+
+    // velgarctl's status and output; the agent answers meanwhile.
+    std::pair<int, std::string> velgarctl(const std::string& key)
+    {
+        kvtest::ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", bus_.address());
+        std::optional<kv::ChildProcess> child =
+            kv::ChildProcess::spawn({KV_TEST_VELGARCTL, "script", key}, kv::ChildProcess::Output::StdoutPipe);
+        kvtest::processEventsUntil([&] { return !child->running(); });
+        const std::string output = child->readAll();
+        return {child->wait(), output};
+    }
+
+    // The error name of a Properties call from another client, or "" and the answer.
+    std::pair<std::string, std::string> properties(const char* member, const QList<QVariant>& arguments)
+    {
+        QDBusMessage call = QDBusMessage::createMethodCall(kv::KorvaneVelgar::kBundleIdentifier, kv::AgentBusObject::kPath,
+                                                           "org.freedesktop.DBus.Properties", member);
+        call.setArguments(arguments);
+        QDBusPendingCallWatcher watcher(client_.asyncCall(call));
+        kvtest::processEventsUntil([&] { return watcher.isFinished(); });
+        const QDBusMessage reply = watcher.reply();
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            return {reply.errorName().toStdString(), {}};
+        return {{}, qvariant_cast<QDBusVariant>(reply.arguments().value(0)).variant().toString().toStdString()};
+    }
+
+    kvtest::PrivateBus bus_{kvtest::PrivateBus::Kind::Session};
+    QDBusConnection agentBus_ = bus_.connect();
+    QDBusConnection client_ = bus_.connect();
+    kvtest::FakePreferences preferences_;
+    ScriptedMenu menu_;
+    kvtest::LogCapture log_;
+    std::unique_ptr<kv::KorvaneVelgar> controller_;
+    std::unique_ptr<kv::AgentBusObject> object_;
+};
+
+TEST_F(ScriptedRead, VelgarctlGetsRestartRequestedAndTheAgentRestartsWhenItMay)
+{
+    EXPECT_EQ(velgarctl("restartWatchingViaAS"), std::make_pair(0, std::string("Restart Requested\n")));
+    EXPECT_EQ(menu_.asked, 1);
+    EXPECT_TRUE(menu_.onMainThread);
+    EXPECT_EQ(log_.count("restartWatcher"), 1u);
+
+    menu_.restartItemEnabled = false;
+    EXPECT_EQ(velgarctl("restartWatchingViaAS"), std::make_pair(0, std::string("Restart Requested\n")));
+    EXPECT_EQ(menu_.asked, 2);
+    EXPECT_EQ(log_.count("restartWatcher"), 1u) << "scans running: the same answer, nothing else";
+}
+
+TEST_F(ScriptedRead, OtherKeysAndCallsAreRefusedTheStandardWay)
+{
+    const QString interface = kv::AgentBusObject::kInterface;
+    const QString key = "restartWatchingViaAS";
+    const std::vector<std::tuple<const char*, QList<QVariant>, std::string>> refused = {
+        {"Get", {interface, QString("quitViaAS")}, "org.freedesktop.DBus.Error.UnknownProperty"},
+        {"Get", {QString("com.korvane.Other"), key}, "org.freedesktop.DBus.Error.UnknownInterface"},
+        {"Set", {interface, key, QVariant::fromValue(QDBusVariant(QString("x")))}, "org.freedesktop.DBus.Error.PropertyReadOnly"},
+        {"GetAll", {interface}, "org.freedesktop.DBus.Error.NotSupported"},
+        {"Get", {interface}, "org.freedesktop.DBus.Error.InvalidArgs"},
+    };
+    for (const auto& [member, arguments, error] : refused)
+        EXPECT_EQ(properties(member, arguments).first, error) << member;
+    EXPECT_EQ(menu_.asked, 0);
+    EXPECT_EQ(properties("Get", {interface, key}), std::make_pair(std::string(), std::string("Restart Requested")));
+    EXPECT_EQ(menu_.asked, 1);
+}
+
+} // namespace

@@ -1,0 +1,158 @@
+// Volumes mounted while the agent watches: real tmpfs mounts under /mnt (the
+// tests run as root), the agent's MountWatcher on the kernel's mount table,
+// and the queue and a scanner driven by hand.
+
+#include "platform/MountWatcher.h"
+#include "tests/core/AgentHarness.h"
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <QJsonArray>
+
+namespace {
+
+// A tmpfs at a fresh folder directly under /mnt, with a blank in its name as
+// volume names often have; unmounted and removed with the object.
+class ScopedVolume {
+public:
+    ScopedVolume()
+    {
+        char pattern[] = "/mnt/Korvane test XXXXXX";
+        path_ = ::mkdtemp(pattern) ? pattern : "";
+    }
+    ~ScopedVolume()
+    {
+        ::umount2(path_.c_str(), MNT_DETACH);
+        ::rmdir(path_.c_str());
+    }
+    bool mount(const std::string& eicar = {})
+    {
+        if (::mount("korvane-test", path_.c_str(), "tmpfs", 0, "size=1m") != 0)
+            return false;
+        if (!eicar.empty())
+            kvtest::writeFile(path_ + "/eicar.com", eicar);
+        return true;
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The real mount watcher, noting what it reports, so that a test knows when
+// a mount has been seen even where the agent ignores it.
+class CountingVolumes : public kv::VolumeEvents {
+public:
+    bool observeMounts(Handler handler) override
+    {
+        observing = true;
+        return real.observeMounts([this, handler](const std::string& mountPoint) {
+            seen.push_back(mountPoint);
+            handler(mountPoint);
+        });
+    }
+    void removeObserver() override
+    {
+        observing = false;
+        real.removeObserver();
+    }
+    kv::MountWatcher real;
+    std::vector<std::string> seen;
+    bool observing = false;
+};
+
+class MountedVolumes : public kvtest::AgentTest {
+protected:
+    void SetUp() override
+    {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "mounting needs root";
+        AgentTest::SetUp();
+    }
+    kv::KorvaneVelgar& watch(const QJsonObject& preferences)
+    {
+        preferences_.own = preferences;
+        kv::KorvaneVelgar& agent = makeController([this](kv::ControllerParts& parts) { parts.volumeEvents = &volumes_; });
+        agent.startWatcher(false);
+        EXPECT_TRUE(agent.isWatching());
+        return agent;
+    }
+    bool seen(size_t count)
+    {
+        return kvtest::processEventsUntil([&] { return volumes_.seen.size() >= count; });
+    }
+    static std::string scanLine(const std::string& path)
+    {
+        return "The volume " + path +
+               " was just mounted and we're not supposed to be monitoring it for new content, so just scan it immediately.";
+    }
+
+    CountingVolumes volumes_;
+};
+
+TEST_F(MountedVolumes, NewVolumeIsScannedWholeWhenAsked)
+{
+    kv::KorvaneVelgar& agent = watch({{"VelgarScanVolumes", true}});
+    ScopedVolume volume;
+    ASSERT_TRUE(volume.mount(kvtest::eicar()));
+    ASSERT_TRUE(seen(1));
+    EXPECT_EQ(volumes_.seen[0], volume.path());
+    EXPECT_EQ(log_.count(scanLine(volume.path())), 1u);
+
+    kv::Dispatcher& queue = agent.theDispatcher();
+    queue.runOneCycle();
+    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{volume.path()}) << "the volume is one item";
+    const std::string output = kvtest::captureStandardStreams([&] { agent.firstPatientScanner().scanBatch(queue); });
+    EXPECT_NE(output.find(volume.path() + "/eicar.com: "), std::string::npos) << output;
+    EXPECT_NE(output.find(" FOUND"), std::string::npos) << output;
+}
+
+TEST_F(MountedVolumes, NewVolumeIsIgnoredUnlessAsked)
+{
+    for (const QJsonObject& preferences : {QJsonObject{}, QJsonObject{{"VelgarScanVolumes", false}}}) {
+        kv::KorvaneVelgar& agent = watch(preferences);
+        ScopedVolume volume;
+        const size_t before = volumes_.seen.size();
+        ASSERT_TRUE(volume.mount());
+        ASSERT_TRUE(seen(before + 1));
+        EXPECT_EQ(agent.theDispatcher().lengthOfBothItemLists(), 0);
+        EXPECT_EQ(log_.count("was just mounted"), 0u);
+    }
+}
+
+TEST_F(MountedVolumes, WatchedMountPointMountedAgainIsRecognised)
+{
+    ScopedVolume volume;
+    kv::KorvaneVelgar& agent = watch({{"VelgarScanVolumes", true},
+                                      {"VelgarFolderArray", QJsonArray{QJsonObject{{"pathName", QString::fromStdString(volume.path())}}}}});
+    ASSERT_EQ(agent.getWatchedFolderList(), std::vector<std::string>{volume.path() + "/"});
+    ASSERT_TRUE(volume.mount());
+    ASSERT_TRUE(seen(1));
+    agent.newVolumeAppeared(volume.path() + "/");
+    EXPECT_EQ(log_.count("One of the volumes we're supposed to be watching has just appeared, so don't scan it for the "
+                         "time being, just wait for new additions."),
+              2u)
+        << "without and with the trailing \"/\"";
+    EXPECT_EQ(agent.theDispatcher().lengthOfBothItemLists(), 0);
+
+    agent.newVolumeAppeared(volume.path() + "2");
+    EXPECT_EQ(log_.count(scanLine(volume.path() + "2")), 1u) << "a name that only begins alike is another volume";
+}
+
+TEST_F(MountedVolumes, MountsWhileStoppedAreNeverSeen)
+{
+    kv::KorvaneVelgar& agent = watch({{"VelgarScanVolumes", true}});
+    agent.stopWatcher();
+    EXPECT_FALSE(volumes_.observing);
+    ScopedVolume whileStopped, afterStart;
+    ASSERT_TRUE(whileStopped.mount());
+    agent.startWatcher(false);
+    EXPECT_TRUE(volumes_.observing);
+    ASSERT_TRUE(afterStart.mount());
+    ASSERT_TRUE(seen(1));
+    EXPECT_EQ(volumes_.seen, std::vector<std::string>{afterStart.path()});
+    EXPECT_EQ(log_.count(scanLine(whileStopped.path())), 0u);
+}
+
+} // namespace
