@@ -141,8 +141,7 @@ void Throbber::setKorvaneVelgarController(KorvaneVelgar* controller)
     bind(openPrefsMenuItem, [controller] { controller->openPrefs(false); });
     for (MyMenuItem* logItem : {openScanLogMenuItem.data(), openVelgarConsoleLogMenuItem.data(), openUpdateLogMenuItem.data()})
         bind(logItem, [this, logItem] { openLog(logItem, logItem->modifiersOfLastChoice()); });
-    // updateDefsMenuItem is bound once the controller can update the
-    // definitions; see updateDefsAvailable_.
+    bind(updateDefsMenuItem, [controller] { controller->updateVirusDefs(); });
 }
 
 void Throbber::runOnMainThread(std::function<void()> change)
@@ -185,10 +184,7 @@ void Throbber::applyMenuState(int state)
             continue;
         if (row.item == &Throbber::quitMenuItem && !quitItemFollowsStates())
             continue;
-        bool on = setting == '1';
-        if (row.item == &Throbber::updateDefsMenuItem)
-            on = on && updateDefsAvailable_;
-        item->setEnabled(on);
+        item->setEnabled(setting == '1');
     }
 }
 

@@ -158,11 +158,6 @@ private:
     int numReadyToWatch = 0;
     std::atomic<bool> currentlyWatching_{false};
     std::atomic<bool> updating_{false};
-    // The controller has no definitions update yet: until it has, the update
-    // item stays off in every state rather than offer a command that does
-    // nothing.
-    bool updateDefsAvailable_ = false;
-
     // Loaded by startIndicator() on the main thread, read-only afterwards.
     ImagePair defaultImage, altImage, altImage2, watchingImage;
     std::array<ImagePair, 8> frames;

@@ -37,8 +37,7 @@ TEST(StatusMenu, FourStatesSwitchTheirItems)
 {
     DesktopAgent agent;
     // From all on and from all off, so that an item a state leaves alone
-    // shows as such. The definitions update has no operation yet and is never
-    // switched on.
+    // shows as such.
     struct Case {
         int state;
         const char* fromAllOn;
@@ -47,7 +46,7 @@ TEST(StatusMenu, FourStatesSwitchTheirItems)
     const Case cases[] = {
         {0, "00000001", "00000001"},
         {1, "10101111", "10000000"},
-        {2, "01110001", "01010001"},
+        {2, "01110011", "01010011"},
         {3, "00101100", "00001100"},
     };
     for (const Case& c : cases) {
@@ -80,7 +79,7 @@ TEST(StatusMenu, ThreeFoldersListNewestFirstAndWatchOnlyWhenAllAreReady)
         EXPECT_EQ(agent.menu->currentlyWatching(), i == 2) << "after folder " << i;
     }
     EXPECT_EQ(agent.find("startMenuItem")->text(), startTitle);
-    EXPECT_EQ(enabledPattern(agent), "01110001");
+    EXPECT_EQ(enabledPattern(agent), "01110011");
 
     QStringList titles;
     for (const QAction* entry : agent.menu->theSubMenu()->actions())
