@@ -140,7 +140,19 @@ void PatientScanner::takeConfigurationForRun()
     sawConnectionError_ = false;
 }
 
-void PatientScanner::getItemsToScan(Dispatcher& dispatcher) { dispatcher.copyFromDispatchToScanner(scanList_); }
+void PatientScanner::getItemsToScan(Dispatcher& dispatcher)
+{
+    dispatcher.copyFromDispatchToScanner(scanList_);
+    // The queue wakes one scanner per cycle. When more paths wait than one
+    // batch holds, pass the wake-up on, so the other scanner shares a flood
+    // at once instead of waiting for a cycle that may never come.
+    if (dispatcher.scannableCount() > 0) {
+        ConditionLock& scannerLock = dispatcher.scannerLock();
+        scannerLock.lock();
+        scannerLock.signal();
+        scannerLock.unlock();
+    }
+}
 
 void PatientScanner::determineWhatToScan()
 {
