@@ -19,7 +19,15 @@ bool DBusDistributedCenter::post(const std::string& name, const std::string& obj
         return false;
     QDBusMessage signal = QDBusMessage::createSignal(kPath, kInterface, QString::fromStdString(name));
     signal << QString::fromStdString(object);
-    return connection_.send(signal);
+    if (!connection_.send(signal))
+        return false;
+    // send() only queues the signal. A round trip to the bus daemon behind it
+    // makes sure it has left the process: "KorvaneVelgarHasQuit" is posted
+    // right before the agent exits.
+    connection_.call(QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                    "org.freedesktop.DBus.Peer", "Ping"),
+                     QDBus::Block, 2000);
+    return true;
 }
 
 bool DBusDistributedCenter::observe(const std::string& name, Handler handler)
