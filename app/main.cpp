@@ -30,6 +30,17 @@ namespace {
 
 int terminationPipe[2] = {-1, -1};
 
+// Qt's own warnings reach the scan log in the agent's line format, so every
+// line there says when it was written and by which process.
+void qtMessage(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    if (type == QtDebugMsg || type == QtInfoMsg)
+        return;
+    kv::nsLogf("Qt: %s", qPrintable(message));
+    if (type == QtFatalMsg)
+        std::abort();
+}
+
 void onTerminationSignal(int)
 {
     const char byte = 1;
@@ -46,6 +57,7 @@ int main(int argc, char* argv[])
     if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
         ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
     std::signal(SIGPIPE, SIG_IGN);
+    qInstallMessageHandler(qtMessage);
 
     QApplication application(argc, argv);
     application.setQuitOnLastWindowClosed(false);

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -224,10 +225,25 @@ public:
     ~Mount()
     {
         if (mounted_)
-            ::umount(at_.c_str());
+            ::umount2(at_.c_str(), MNT_DETACH);
     }
     bool mounted() const { return mounted_; }
-    bool unmount() { return mounted_ && ::umount(at_.c_str()) == 0 && !(mounted_ = false); }
+    // A file system watched for closed-after-writing files is busy while an
+    // event for one of its files still holds that file open: the helper
+    // closes it as soon as it has read the event, so an unmount succeeds
+    // within moments, as a user's second try would.
+    bool unmount()
+    {
+        for (int attempt = 0; mounted_ && attempt < 100; ++attempt) {
+            if (::umount(at_.c_str()) == 0)
+                mounted_ = false;
+            else if (errno == EBUSY)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            else
+                break;
+        }
+        return !mounted_;
+    }
 
 private:
     std::string at_;
