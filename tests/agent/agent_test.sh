@@ -11,7 +11,7 @@ ctl=$build/bin/velgarctl
 
 work=$(mktemp -d /tmp/kv-agent-XXXXXX)
 cleanup() {
-  kill "${listener:-}" "${bus_pid:-}" 2>/dev/null || true
+  kill "${pid:-}" "${listener:-}" "${bus_pid:-}" 2>/dev/null || true
   pkill -KILL -f "^$work/prefix/sbin/clamd " 2>/dev/null || true
   rm -rf "$work"
 }
