@@ -14,31 +14,11 @@ namespace {
 
 class Supervision : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        ::chmod(home_.path().c_str(), 0700);
-        preferences_.suite["PathToClamav"] = QString::fromStdString(engine_.path());
-        preferences_.suite["PathToUpdateLog"] = QString::fromStdString(home_ / "update.log");
-        kv::ControllerParts parts;
-        parts.velgarPrefs = &preferences_;
-        parts.distributedCenter = &center_;
-        parts.notifier = &notifier_;
-        parts.panels = &panels_;
-        parts.homeDirectory = home_.path();
-        parts.redirectToScanLog = false;
-        parts.exitProcess = [this](int status) { exitStatus_ = status; };
-        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-    }
-
     kvtest::EnginePrefix engine_;
-    kvtest::TempDir home_;
-    kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
-    kvtest::FakePreferences preferences_;
-    kvtest::RecordingCenter center_;
-    kvtest::RecordingNotifier notifier_;
-    kvtest::RecordingPanels panels_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
-    std::optional<int> exitStatus_;
+    kvtest::RecordingAgent agent_{engine_.path()};
+    kvtest::FakePreferences& preferences_ = agent_.preferences;
+    std::unique_ptr<kv::KorvaneVelgar> controller_ = std::make_unique<kv::KorvaneVelgar>(agent_.parts());
+    std::optional<int>& exitStatus_ = agent_.exitStatus;
 };
 
 TEST_F(Supervision, LaunchesItsOwnDaemonAndQuitsIt)

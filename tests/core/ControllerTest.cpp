@@ -28,37 +28,17 @@ protected:
         engine_ = nullptr;
     }
 
-    void SetUp() override
-    {
-        ::chmod(home_.path().c_str(), 0700);
-        preferences_.suite["PathToClamav"] = QString::fromStdString(engine_->path());
-        preferences_.suite["PathToUpdateLog"] = QString::fromStdString(home_ / "update.log");
-    }
-
-    std::unique_ptr<kv::KorvaneVelgar> makeController()
-    {
-        kv::ControllerParts parts;
-        parts.velgarPrefs = &preferences_;
-        parts.distributedCenter = &center_;
-        parts.notifier = &notifier_;
-        parts.panels = &panels_;
-        parts.mainMenu = &menu_;
-        parts.homeDirectory = home_.path();
-        parts.redirectToScanLog = false;
-        parts.exitProcess = [this](int status) { exitStatus_ = status; };
-        return std::make_unique<kv::KorvaneVelgar>(parts);
-    }
+    std::unique_ptr<kv::KorvaneVelgar> makeController() { return std::make_unique<kv::KorvaneVelgar>(agent_.parts()); }
 
     static kvtest::EnginePrefix* engine_;
-    kvtest::TempDir home_;
-    kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
-    kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
-    kvtest::FakePreferences preferences_;
-    kvtest::RecordingCenter center_;
-    kvtest::RecordingNotifier notifier_;
-    kvtest::RecordingPanels panels_;
-    kvtest::RecordingStatusMenu menu_;
-    std::optional<int> exitStatus_;
+    kvtest::RecordingAgent agent_{engine_->path()};
+    kvtest::TempDir& home_ = agent_.home;
+    kvtest::FakePreferences& preferences_ = agent_.preferences;
+    kvtest::RecordingCenter& center_ = agent_.center;
+    kvtest::RecordingNotifier& notifier_ = agent_.notifier;
+    kvtest::RecordingPanels& panels_ = agent_.panels;
+    kvtest::RecordingStatusMenu& menu_ = agent_.menu;
+    std::optional<int>& exitStatus_ = agent_.exitStatus;
 };
 
 kvtest::EnginePrefix* Controller::engine_ = nullptr;

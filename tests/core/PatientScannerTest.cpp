@@ -33,26 +33,13 @@ protected:
         engine_ = nullptr;
     }
 
-    void SetUp() override
-    {
-        ::chmod(home_.path().c_str(), 0700);
-        std::filesystem::create_directories(home_ / "watched");
-        preferences_.suite["PathToClamav"] = QString::fromStdString(engine_->path());
-        preferences_.suite["PathToUpdateLog"] = QString::fromStdString(home_ / "update.log");
-    }
+    void SetUp() override { std::filesystem::create_directories(home_ / "watched"); }
 
     void start(const QJsonObject& preferences = {})
     {
         preferences_.own = preferences;
-        kv::ControllerParts parts;
-        parts.velgarPrefs = &preferences_;
-        parts.notifier = &notifier_;
-        parts.panels = &panels_;
-        parts.scanAlerts = &alerts_;
-        parts.homeDirectory = home_.path();
-        parts.redirectToScanLog = false;
+        kv::ControllerParts parts = agent_.parts();
         parts.dispatcherPause = [] {};
-        parts.exitProcess = [](int) {};
         controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
         // No permanent threads: the test drives the queue and the scanners.
         controller_->prepareNotifications();
@@ -80,14 +67,12 @@ protected:
     }
 
     static kvtest::EnginePrefix* engine_;
-    kvtest::TempDir home_;
-    kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
-    kvtest::ScopedEnv data_{"XDG_DATA_HOME", home_ / "data"};
-    kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
-    kvtest::FakePreferences preferences_;
-    kvtest::RecordingNotifier notifier_;
-    kvtest::RecordingPanels panels_;
-    kvtest::RecordingAlerts alerts_;
+    kvtest::RecordingAgent agent_{engine_->path()};
+    kvtest::TempDir& home_ = agent_.home;
+    kvtest::FakePreferences& preferences_ = agent_.preferences;
+    kvtest::RecordingNotifier& notifier_ = agent_.notifier;
+    kvtest::RecordingPanels& panels_ = agent_.panels;
+    kvtest::RecordingAlerts& alerts_ = agent_.alerts;
     std::unique_ptr<kv::KorvaneVelgar> controller_;
 };
 

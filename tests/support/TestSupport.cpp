@@ -316,6 +316,28 @@ void EnginePrefix::stopDaemon()
     }
 }
 
+RecordingAgent::RecordingAgent(const std::string& enginePrefix)
+{
+    ::chmod(home.path().c_str(), 0700);
+    preferences.suite["PathToClamav"] = QString::fromStdString(enginePrefix);
+    preferences.suite["PathToUpdateLog"] = QString::fromStdString(home / "update.log");
+}
+
+kv::ControllerParts RecordingAgent::parts()
+{
+    kv::ControllerParts parts;
+    parts.velgarPrefs = &preferences;
+    parts.distributedCenter = &center;
+    parts.notifier = &notifier;
+    parts.panels = &panels;
+    parts.mainMenu = &menu;
+    parts.scanAlerts = &alerts;
+    parts.homeDirectory = home.path();
+    parts.redirectToScanLog = false;
+    parts.exitProcess = [this](int status) { exitStatus = status; };
+    return parts;
+}
+
 bool waitFor(const std::function<bool()>& predicate, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

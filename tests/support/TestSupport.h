@@ -4,6 +4,7 @@
 // environment overrides, log capture and the recording fakes that stand
 // behind the platform interfaces.
 
+#include "app/KorvaneVelgar.h"
 #include "app/StatusMenu.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
@@ -197,6 +198,27 @@ bool processGone(int pid);
 
 // True when something accepts connections on the UNIX socket.
 bool socketAccepts(const std::string& path);
+
+// What a controller test stands on: a private home with its XDG folders,
+// preferences naming the engine prefix, and the recording fakes behind every
+// platform interface. parts() hands them to a controller that keeps its
+// output on the test's streams and records its exit status instead of ending.
+struct RecordingAgent {
+    explicit RecordingAgent(const std::string& enginePrefix);
+    kv::ControllerParts parts();
+
+    TempDir home;
+    ScopedEnv runtime{"XDG_RUNTIME_DIR", home.path()};
+    ScopedEnv homeEnv{"HOME", home.path()};
+    ScopedEnv data{"XDG_DATA_HOME", home / "data"};
+    FakePreferences preferences;
+    RecordingCenter center;
+    RecordingNotifier notifier;
+    RecordingPanels panels;
+    RecordingStatusMenu menu;
+    RecordingAlerts alerts;
+    std::optional<int> exitStatus;
+};
 
 // Waits up to timeoutMs for the predicate, checking every few milliseconds.
 bool waitFor(const std::function<bool()>& predicate, int timeoutMs);
