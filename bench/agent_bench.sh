@@ -8,6 +8,7 @@
 #
 #   bench/agent_bench.sh [build folder] [idle seconds]
 set -euo pipefail
+source "$(dirname "$0")/../tests/support/machine_lock.sh"
 cd "$(dirname "$0")/.."
 build=${1:-build}
 idle=${2:-60}

@@ -4,6 +4,7 @@
 #
 #   agent_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
+source "$(dirname "$0")/../support/machine_lock.sh"
 build=$1
 source=$2
 agent=$build/bin/korvane-velgar

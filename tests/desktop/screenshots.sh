@@ -14,6 +14,7 @@
 # icon's pixels do not change between rest, watching and scanning. Needs
 # xvfb, trayer, dunst, xdotool and imagemagick; skipped without them.
 set -euo pipefail
+source "$(dirname "$0")/../support/machine_lock.sh"
 
 build=$(realpath "${1:-build}")
 out=$(realpath -m "${2:-$build/screenshots}")

@@ -13,6 +13,7 @@
 # "run" exits 77 (skipped) when it cannot run here: not root, or another
 # process mentions clamd and the agent would take it for its daemon.
 set -euo pipefail
+source "$(dirname "$0")/../support/machine_lock.sh"
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -20,6 +21,49 @@
 #include <thread>
 
 namespace kvtest {
+
+namespace {
+
+// Tests start clamd and read the machine's process list for it, so two test
+// runs on one machine (two build trees, a benchmark beside a test run) would
+// see each other's daemons. Every test process holds this lock for its life;
+// the shell tests and benchmarks take the same file with flock(1). Listing a
+// suite's tests at build time needs no lock.
+class MachineTestLock {
+public:
+    MachineTestLock()
+    {
+        std::ifstream commandLine("/proc/self/cmdline");
+        std::string argument;
+        while (std::getline(commandLine, argument, '\0'))
+            if (argument.starts_with("--gtest_list_tests"))
+                return;
+        fd_ = ::open(machineTestLockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+            std::fprintf(stderr, "waiting for another test run to release %s\n", machineTestLockPath);
+            ::flock(fd_, LOCK_EX);
+        }
+    }
+    ~MachineTestLock()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+
+private:
+    int fd_ = -1;
+};
+
+const MachineTestLock machineTestLock;
+
+} // namespace
+
+void holdMachineTestLock()
+{
+    // The lock is taken while the program starts; this only makes sure a
+    // suite that uses nothing else from here links it in.
+    (void)machineTestLock;
+}
 
 TempDir::TempDir()
 {

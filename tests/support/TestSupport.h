@@ -25,6 +25,10 @@
 
 namespace kvtest {
 
+// The file every test process and test script locks while it runs.
+inline constexpr const char* machineTestLockPath = "/tmp/korvane-velgar-tests.lock";
+void holdMachineTestLock();
+
 // A fresh folder under /tmp, removed with everything in it on destruction.
 class TempDir {
 public:

@@ -1,3 +1,5 @@
+#include "tests/support/TestSupport.h"
+
 #include <QCoreApplication>
 
 #include <gtest/gtest.h>
@@ -7,6 +9,7 @@
 int main(int argc, char** argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
+    kvtest::holdMachineTestLock();
     QCoreApplication application(argc, argv);
     return RUN_ALL_TESTS();
 }
