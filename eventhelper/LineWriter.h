@@ -12,6 +12,10 @@ namespace kv::gfs {
 // line is never split between two write(2) calls: lines are gathered into
 // writes of at most PIPE_BUF bytes, which a pipe delivers whole.
 //
+// The reader takes UTF-8 lines and drops a whole read that is not UTF-8, so
+// a path that holds a line break or bytes that are not UTF-8 is withheld (and
+// named in the system log): it would hide the paths read with it.
+//
 // Single-threaded.
 class LineWriter {
 public:

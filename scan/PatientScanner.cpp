@@ -129,8 +129,22 @@ void PatientScanner::scanBatch(Dispatcher& dispatcher)
     getItemsToScan(dispatcher);
     takeConfigurationForRun();
     determineWhatToScan();
+
+    // Paths too long for the list file get a run of their own, after the
+    // listed ones, with the same arguments and output handling.
+    std::vector<std::string> longPaths;
+    std::erase_if(scanList_, [&longPaths](const std::string& path) {
+        if (path.size() < kLongestListedPath)
+            return false;
+        longPaths.push_back(path);
+        return true;
+    });
     if (!scanList_.empty())
         performScan();
+    if (!longPaths.empty()) {
+        scanList_ = std::move(longPaths);
+        performScan(PathsGiven::AsArguments);
+    }
     scanList_.clear();
 }
 
@@ -178,7 +192,7 @@ bool PatientScanner::writeListFile(const std::string& path, const std::string& t
     return written;
 }
 
-void PatientScanner::performScan()
+void PatientScanner::performScan(PathsGiven given)
 {
     KorvaneVelgar& controller = *korvaneVelgarController;
     controller.modifyScannerCountBy(1);
@@ -194,14 +208,19 @@ void PatientScanner::performScan()
     try {
         scanArguments = runConfiguration_.scanParams;
 
-        std::string listText;
-        for (const std::string& path : scanList_)
-            listText += path + "\n";
-        listWritten = writeListFile(listPath, listText);
+        if (given == PathsGiven::InListFile) {
+            std::string listText;
+            for (const std::string& path : scanList_)
+                listText += path + "\n";
+            listWritten = writeListFile(listPath, listText);
+        }
         if (faultInjectionForTesting)
             faultInjectionForTesting();
 
-        scanArguments.push_back("--file-list=" + listPath);
+        if (given == PathsGiven::InListFile)
+            scanArguments.push_back("--file-list=" + listPath);
+        else
+            scanArguments.insert(scanArguments.end(), scanList_.begin(), scanList_.end());
         if (!scanArguments.empty()) {
             scanCommandPath = scanArguments.front();
             scanArguments.erase(scanArguments.begin());

@@ -65,7 +65,16 @@ public:
 
     void getItemsToScan(Dispatcher& dispatcher);
     void determineWhatToScan();
-    void performScan();
+
+    // How clamdscan is told the batch: a list file, or the paths as its
+    // arguments (for paths its list reader would cut, see scanBatch).
+    enum class PathsGiven { InListFile, AsArguments };
+    void performScan(PathsGiven given = PathsGiven::InListFile);
+
+    // clamdscan reads its list file in lines of about a kilobyte and takes
+    // the rest of a longer line for a path of its own. Paths of this length
+    // or more go to it as arguments instead.
+    static constexpr size_t kLongestListedPath = 1000;
 
     // Turns one chunk of clamdscan's output into scan-log lines and alerts.
     void dealWithOutput(std::string_view chunk);

@@ -2,6 +2,7 @@
 // as root, as an ordinary user without the set-user-ID bit, and installed
 // set-user-ID root for an ordinary user.
 
+#include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
 #include "platform/ChildProcess.h"
 
@@ -266,6 +267,24 @@ TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
     // Watching never keeps a volume from being unmounted.
     EXPECT_TRUE(tmpfs.unmount());
     EXPECT_TRUE(ramfs.unmount());
+}
+
+TEST(LineWriter, WithholdsNamesTheReaderCouldNotTakeWhole)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    kv::gfs::LineWriter writer(fds[1]);
+    for (const char* path : {"/w/plain name", "/w/two\nlines", "/w/latin-\xe9", "/w/caf\xc3\xa9", "/w/quote'\": colon"})
+        ASSERT_TRUE(writer.add(path));
+    ASSERT_TRUE(writer.flush());
+    ::close(fds[1]);
+    char buffer[256];
+    const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+    ::close(fds[0]);
+    // One read holds every line: a name that is not UTF-8 would have made the
+    // agent drop all of them.
+    EXPECT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0))),
+              "/w/plain name\n/w/caf\xc3\xa9\n/w/quote'\": colon\n");
 }
 
 TEST(MountTable, ParsesMountInfoLines)
