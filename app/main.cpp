@@ -54,7 +54,8 @@ int main(int argc, char* argv[])
 {
     // Without a display the agent still watches and scans; its panels and
     // menu then live on Qt's offscreen platform.
-    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
+    const bool noDisplay = !std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM");
+    if (noDisplay)
         ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
     std::signal(SIGPIPE, SIG_IGN);
     qInstallMessageHandler(qtMessage);
@@ -93,6 +94,9 @@ int main(int argc, char* argv[])
     parts.scanAlerts = &infectionDialogs;
     parts.strings = &strings;
     kv::KorvaneVelgar controller(parts);
+    // Said once the controller has pointed the streams at the scan log.
+    if (noDisplay)
+        kv::nsLog("No display: the menu, dialogs and icon are not shown; watching, scanning and notifications go on");
     mainInterface.setQuitAction([&controller] { controller.quit(); });
     mainInterface.setOpenPrefsAction([&controller] { controller.openPrefs(true); });
     mainMenu.setKorvaneVelgarController(&controller);

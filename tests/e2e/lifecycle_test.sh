@@ -2,69 +2,23 @@
 # The agent as users and scripts meet it: the real binary on a private
 # session bus, driven by velgarctl, with a real clamd from Debian.
 #
-#   agent_test.sh BUILD_DIR SOURCE_DIR
+#   lifecycle_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
-source "$(dirname "$0")/../support/machine_lock.sh"
-build=$1
-source=$2
-agent=$build/bin/korvane-velgar
-ctl=$build/bin/velgarctl
+source "$(dirname "$0")/lib.sh"
 
-work=$(mktemp -d /tmp/kv-agent-XXXXXX)
-cleanup() {
-  kill "${pid:-}" "${listener:-}" "${bus_pid:-}" 2>/dev/null || true
-  pkill -KILL -f "^$work/prefix/sbin/clamd " 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
-export XDG_RUNTIME_DIR=$work/run QT_QPA_PLATFORM=offscreen
-mkdir -p "$HOME/watched" "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
-read -r DBUS_SESSION_BUS_ADDRESS bus_pid < <(dbus-daemon --session --fork --print-address=1 --print-pid=1 | paste -sd' ')
-export DBUS_SESSION_BUS_ADDRESS
-log=$HOME/Library/Logs/KorvaneVelgar-scan.log
-
-fail() { echo "FAIL: $*"; echo "--- scan log:"; cat "$log" 2>/dev/null || true; exit 1; }
-wait_for() {  # wait_for SECONDS COMMAND...
-  local deadline=$((SECONDS + $1)); shift
-  until "$@"; do [ $SECONDS -lt $deadline ] || return 1; sleep 0.05; done
-}
+default_setup
+agent=$agent_bin
 # The log and its rotated archives: a rotation at the start moves the
 # lines written before it into the newest archive.
 logged() { grep -qF -- "$1" <({ cat "$log"; bzcat "$log".*.bz2; } 2>/dev/null); }
-daemon_pid() { cat "$work/prefix/run/clamd.pid" 2>/dev/null; }
-daemon_alive() { local p; p=$(daemon_pid) && [ -n "$p" ] && [ -d "/proc/$p" ] && ! grep -q '^State:.*Z' "/proc/$p/status"; }
-gone() { ! kill -0 "$1" 2>/dev/null; }
-
-# An engine prefix like the one velgarctl setup makes, with the test database.
-prefix=$work/prefix
-mkdir -p "$prefix"/{bin,sbin,etc,db,run}
-ln -s /usr/sbin/clamd "$prefix/sbin/clamd"
-cp "$source/resources/clamav/korvane-test.ndb" "$prefix/db/"
-printf 'LocalSocket %s/run/clamd.ctl\nDatabaseDirectory %s/db\nPidFile %s/run/clamd.pid\nForeground no\n' \
-  "$prefix" "$prefix" "$prefix" > "$prefix/etc/clamd.conf"
-printf '#!/bin/sh\nexec /usr/bin/clamdscan --config-file=%s/etc/clamd.conf "$@"\n' "$prefix" > "$prefix/bin/clamdscan"
-chmod 755 "$prefix/bin/clamdscan"
-
-# The agent takes any clamd in the process list for its own; a daemon that an
-# earlier test stopped may take a moment to leave it.
-if ! wait_for 30 bash -c '! pgrep clamd >/dev/null'; then
-  echo "another clamd runs on this machine; skipping"; exit 77
-fi
-
-"$ctl" defaults write com.korvane.Korvane PathToClamav -string "$prefix" >/dev/null
-"$ctl" defaults write com.korvane.Korvane PathToUpdateLog -string "$HOME/update.log" >/dev/null
-"$ctl" defaults write com.korvane.Korvane VelgarFolderArray -json "[{\"pathName\": \"~/watched\", \"WatchSubdirs\": true}]" >/dev/null
 "$ctl" defaults write com.korvane.KorvaneVelgar rotateScanlogWhenSizeReaches -int 1 >/dev/null
-
 "$ctl" listen > "$work/heard" &
-listener=$!
+background_pids+=($!)
 
 echo "== It launches its own clamd, rotates its log, restarts and quits"
 mkdir -p "$(dirname "$log")"
 for _ in $(seq 64); do echo "an earlier line of the scan log, to be rotated away"; done > "$log"
-"$agent" & pid=$!
+"$agent" & pid=$!; background_pids+=($pid)
 wait_for 20 logged "Watching started" || fail "no start of watching"
 logged "clamd launched successfully.  Continuing..." || fail "clamd not launched by the agent"
 pgrep -f "clamd -c $prefix/etc/clamd.conf" >/dev/null || fail "ps does not show clamd with -c $prefix/etc/clamd.conf"
@@ -86,7 +40,7 @@ wait_for 15 bash -c "! pgrep -f '^$prefix/sbin/clamd' >/dev/null" || fail "old c
 "$prefix/sbin/clamd" -c "$prefix/etc/clamd.conf"
 wait_for 10 daemon_alive || fail "clamd did not start"
 rm -f "$log" "$log".*
-"$agent" & pid=$!
+"$agent" & pid=$!; background_pids+=($pid)
 wait_for 20 logged "Watching started" || fail "no start with a running clamd"
 "$ctl" defaults write com.korvane.Korvane multiscan -string yes >/dev/null
 "$ctl" restart >/dev/null
@@ -101,7 +55,7 @@ echo "== Without an installation prefix it keeps running and still obeys"
 wait_for 15 bash -c "! pgrep -f '^$prefix/sbin/clamd' >/dev/null" || fail "clamd lingers"
 "$ctl" defaults delete com.korvane.Korvane PathToClamav >/dev/null
 rm -f "$log" "$log".*
-"$agent" & pid=$!
+"$agent" & pid=$!; background_pids+=($pid)
 wait_for 20 logged "ClamAV installation couldn't be found.  Quitting now." || fail "no no-engine line"
 sleep 0.5
 kill -0 $pid || fail "the agent ended without a prefix"

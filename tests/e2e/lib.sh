@@ -1,0 +1,157 @@
+# Shared by the end-to-end tests, which run the real agent as a user meets
+# it: the built korvane-velgar with its gfslogger, Debian's clamd and
+# clamdscan over an engine prefix holding the test signatures, a private
+# session bus, and preferences written through velgarctl.
+#
+# Sourced by a test script that was called as SCRIPT BUILD_DIR SOURCE_DIR.
+# It leaves a scratch home in $work, removed with everything the test
+# started when the script ends.
+
+source "$(dirname "${BASH_SOURCE[0]}")/../support/machine_lock.sh"
+
+build=$(realpath "$1")
+source_dir=$(realpath "$2")
+agent_bin=$build/bin/korvane-velgar
+ctl=$build/bin/velgarctl
+
+work=$(mktemp -d /tmp/kv-e2e-XXXXXX)
+prefix=$work/prefix
+agent_pid=
+bus_pid=
+declare -a background_pids=()
+
+e2e_cleanup() {
+  local status=$?
+  [ -n "$agent_pid" ] && kill -KILL "$agent_pid" 2>/dev/null
+  for pid in "${background_pids[@]}"; do kill "$pid" 2>/dev/null; done
+  pkill -KILL -f "^$prefix/sbin/clamd " 2>/dev/null
+  pkill -KILL -f "^$work/" 2>/dev/null
+  [ -n "$bus_pid" ] && kill "$bus_pid" 2>/dev/null
+  # Mounts a test made under the scratch folder, deepest first.
+  grep -o " $work/[^ ]*" /proc/self/mounts 2>/dev/null | sort -r | while read -r mount; do umount -l "$mount"; done
+  chattr -R -i "$work" 2>/dev/null
+  rm -rf "$work"
+  exit $status
+}
+trap e2e_cleanup EXIT
+
+export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
+export XDG_RUNTIME_DIR=$work/run QT_QPA_PLATFORM=offscreen
+unset DISPLAY WAYLAND_DISPLAY
+mkdir -p "$HOME/watched" "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+log=$HOME/Library/Logs/KorvaneVelgar-scan.log
+watched=$HOME/watched
+
+start_session_bus() {
+  read -r DBUS_SESSION_BUS_ADDRESS bus_pid < <(dbus-daemon --session --fork --print-address=1 --print-pid=1 | paste -sd' ')
+  export DBUS_SESSION_BUS_ADDRESS
+}
+
+fail() {
+  echo "FAIL: $*"
+  echo "--- scan log (last 60 lines):"
+  tail -n 60 "$log" 2>/dev/null || true
+  echo "--- agent output:"
+  tail -n 30 "$work/agent.out" 2>/dev/null || true
+  exit 1
+}
+
+# wait_for SECONDS COMMAND...: polls the command until it succeeds.
+wait_for() {
+  local deadline=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ $SECONDS -lt "$deadline" ] || return 1
+    sleep 0.05
+  done
+}
+
+# The scan log, whole: fixed strings only, since paths hold odd characters.
+logged() { grep -qF -- "$1" "$log" 2>/dev/null; }
+log_count() {
+  local count
+  count=$(grep -cF -- "$1" "$log" 2>/dev/null)
+  echo "${count:-0}"
+}
+expect_logged() {  # expect_logged SECONDS TEXT [WHAT]
+  wait_for "$1" logged "$2" || fail "${3:-the log does not say \"$2\"}"
+}
+
+eicar='X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*'
+finding=": Eicar-Test-Signature.UNOFFICIAL FOUND"
+write_eicar() { printf '%s%s' "$eicar" "${2:-}" >"$1"; }
+
+# An engine prefix like the one velgarctl setup makes, with the test
+# signatures; its clamd is launched by the agent.
+make_prefix() {
+  mkdir -p "$prefix"/{bin,sbin,etc,db,run}
+  ln -sf /usr/sbin/clamd "$prefix/sbin/clamd"
+  cp "$source_dir/resources/clamav/korvane-test.ndb" "$prefix/db/"
+  printf 'LocalSocket %s/run/clamd.ctl\nDatabaseDirectory %s/db\nPidFile %s/run/clamd.pid\nForeground no\n' \
+    "$prefix" "$prefix" "$prefix" >"$prefix/etc/clamd.conf"
+  printf '#!/bin/sh\nexec /usr/bin/clamdscan --config-file=%s/etc/clamd.conf "$@"\n' "$prefix" >"$prefix/bin/clamdscan"
+  chmod 755 "$prefix/bin/clamdscan"
+}
+daemon_pid() { cat "$prefix/run/clamd.pid" 2>/dev/null; }
+daemon_alive() {
+  local pid
+  pid=$(daemon_pid) && [ -n "$pid" ] && [ -d "/proc/$pid" ] && ! grep -q '^State:.*Z' "/proc/$pid/status"
+}
+
+# The agent takes any clamd in the process list for its own; a daemon that an
+# earlier test stopped may take a moment to leave it.
+require_no_other_clamd() {
+  if ! wait_for 30 bash -c '! pgrep clamd >/dev/null'; then
+    echo "another clamd runs on this machine; skipping"
+    exit 77
+  fi
+}
+
+# Preferences of the main application, as the user's settings write them.
+pref() { "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
+watch_folders() {  # watch_folders DIR... (with subfolders)
+  local json="" dir
+  for dir in "$@"; do json+="${json:+,}{\"pathName\": \"$dir\", \"WatchSubdirs\": true}"; done
+  pref VelgarFolderArray -json "[$json]"
+}
+
+default_setup() {
+  require_no_other_clamd
+  start_session_bus
+  make_prefix
+  pref PathToClamav -string "$prefix"
+  pref PathToUpdateLog -string "$HOME/update.log"
+  watch_folders "~/watched"
+}
+
+# Starts the agent and waits until it watches (or until TEXT is logged).
+start_agent() {
+  local until=${1:-Watching started}
+  local starts
+  starts=$(log_count "$until")
+  "$agent_bin" >>"$work/agent.out" 2>&1 &
+  agent_pid=$!
+  started() { [ "$(log_count "$until")" -gt "$starts" ]; }
+  wait_for 30 started || fail "the agent did not log \"$until\""
+}
+agent_alive() { [ -n "$agent_pid" ] && kill -0 "$agent_pid" 2>/dev/null; }
+expect_alive() { agent_alive || fail "the agent died: $*"; }
+
+# Restarts watching through velgarctl and waits for the new start.
+restart_agent() {
+  local starts
+  starts=$(log_count "Watching started")
+  "$ctl" restart >/dev/null || fail "velgarctl restart failed"
+  restarted() { [ "$(log_count "Watching started")" -gt "$starts" ]; }
+  wait_for 30 restarted || fail "no new start of watching after a restart"
+}
+
+# Quits through velgarctl; the agent must end with status 0.
+quit_agent() {
+  "$ctl" quit >/dev/null || fail "velgarctl quit failed"
+  local status=0
+  wait_for 30 bash -c "! kill -0 $agent_pid 2>/dev/null" || fail "the agent did not quit"
+  wait "$agent_pid" || status=$?
+  agent_pid=
+  [ $status -eq 0 ] || fail "the agent exited with status $status"
+}
