@@ -224,41 +224,6 @@ protected:
 kvtest::EnginePrefix* Intake::engine_ = nullptr;
 QCoreApplication* Intake::application_ = nullptr;
 
-TEST_F(Intake, FileWrittenIntoAWatchedFolderIsScanned)
-{
-    controller(true);
-    const std::string infected = watched() + "/sub/eicar.com";
-    const auto warned = [&] {
-        for (const auto& shown : alerts_.shown())
-            if (shown.text.starts_with(infected + ": ") && shown.text.ends_with(" FOUND"))
-                return true;
-        return false;
-    };
-    // Written again until found: the helper may still be marking mounts.
-    EXPECT_TRUE(kvtest::waitFor(
-        [&] {
-            kvtest::writeFile(infected, kvtest::eicar());
-            return kvtest::waitFor(warned, 2000);
-        },
-        20000));
-}
-
-TEST_F(Intake, HelperKilledIsStartedAgainAndWatchingGoesOn)
-{
-    kv::KorvaneVelgar& agent = controller();
-    agent.startWatcher();
-    ASSERT_TRUE(reachesQueue(watched() + "/before"));
-    const pid_t killed = agent.gfsLogger().helperPid();
-    ASSERT_GT(killed, 0);
-
-    ::kill(killed, SIGKILL);
-
-    EXPECT_TRUE(kvtest::waitFor([&] { return agent.gfsLogger().helperPid() > 0 && agent.gfsLogger().helperPid() != killed; }, 5000));
-    EXPECT_TRUE(agent.isWatching());
-    EXPECT_TRUE(reachesQueue(watched() + "/after"));
-    EXPECT_TRUE(log_.contains("termination status = 137"));
-}
-
 TEST_F(Intake, StopWatchingEndsTheHelperAtOnce)
 {
     kv::KorvaneVelgar& agent = controller();

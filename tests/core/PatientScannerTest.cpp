@@ -94,73 +94,6 @@ std::vector<std::string> linesOf(const std::string& text)
     return lines;
 }
 
-TEST_F(Scanning, QuarantineModeMovesTheFileAndRaisesTheQuarantineAlert)
-{
-    const std::string quarantine = home_ / "Quarantine";
-    start({{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(quarantine)}});
-    EXPECT_TRUE(kvtest::exists(quarantine)) << "the quarantine folder is made at the start of watching";
-    const std::string infected = file("eicar.com", kvtest::eicar());
-    const std::string clean = file("clean.txt", "nothing to see\n");
-
-    const std::string log = scan({infected, clean});
-    EXPECT_FALSE(kvtest::exists(infected));
-    EXPECT_TRUE(kvtest::exists(quarantine + "/eicar.com"));
-    EXPECT_TRUE(kvtest::exists(clean));
-
-    const std::string foundLine = infected + ": Eicar-Test-Signature.UNOFFICIAL FOUND";
-    EXPECT_NE(log.find(foundLine), std::string::npos) << log;
-    EXPECT_NE(log.find(clean + ": OK"), std::string::npos) << log;
-    for (const std::string& line : linesOf(log)) {
-        EXPECT_TRUE(std::regex_match(line, kStampedLine)) << line;
-        EXPECT_EQ(line.find("-----"), std::string::npos);
-        EXPECT_EQ(line.find("Infected files"), std::string::npos);
-        EXPECT_EQ(line.find(" Time:"), std::string::npos);
-    }
-    ASSERT_EQ(alerts_.shown().size(), 1u);
-    EXPECT_EQ(alerts_.shown()[0].dialog, "Quarantined");
-    EXPECT_EQ(alerts_.shown()[0].text, quarantine);
-    ASSERT_EQ(notifier_.sent().size(), 1u);
-    EXPECT_EQ(notifier_.sent()[0].name, "QUARANTINED");
-    EXPECT_EQ(notifier_.sent()[0].description, foundLine);
-    EXPECT_FALSE(kvtest::exists(controller_->firstPatientScanner().listFilePath())) << "the list file is deleted";
-}
-
-TEST_F(Scanning, TrashModeMovesTheFileIntoTheTrashWithItsTrashInfo)
-{
-    start({{"VelgarTrashFiles", true}});
-    EXPECT_EQ(controller_->trashLocation(), "--move=" + (home_ / "data/Trash/files"));
-    const std::string infected = file("bad name: it's here.com", kvtest::eicar());
-
-    scan({infected});
-    const std::string trashed = home_ / "data/Trash/files/bad name: it's here.com";
-    EXPECT_TRUE(kvtest::exists(trashed));
-    const std::string info = kvtest::readFile(home_ / "data/Trash/info/bad name: it's here.com.trashinfo");
-    EXPECT_NE(info.find("[Trash Info]\nPath=" + kv::percentEncodePath(infected) + "\nDeletionDate="), std::string::npos)
-        << info;
-    EXPECT_NE(info.find("%20it%27s%20here.com"), std::string::npos);
-    EXPECT_TRUE(std::regex_search(info, std::regex(R"(DeletionDate=\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\n$)")));
-
-    EXPECT_TRUE(alerts_.shown().empty());
-    ASSERT_EQ(notifier_.sent().size(), 1u);
-    EXPECT_EQ(notifier_.sent()[0].name, "REMOVED");
-    EXPECT_EQ(notifier_.sent()[0].description, infected) << "only the path";
-}
-
-TEST_F(Scanning, LeaveInPlaceModeWarnsWithTheWholeLine)
-{
-    start();
-    const std::string infected = file("eicar.txt", kvtest::eicar());
-    scan({infected});
-    EXPECT_TRUE(kvtest::exists(infected));
-    const std::string line = infected + ": Eicar-Test-Signature.UNOFFICIAL FOUND";
-    ASSERT_EQ(alerts_.shown().size(), 1u);
-    EXPECT_EQ(alerts_.shown()[0].dialog, "Warning");
-    EXPECT_EQ(alerts_.shown()[0].text, line);
-    ASSERT_EQ(notifier_.sent().size(), 1u);
-    EXPECT_EQ(notifier_.sent()[0].name, "FOUND");
-    EXPECT_EQ(notifier_.sent()[0].description, line);
-}
-
 TEST_F(Scanning, ExcludedBatchAndMissingProgram)
 {
     start({{"ExcludePatterns",
@@ -196,24 +129,6 @@ TEST_F(Scanning, PlantedLinkAtTheListFileIsNeverFollowed)
     const std::string log = scan({clean});
     EXPECT_EQ(kvtest::readFile(victim), "precious\n");
     EXPECT_NE(log.find(clean + ": OK"), std::string::npos) << log;
-}
-
-TEST_F(Scanning, AKilledDaemonIsRelaunchedAndTheNextBatchScanned)
-{
-    start();
-    const int pid = engine_->daemonPid();
-    ::kill(pid, SIGKILL);
-    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::processGone(pid); }, 15000));
-
-    const std::string first = file("first.txt", "one\n");
-    const std::string log = scan({first});
-    EXPECT_NE(log.find("clamd appears to have died - attempting restart..."), std::string::npos) << log;
-    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::socketAccepts(engine_->socket()); }, 15000));
-    EXPECT_TRUE(controller_->clamdStillAlive());
-    EXPECT_TRUE(alerts_.shown().empty()) << "the daemon answers again, so no unreachable alert";
-
-    const std::string second = file("second.txt", "two\n");
-    EXPECT_NE(scan({second}).find(second + ": OK"), std::string::npos);
 }
 
 TEST_F(Scanning, BothWorkersBusyAtOnce)
