@@ -145,7 +145,7 @@ private:
 
 class Indicator : public ::testing::Test {
 protected:
-    Indicator() : agent_({.clock = &clock_}), recorder_(clock_)
+    Indicator() : agent_({.showDockIcon = {}, .clock = &clock_}), recorder_(clock_)
     {
         agent_.menu->setObserver(&recorder_);
     }

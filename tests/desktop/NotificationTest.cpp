@@ -63,15 +63,16 @@ private:
 
 class Notifications : public ::testing::Test {
 protected:
-    Notifications() : agent_({.notifier = &notifier_}) {}
+    Notifications() : agent_({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier_}) {}
 
     // The launch fetches the texts; its failed engine search sends one error
     // notification of its own, which the tests leave out.
     void launch(bool serviceRuns)
     {
         agent_.controller->applicationDidFinishLaunching();
-        if (serviceRuns)
+        if (serviceRuns) {
             EXPECT_TRUE(QTest::qWaitFor([this] { return !service_.received.empty(); }, 5000));
+        }
         service_.received.clear();
     }
 

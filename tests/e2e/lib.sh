@@ -22,6 +22,7 @@ declare -a background_pids=()
 
 e2e_cleanup() {
   local status=$?
+  set +e
   [ -n "$agent_pid" ] && kill -KILL "$agent_pid" 2>/dev/null
   for pid in "${background_pids[@]}"; do kill "$pid" 2>/dev/null; done
   pkill -KILL -f "^$prefix/sbin/clamd " 2>/dev/null
