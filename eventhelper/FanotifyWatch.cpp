@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -136,11 +137,39 @@ private:
     std::unordered_map<std::uint64_t, UniqueFd> mountFds_;
 };
 
-// The record naming the folder and entry of an event, if it has one.
-const fanotify_event_info_fid* folderRecord(const fanotify_event_metadata* event)
+// The events of one read of a group that reports file handles. Their
+// records (a handle and a name) have any length, so an event may start at a
+// four-byte boundary only, while its metadata holds a 64-bit field: each
+// one's metadata is copied out before it is read.
+class HandleEvents {
+public:
+    HandleEvents(const char* buffer, ssize_t length) : at_(buffer), end_(buffer + length) {}
+
+    // The next event: its metadata, and where its bytes start. False once
+    // no whole event is left.
+    bool next(fanotify_event_metadata& event, const char*& bytes)
+    {
+        if (end_ - at_ < static_cast<std::ptrdiff_t>(FAN_EVENT_METADATA_LEN))
+            return false;
+        std::memcpy(&event, at_, sizeof event);
+        if (event.event_len < FAN_EVENT_METADATA_LEN || event.event_len > static_cast<std::size_t>(end_ - at_))
+            return false;
+        bytes = at_;
+        at_ += event.event_len;
+        return true;
+    }
+
+private:
+    const char* at_;
+    const char* end_;
+};
+
+// The record naming the folder and entry of an event, if it has one. The
+// records need no more than four-byte alignment.
+const fanotify_event_info_fid* folderRecord(const char* bytes, const fanotify_event_metadata& event)
 {
-    const char* record = reinterpret_cast<const char*>(event) + event->metadata_len;
-    const char* end = reinterpret_cast<const char*>(event) + event->event_len;
+    const char* record = bytes + event.metadata_len;
+    const char* end = bytes + event.event_len;
     while (record + sizeof(fanotify_event_info_header) <= end) {
         const auto* header = reinterpret_cast<const fanotify_event_info_header*>(record);
         if (header->len < sizeof *header || record + header->len > end)
@@ -269,19 +298,20 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
 
     Batch batch(mountPointOfFsid_, privileges_);
     std::string path;
-    for (auto* event = reinterpret_cast<const fanotify_event_metadata*>(events_.get()); FAN_EVENT_OK(event, length);
-         event = FAN_EVENT_NEXT(event, length)) {
-        if (event->vers != FANOTIFY_METADATA_VERSION)
+    fanotify_event_metadata event;
+    const char* bytes;
+    for (HandleEvents events(events_.get(), length); events.next(event, bytes);) {
+        if (event.vers != FANOTIFY_METADATA_VERSION)
             return ReadResult::Unusable;
-        if (event->fd >= 0)
-            ::close(event->fd);
-        if (event->mask & FAN_Q_OVERFLOW) {
+        if (event.fd >= 0)
+            ::close(event.fd);
+        if (event.mask & FAN_Q_OVERFLOW) {
             reportOverflow();
             continue;
         }
-        if (!wanted(event->mask))
+        if (!wanted(event.mask))
             continue;
-        const fanotify_event_info_fid* record = folderRecord(event);
+        const fanotify_event_info_fid* record = folderRecord(bytes, event);
         if (!record)
             continue;
         const auto* handle = reinterpret_cast<const file_handle*>(record->handle);

@@ -15,19 +15,19 @@ default_setup
 
 Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$work/display" 2>"$work/xvfb.log" &
 background_pids+=($!)
-wait_for 30 test -s "$work/display" || fail "Xvfb did not start"
+wait_for 60 test -s "$work/display" || fail "Xvfb did not start"
 export DISPLAY=":$(cat "$work/display")"
 unset QT_QPA_PLATFORM
 trayer --edge top --align right --widthtype request --height 28 --SetDockType true >"$work/trayer.log" 2>&1 &
 background_pids+=($!)
-wait_for 30 xdotool search --classname panel >/dev/null || fail "trayer did not start"
+wait_for 60 xdotool search --classname panel >/dev/null || fail "trayer did not start"
 dunst -print >"$work/notifications" 2>"$work/dunst.log" &
 background_pids+=($!)
 notifications_served() {
   dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
     org.freedesktop.DBus.NameHasOwner string:org.freedesktop.Notifications 2>/dev/null | grep -q true
 }
-wait_for 30 notifications_served || fail "dunst did not take the notification service"
+wait_for 60 notifications_served || fail "dunst did not take the notification service"
 
 panel() { xdotool search --classname panel | head -n 1; }
 # The tray panel grows from its empty width once an icon docks.
@@ -38,25 +38,25 @@ icon_docked() {
 }
 visible_window() { xdotool search --onlyvisible --name "$1" 2>/dev/null | head -n 1; }
 expect_window() {
-  wait_for 30 bash -c "xdotool search --onlyvisible --name '$1' >/dev/null 2>&1" || fail "no window \"$1\" appeared"
+  wait_for 60 bash -c "xdotool search --onlyvisible --name '$1' >/dev/null 2>&1" || fail "no window \"$1\" appeared"
 }
 # Closes a dialog the way a user would: focus it, press Escape.
 dismiss() {
   local window
   window=$(visible_window "$1")
   xdotool windowfocus --sync "$window" key Escape
-  wait_for 10 bash -c "! xdotool search --onlyvisible --name '$1' >/dev/null 2>&1" || fail "\"$1\" did not close"
+  wait_for 60 bash -c "! xdotool search --onlyvisible --name '$1' >/dev/null 2>&1" || fail "\"$1\" did not close"
 }
 
 start_agent
-wait_for 30 icon_docked || fail "the agent's icon did not dock in the tray"
+wait_for 60 icon_docked || fail "the agent's icon did not dock in the tray"
 logged "No display" && fail "the agent ran without the display"
 
 echo "== Warn mode: a dialog and a notification"
 write_eicar "$watched/warned.com"
-expect_logged 30 "$watched/warned.com$finding"
+expect_logged 60 "$watched/warned.com$finding"
 expect_window "virus found"
-wait_for 30 grep -q "warned.com" "$work/notifications" || fail "dunst showed no notification naming the file"
+wait_for 60 grep -q "warned.com" "$work/notifications" || fail "dunst showed no notification naming the file"
 grep -q "appname: 'Korvane Velgar'" "$work/notifications" || fail "the notification does not come from Korvane Velgar"
 dismiss "virus found"
 
@@ -65,7 +65,7 @@ pref VelgarQuarantineFiles -bool true
 pref QuarantineFolder -string "~/Quarantine"
 restart_agent
 write_eicar "$watched/quarantined.com"
-expect_logged 30 "$watched/quarantined.com: moved to '$HOME/Quarantine/quarantined.com'"
+expect_logged 60 "$watched/quarantined.com: moved to '$HOME/Quarantine/quarantined.com'"
 expect_window "infected file quarantined"
 dismiss "infected file quarantined"
 
@@ -83,13 +83,13 @@ agent_windows() { xdotool search --onlyvisible --classname korvane-velgar 2>/dev
 windows_before=$(agent_windows)
 xdotool mousemove $((X + WIDTH / 2)) $((Y + HEIGHT / 2)) click 1
 menu_open() { [ "$(agent_windows)" -gt "$windows_before" ]; }
-wait_for 10 menu_open || fail "the tray menu did not open"
+wait_for 60 menu_open || fail "the tray menu did not open"
 sleep 0.3
 xdotool key Down Down Right
 sleep 0.3
 xdotool key Return
 stopped() { ! scanning; }
-wait_for 10 stopped || fail "the scan went on after the stop was chosen"
+wait_for 60 stopped || fail "the scan went on after the stop was chosen"
 scanned=$(grep -c "/large/large-.*: OK" "$log" || true)
 echo "   $scanned of 40 large files were scanned before the stop"
 [ "$scanned" -lt 40 ] || fail "every large file was scanned: the stop came too late to tell"
@@ -98,6 +98,6 @@ sleep 3
 [ "$(grep -c "/large/large-.*: OK" "$log" || true)" -eq "$scanned" ] || fail "large files were still scanned after the stop"
 expect_alive "after the stop"
 write_eicar "$watched/after-the-stop.com"
-expect_logged 30 "$watched/after-the-stop.com: moved to '$HOME/Quarantine/after-the-stop.com'"
+expect_logged 60 "$watched/after-the-stop.com: moved to '$HOME/Quarantine/after-the-stop.com'"
 quit_agent
 echo "all desktop checks passed"

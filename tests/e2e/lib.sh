@@ -14,7 +14,9 @@ source_dir=$(realpath "$2")
 agent_bin=$build/bin/korvane-velgar
 ctl=$build/bin/velgarctl
 
-work=$(mktemp -d /tmp/kv-e2e-XXXXXX)
+# No "-" before the random part: the agent reads clamd's command line up to
+# the first "-c", which a random part starting with "c" would fake.
+work=$(mktemp -d /tmp/kv-e2e.XXXXXX)
 prefix=$work/prefix
 agent_pid=
 bus_pid=
@@ -48,7 +50,9 @@ start_session_bus() {
   export DBUS_SESSION_BUS_ADDRESS
 }
 
+# Ends the test. KV_E2E_KEEP=FILE keeps a copy of the whole scan log.
 fail() {
+  [ -z "${KV_E2E_KEEP:-}" ] || cp "$log" "$KV_E2E_KEEP" 2>/dev/null
   echo "FAIL: $*"
   echo "--- scan log (last 60 lines):"
   tail -n 60 "$log" 2>/dev/null || true
@@ -133,8 +137,29 @@ start_agent() {
   "$agent_bin" >>"$work/agent.out" 2>&1 &
   agent_pid=$!
   started() { [ "$(log_count "$until")" -gt "$starts" ]; }
-  wait_for 30 started || fail "the agent did not log \"$until\""
+  wait_for 60 started || fail "the agent did not log \"$until\""
+  [ "$until" != "Watching started" ] || wait_until_watching
 }
+# Waits until the agent really watches: gfslogger may still be marking the
+# file systems when "Watching started" is logged (much longer in a sanitizer
+# build), so a probe file is written again every two seconds until its
+# result line appears in the scan log (or in FILE).
+probes=0
+wait_until_watching() {  # wait_until_watching [FILE]
+  probes=$((probes + 1))
+  local probe=$watched/.watching-probe-$probes results=${1:-$log}
+  local deadline=$((SECONDS + 90)) next=0
+  until grep -qF -- "$probe: OK" "$results" 2>/dev/null; do
+    [ $SECONDS -lt $deadline ] || fail "the agent did not scan a probe file within 90 s"
+    if [ $SECONDS -ge $next ]; then
+      echo "probe $probes" >"$probe"
+      next=$((SECONDS + 2))
+    fi
+    sleep 0.05
+  done
+  rm -f "$probe"
+}
+
 agent_alive() { [ -n "$agent_pid" ] && kill -0 "$agent_pid" 2>/dev/null; }
 expect_alive() { agent_alive || fail "the agent died: $*"; }
 
@@ -144,7 +169,8 @@ restart_agent() {
   starts=$(log_count "Watching started")
   "$ctl" restart >/dev/null || fail "velgarctl restart failed"
   restarted() { [ "$(log_count "Watching started")" -gt "$starts" ]; }
-  wait_for 30 restarted || fail "no new start of watching after a restart"
+  wait_for 60 restarted || fail "no new start of watching after a restart"
+  wait_until_watching
 }
 
 # Quits through velgarctl; the agent must end with status 0.

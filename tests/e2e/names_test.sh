@@ -14,7 +14,7 @@ odd_names=("with  blanks .com" "colon: inside:.com" "quote'single.com" 'quote"do
            '$(not a command).com' "-leading-dash.com" "star*and?mark[1].com" "tab	inside.com"
            "ünïcödé ✓ 名前.com" "FOUND.com" ": OK.com")
 for name in "${odd_names[@]}"; do write_eicar "$watched/$name"; done
-for name in "${odd_names[@]}"; do expect_logged 20 "$watched/$name$finding" "no finding for \"$name\""; done
+for name in "${odd_names[@]}"; do expect_logged 60 "$watched/$name$finding" "no finding for \"$name\""; done
 
 echo "== Names the event helper cannot pass on do not hide the files beside them"
 # A line break cannot travel in the helper's line format, and bytes that are
@@ -22,7 +22,7 @@ echo "== Names the event helper cannot pass on do not hide the files beside them
 write_eicar "$watched/"$'line\nbreak.com'
 write_eicar "$watched/"$'latin1-\xe9t\xe9.com'
 write_eicar "$watched/beside-them.com"
-expect_logged 20 "$watched/beside-them.com$finding" "a file written beside unreportable names was not scanned"
+expect_logged 60 "$watched/beside-them.com$finding" "a file written beside unreportable names was not scanned"
 expect_alive "after names it could not pass on"
 
 echo "== Paths near PATH_MAX and a name of NAME_MAX bytes"
@@ -33,9 +33,9 @@ long_name=$(printf 'n%.0s' $(seq 251)).com
 write_eicar "$deep/$long_name"
 echo "clean" >"$deep/clean.txt"
 write_eicar "$watched/$long_name"
-expect_logged 30 "$deep/$long_name$finding" "a path of ${#deep} bytes was not scanned"
-expect_logged 30 "$deep/clean.txt: OK"
-expect_logged 30 "$watched/$long_name$finding"
+expect_logged 60 "$deep/$long_name$finding" "a path of ${#deep} bytes was not scanned"
+expect_logged 60 "$deep/clean.txt: OK"
+expect_logged 60 "$watched/$long_name$finding"
 logged "ERROR: Can't access file" && fail "a long path was cut into pieces"
 
 echo "== Links, dangling links and link loops"
@@ -48,8 +48,8 @@ mkdir "$watched/real-folder"
 ln -s "$watched/real-folder" "$watched/real-folder/self"
 ln -s .. "$watched/real-folder/up"
 write_eicar "$watched/real-folder/after-the-links.com"
-expect_logged 20 "$watched/real-folder/after-the-links.com$finding"
-expect_logged 20 "$watched/link-to-file.com: " "the link to a file got no result line"
+expect_logged 60 "$watched/real-folder/after-the-links.com$finding"
+expect_logged 60 "$watched/link-to-file.com: " "the link to a file got no result line"
 sleep 2
 for name in dangling loop-a loop-b real-folder/self real-folder/up; do
   logged "$watched/$name:" && fail "the link $name was scanned"
@@ -62,7 +62,7 @@ rm -f "$watched"/short-lived-*.tmp
 write_eicar "$watched/deleted-soon.com"
 rm "$watched/deleted-soon.com"
 write_eicar "$watched/after-the-deletions.com"
-expect_logged 20 "$watched/after-the-deletions.com$finding"
+expect_logged 60 "$watched/after-the-deletions.com$finding"
 sleep 1
 logged "short-lived-" && fail "a file deleted before it was ready was scanned"
 logged "deleted-soon.com" && fail "a file deleted before it was ready was scanned"

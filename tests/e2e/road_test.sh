@@ -22,9 +22,9 @@ write_eicar "$watched/infected.com"
 write_eicar "$watched/not-for-scanning.com"
 write_eicar "$watched/download.partial7"
 write_eicar "$watched/disabled-record.com"
-expect_logged 15 "$watched/clean.txt: OK"
-expect_logged 15 "$watched/infected.com$finding"
-expect_logged 15 "$watched/disabled-record.com$finding" "a disabled exclusion record excluded a file"
+expect_logged 60 "$watched/clean.txt: OK"
+expect_logged 60 "$watched/infected.com$finding"
+expect_logged 60 "$watched/disabled-record.com$finding" "a disabled exclusion record excluded a file"
 [ -f "$watched/infected.com" ] || fail "warn mode moved the infected file"
 logged "not-for-scanning.com" && fail "a plain-text exclusion was scanned"
 logged "download.partial7" && fail "a regular-expression exclusion was scanned"
@@ -38,19 +38,19 @@ for _ in $(seq 12); do head -c 65536 /dev/urandom >&3; sleep 0.25; done
 before_close=$(log_count "$watched/growing.log: OK")
 exec 3>&-
 scanned_after_close() { [ "$(log_count "$watched/growing.log: OK")" -gt "$before_close" ]; }
-wait_for 15 scanned_after_close || fail "the complete file was not scanned after its last write"
+wait_for 60 scanned_after_close || fail "the complete file was not scanned after its last write"
 
 echo "== An empty file waits until it has content"
 : >"$watched/empty.dat"
 sleep 3
 logged "empty.dat" && fail "an empty file was scanned"
 write_eicar "$watched/empty.dat"
-expect_logged 15 "$watched/empty.dat$finding" "the once-empty file was not scanned after it filled"
+expect_logged 60 "$watched/empty.dat$finding" "the once-empty file was not scanned after it filled"
 
 echo "== A new folder and the files made in it"
 mkdir -p "$watched/new folder/deeper"
 write_eicar "$watched/new folder/deeper/inside.com"
-expect_logged 15 "$watched/new folder/deeper/inside.com$finding"
+expect_logged 60 "$watched/new folder/deeper/inside.com$finding"
 
 echo "== Quarantine mode, after a restart from velgarctl"
 pref VelgarQuarantineFiles -bool true
@@ -59,13 +59,13 @@ restart_agent
 logged "I will quarantine infected files" || fail "the restart did not read the quarantine mode"
 [ -d "$HOME/Quarantine" ] || fail "the quarantine folder was not created at the start of watching"
 write_eicar "$watched/quarantine-me.com" " (one)"
-expect_logged 15 "$watched/quarantine-me.com: moved to '$HOME/Quarantine/quarantine-me.com'"
+expect_logged 60 "$watched/quarantine-me.com: moved to '$HOME/Quarantine/quarantine-me.com'"
 [ -f "$HOME/Quarantine/quarantine-me.com" ] && [ ! -e "$watched/quarantine-me.com" ] || fail "the file is not in quarantine"
 # A second file of the same name takes a numbered name beside the first.
 write_eicar "$watched/quarantine-me.com" " (two)"
-expect_logged 15 "$watched/quarantine-me.com: moved to '$HOME/Quarantine/quarantine-me.com.001'"
+expect_logged 60 "$watched/quarantine-me.com: moved to '$HOME/Quarantine/quarantine-me.com.001'"
 echo "fine" >"$watched/stays.txt"
-expect_logged 15 "$watched/stays.txt: OK"
+expect_logged 60 "$watched/stays.txt: OK"
 [ -f "$watched/stays.txt" ] || fail "quarantine mode moved a clean file"
 
 echo "== Trash mode: the desktop can restore the file"
@@ -75,7 +75,7 @@ restart_agent
 logged "I will delete infected files" || fail "the restart did not read the trash mode"
 write_eicar "$watched/trash me.com"
 trash=$XDG_DATA_HOME/Trash
-expect_logged 15 "$watched/trash me.com: moved to '$trash/files/trash me.com'"
+expect_logged 60 "$watched/trash me.com: moved to '$trash/files/trash me.com'"
 [ -f "$trash/files/trash me.com" ] && [ ! -e "$watched/trash me.com" ] || fail "the file is not in the Trash"
 info="$trash/info/trash me.com.trashinfo"
 wait_for 5 test -f "$info" || fail "no .trashinfo for the trashed file"

@@ -67,7 +67,10 @@ void holdMachineTestLock()
 
 TempDir::TempDir()
 {
-    char pattern[] = "/tmp/kvtest-XXXXXX";
+    // No "-" before the random part: an engine prefix in here would put a
+    // "-c" into clamd's path one time in 62, and the agent, reading the
+    // process list as it always has, would take the path apart there.
+    char pattern[] = "/tmp/kvtest.XXXXXX";
     if (!::mkdtemp(pattern))
         throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
