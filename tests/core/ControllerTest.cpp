@@ -51,45 +51,6 @@ struct ModeCase {
     std::vector<std::string> logLines;
 };
 
-TEST_F(Controller, InfectedFileModesFromPreferences)
-{
-    const std::string home = home_.path();
-    const std::vector<ModeCase> cases = {
-        {"none", {}, "", "", {}},
-        {"trash", {{"VelgarTrashFiles", true}}, "T", "", {"I will delete infected files"}},
-        {"quarantine without folder", {{"VelgarQuarantineFiles", "YES"}}, "Q", "--move=", {"I will quarantine"}},
-        {"both: quarantine wins, both lines, trash first",
-         {{"VelgarTrashFiles", 1}, {"VelgarQuarantineFiles", true}, {"QuarantineFolder", "/q"}},
-         "Q",
-         "--move=/q",
-         {"I will delete infected files", "I will quarantine infected files"}},
-        {"tilde quarantine folder", {{"VelgarQuarantineFiles", true}, {"QuarantineFolder", "~/Quarantine"}}, "Q",
-         "--move=" + home + "/Quarantine", {}},
-        {"quarantine folder as a record",
-         {{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QJsonObject{{"path", "~/Q2"}}}}, "Q",
-         "--move=" + home + "/Q2", {}},
-        {"false-ish strings", {{"VelgarTrashFiles", "no"}, {"VelgarQuarantineFiles", "0"}}, "", "", {}},
-    };
-    auto controller = makeController();
-    for (const ModeCase& c : cases) {
-        kvtest::LogCapture log;
-        preferences_.own = c.preferences;
-        ASSERT_TRUE(controller->readPrefs()) << c.name;
-        EXPECT_EQ(controller->getQuarantineOrTrash(), c.mode) << c.name;
-        EXPECT_EQ(controller->getQuarantineLocation(), c.location) << c.name;
-        EXPECT_EQ(controller->quarantineInfected(), c.mode == "Q") << c.name;
-        EXPECT_EQ(controller->deleteInfected(), c.mode == "T") << c.name;
-        const std::vector<std::string> lines = log.lines();
-        size_t searchFrom = 0;
-        for (const std::string& expected : c.logLines) {
-            const auto found = std::find_if(lines.begin() + static_cast<long>(searchFrom), lines.end(),
-                                            [&](const std::string& l) { return l.find(expected) != std::string::npos; });
-            ASSERT_NE(found, lines.end()) << c.name << ": " << expected;
-            searchFrom = static_cast<size_t>(found - lines.begin()) + 1;
-        }
-    }
-}
-
 TEST_F(Controller, SwitchesAndPathsOfALoad)
 {
     auto controller = makeController();

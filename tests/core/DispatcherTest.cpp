@@ -431,15 +431,4 @@ TEST(DispatcherThreads, IdleDispatcherSleepsUntilOneArrivalWakesIt)
     expectIdle();
 }
 
-TEST(DispatcherThreads, PendingEmptyFileKeepsTheDispatcherCycling)
-{
-    TempFolder folder;
-    RunningDispatcher running;
-    const std::string empty = folder.file("empty", 0);
-    running.queue.addStringToItemList(empty);
-    running.awaitCycles(5);
-    EXPECT_EQ(running.queue.snapshotOfMyItemList().size(), 1u);
-    EXPECT_EQ(running.queue.scannableCount(), 0);
-}
-
 } // namespace

@@ -224,23 +224,6 @@ protected:
 kvtest::EnginePrefix* Intake::engine_ = nullptr;
 QCoreApplication* Intake::application_ = nullptr;
 
-TEST_F(Intake, StopWatchingEndsTheHelperAtOnce)
-{
-    kv::KorvaneVelgar& agent = controller();
-    agent.startWatcher();
-    ASSERT_TRUE(reachesQueue(watched() + "/a"));
-    const pid_t helper = agent.gfsLogger().helperPid();
-
-    const auto began = std::chrono::steady_clock::now();
-    agent.stopWatcher();
-
-    // Terminated, not killed after the grace period, and already reaped.
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-    EXPECT_TRUE(::kill(helper, 0) != 0 && errno == ESRCH);
-    EXPECT_FALSE(agent.isWatching());
-    EXPECT_EQ(agent.gfsLogger().helperPid(), -1);
-}
-
 TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
 {
     const std::string helper = prepareInstallation(true);

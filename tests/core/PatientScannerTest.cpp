@@ -131,45 +131,6 @@ TEST_F(Scanning, PlantedLinkAtTheListFileIsNeverFollowed)
     EXPECT_NE(log.find(clean + ": OK"), std::string::npos) << log;
 }
 
-TEST_F(Scanning, BothWorkersBusyAtOnce)
-{
-    // A stand-in client that holds its run open until the test lets it go,
-    // so both workers can be seen in a run together.
-    const std::string gate = home_ / "gate";
-    const std::string fake = home_ / "fakescan";
-    kvtest::writeFile(fake,
-                      "#!/bin/sh\nfor a; do case $a in --file-list=*) touch \"${a#--file-list=}.seen\";; esac; done\n"
-                      "while [ ! -e " + gate + " ]; do sleep 0.01; done\necho done\n",
-                      0755);
-    start();
-    kv::ScanParameters parameters{nullptr, {fake, "--stdout"}};
-    controller_->firstPatientScanner().setMenuAndParams(parameters);
-    controller_->secondPatientScanner().setMenuAndParams(parameters);
-
-    std::vector<std::string> paths;
-    for (int i = 0; i < 250; ++i)
-        paths.push_back(file("f" + std::to_string(i), "z"));
-    kv::Dispatcher& queue = controller_->theDispatcher();
-    for (const std::string& path : paths)
-        queue.addStringToItemList(path);
-    queue.runOneCycle();
-
-    std::thread first([&] { controller_->firstPatientScanner().scanBatch(queue); });
-    std::thread second([&] { controller_->secondPatientScanner().scanBatch(queue); });
-    const std::string firstList = controller_->firstPatientScanner().listFilePath();
-    const std::string secondList = controller_->secondPatientScanner().listFilePath();
-    EXPECT_NE(firstList, secondList);
-    EXPECT_TRUE(kvtest::waitFor([&] { return kvtest::exists(firstList + ".seen") && kvtest::exists(secondList + ".seen"); },
-                                10000));
-    EXPECT_EQ(controller_->scannerCount(), 2);
-    EXPECT_GT(controller_->firstPatientScanner().runningClientPid(), 0);
-    EXPECT_GT(controller_->secondPatientScanner().runningClientPid(), 0);
-    kvtest::writeFile(gate, "");
-    first.join();
-    second.join();
-    EXPECT_EQ(controller_->scannerCount(), 0);
-}
-
 TEST_F(Scanning, AbortKillsOnlyTheAgentsOwnClients)
 {
     const std::string fake = home_ / "slowscan";

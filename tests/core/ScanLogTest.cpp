@@ -65,31 +65,4 @@ TEST(ScanLog, LogrotateKeepsThreeBzip2ArchivesAndRecreatesTheLog)
     EXPECT_EQ(kvtest::readFile(log.path()), "short\n");
 }
 
-TEST(ScanLog, RedirectionCreatesTheFolderAndSurvivesAnUnwritableOne)
-{
-    kvtest::TempDir home;
-    kv::ScanLog log(home.path());
-    const std::string streams = kvtest::captureStandardStreams([&] {
-        log.logAllToScanLog();
-        std::printf("into the log\n");
-        std::fflush(stdout);
-    });
-    EXPECT_EQ(kvtest::readFile(log.path()), "into the log\n");
-    EXPECT_TRUE(streams.empty());
-
-
-    // A log folder that cannot be made: the streams stay where they were.
-    kvtest::TempDir blocked;
-    kvtest::writeFile(blocked / "Library", "a file where the folder should be");
-    kv::ScanLog unreachable(blocked.path());
-    kvtest::LogCapture capture;
-    const std::string kept = kvtest::captureStandardStreams([&] {
-        unreachable.logAllToScanLog();
-        std::printf("still here\n");
-        std::fflush(stdout);
-    });
-    EXPECT_TRUE(capture.contains("cannot be opened"));
-    EXPECT_NE(kept.find("still here"), std::string::npos);
-}
-
 } // namespace
