@@ -26,6 +26,8 @@
 //
 // Results go to standard output, the summary as "RESULT ..." lines.
 
+#include "platform/FileWriting.h"
+
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
@@ -90,17 +92,7 @@ struct Reply {
 
 bool writeAll(int fd, const void* data, size_t size)
 {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+    return kv::writeAll(fd, std::string_view(static_cast<const char*>(data), size));
 }
 
 bool readAll(int fd, void* data, size_t size)
