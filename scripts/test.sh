@@ -68,10 +68,11 @@ fi
 # UndefinedBehaviorSanitizer report always goes to standard error, whatever
 # log_path says, and a child's would be lost.
 #
-# Every sanitized program writes its reports to DIR/sanitizer-reports/
-# report.PID rather than to its standard error: the test programs, and the
-# agent, gfslogger and velgarctl that tests and test scripts start as
-# children, whose output a test often reads or throws away. The run fails
+# Every sanitized program writes its reports to a report folder, moved to
+# DIR/sanitizer-reports/ at the end, as report.PID rather than to its
+# standard error: the test programs, and the agent, gfslogger and velgarctl
+# that tests and test scripts start as children, whose output a test often
+# reads or throws away. The run fails
 # when any report is there, and prints them. Suppressions, each with its
 # reason, are in tests/sanitizers/.
 #
@@ -82,7 +83,7 @@ fi
 # scan, quit) the end-to-end tests (e2e.*) do with the sanitized build.
 sanitize() {
   local kind=$1 dir=$2
-  local reports=$root/$dir/sanitizer-reports suppressions=$root/tests/sanitizers
+  local reports=$root/$dir/sanitizer-reports
   local start status=0
 
   echo "== Building with the $kind sanitizer in $dir"
@@ -95,10 +96,18 @@ sanitize() {
   took $start "the $kind build"
 
   echo "== Testing with the $kind sanitizer"
-  rm -rf "$reports"
-  mkdir -p "$reports"
-  # Tests run gfslogger and velgarctl as the user nobody too.
-  chmod 1777 "$reports"
+  # Tests run gfslogger, velgarctl and shell commands as the user nobody too,
+  # and the checkout may sit where nobody cannot look (under /root, mode 0700
+  # on Debian). The runtime reads its suppressions before main and stops a
+  # program whose files it cannot open, so both the suppressions and the
+  # report folder live in a folder of their own that every user can read,
+  # whose report folder every user can write to. The reports are moved into
+  # the tree at the end.
+  local shared
+  shared=$(mktemp -d /tmp/kv-sanitizer.XXXXXX)
+  chmod 755 "$shared"
+  install -m 644 tests/sanitizers/*.supp "$shared/"
+  install -d -m 1777 "$shared/reports"
   local run=(env)
   if [ "$kind" = address ]; then
     # Leaks are looked for at each program's exit (LeakSanitizer is on by
@@ -107,25 +116,29 @@ sanitize() {
     # for a request to install it, and turns the leak check off, as it
     # cannot run in a set-user-ID program. UndefinedBehaviorSanitizer shares
     # AddressSanitizer's log_path in clang's runtime.
-    run+=(ASAN_OPTIONS="log_path=$reports/report check_initialization_order=1 strict_init_order=1"
+    run+=(ASAN_OPTIONS="log_path=$shared/reports/report check_initialization_order=1 strict_init_order=1"
       UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1"
-      LSAN_OPTIONS="suppressions=$suppressions/lsan.supp print_suppressions=0")
+      LSAN_OPTIONS="suppressions=$shared/lsan.supp print_suppressions=0")
   else
     # The sanitizer wants a fixed address layout; old kernels give it one.
-    run+=(TSAN_OPTIONS="log_path=$reports/report halt_on_error=1 second_deadlock_stack=1 suppressions=$suppressions/tsan.supp"
+    run+=(TSAN_OPTIONS="log_path=$shared/reports/report halt_on_error=1 second_deadlock_stack=1 suppressions=$shared/tsan.supp"
       setarch "$(uname -m)" -R)
   fi
   start=$SECONDS
   "${run[@]}" ctest --test-dir "$dir" --output-on-failure --timeout 900 -E '^packaging\.' || status=$?
   took $start "the $kind suite"
 
+  rm -rf "$reports"
+  mkdir -p "$reports"
   local report found=0
-  for report in "$reports"/report*; do
+  for report in "$shared"/reports/report*; do
     [ -e "$report" ] || continue
     found=1
-    echo "--- $kind sanitizer report $report"
-    cat "$report"
+    mv "$report" "$reports/"
+    echo "--- $kind sanitizer report $reports/${report##*/}"
+    cat "$reports/${report##*/}"
   done
+  rm -rf "$shared"
   if [ "$found" -eq 1 ]; then
     echo "FAIL: the $kind sanitizer reported errors (above; kept in $reports)"
     return 1

@@ -5,6 +5,7 @@
 #include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
 #include "platform/ChildProcess.h"
+#include "tests/support/TestSupport.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -29,9 +30,6 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 const std::string kHelper = GFSLOGGER_PATH;
-// Run as an ordinary user; setpriv execs the program itself, so the child's
-// process id is the helper's.
-const std::vector<std::string> kAsNobody = {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"};
 
 class TempFolder {
 public:
@@ -163,10 +161,16 @@ TEST(Gfslogger, ReportsEachCreatedWrittenAndMovedInObjectOnce)
     EXPECT_EQ(helper.linesUnder(folder / "in/"), expected);
 }
 
+// Runs as an ordinary user: a copy of the helper in a folder that user can
+// read, wherever the build tree is.
 TEST(Gfslogger, WithoutRootRightsExitsOneAtOnce)
 {
-    std::vector<std::string> argv = kAsNobody;
-    argv.push_back(kHelper);
+    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
+    TempFolder folder;
+    const std::string copy = folder / "gfslogger";
+    fs::copy_file(kHelper, copy);
+    std::vector<std::string> argv = kvtest::asUser("nobody");
+    argv.push_back(copy);
     HelperRun helper(argv);
     EXPECT_EQ(helper.exitStatusWithin(2000), 1);
 }
@@ -192,7 +196,7 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     fs::create_directories(folder / "private");
     ::chmod((folder / "private").c_str(), 0700);
 
-    std::vector<std::string> argv = kAsNobody;
+    std::vector<std::string> argv = kvtest::asUser("nobody");
     argv.push_back(installed);
     HelperRun helper(argv);
     ASSERT_TRUE(helper.waitUntilWatching(folder / "shared/probe"));
@@ -206,9 +210,9 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     EXPECT_EQ(effective, "0000000000200004");
 
     writeFile(folder / "private/secret");
-    ASSERT_EQ(kv::runAndWait({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--", "/bin/sh", "-c",
-                              "echo mine > " + (folder / "shared/mine")}),
-              0);
+    std::vector<std::string> writer = kvtest::asUser("nobody");
+    writer.insert(writer.end(), {"/bin/sh", "-c", "echo mine > " + (folder / "shared/mine")});
+    ASSERT_EQ(kv::runAndWait(writer), 0);
     EXPECT_TRUE(helper.waitForLine(folder / "shared/mine"));
     writeFile(folder / "shared/end");
     ASSERT_TRUE(helper.waitForLine(folder / "shared/end"));

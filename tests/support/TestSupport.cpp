@@ -3,13 +3,17 @@
 #include "engine/ClamdCtrl.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -80,6 +84,74 @@ TempDir::~TempDir()
 {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<std::string> asUser(const std::string& name)
+{
+    const passwd* user = ::getpwnam(name.c_str());
+    if (!user)
+        throw std::runtime_error("no user " + name);
+    return {"setpriv", "--reuid=" + std::to_string(user->pw_uid), "--regid=" + std::to_string(user->pw_gid),
+            "--clear-groups", "--"};
+}
+
+namespace {
+
+// Whether the user may reach PATH with access(2)'s MODE, asked in a child
+// process that has become the user.
+bool userMay(const passwd& user, const std::string& path, int mode)
+{
+    const pid_t child = ::fork();
+    if (child < 0)
+        return false;
+    if (child == 0) {
+        // Only system calls between fork and _exit: the test may run threads.
+        if (::setgroups(0, nullptr) != 0 || ::setgid(user.pw_gid) != 0 || ::setuid(user.pw_uid) != 0)
+            ::_exit(2);
+        ::_exit(::access(path.c_str(), mode) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+} // namespace
+
+std::string sanitizerObstacleFor(const std::string& name)
+{
+    const passwd* found = ::getpwnam(name.c_str());
+    if (!found)
+        return "there is no user " + name;
+    const passwd user = *found;
+    for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+        const char* options = std::getenv(variable);
+        if (!options)
+            continue;
+        // The runtimes take blanks, colons and commas between options.
+        std::string text = options;
+        for (char& c : text)
+            if (c == ':' || c == ',' || c == '\t' || c == '\n')
+                c = ' ';
+        std::istringstream words(text);
+        std::string option;
+        while (words >> option) {
+            const std::string problem = "a sanitizer runtime cannot start as " + name + ": " + variable + " names ";
+            if (option.starts_with("suppressions=")) {
+                const std::string file = option.substr(13);
+                if (!userMay(user, file, R_OK))
+                    return problem + file + ", which " + name + " cannot read";
+            } else if (option.starts_with("log_path=")) {
+                const std::string prefix = option.substr(9);
+                if (prefix == "stderr" || prefix == "stdout")
+                    continue;
+                const std::string folder = std::filesystem::path(prefix).parent_path();
+                if (!userMay(user, folder.empty() ? "." : folder, W_OK | X_OK))
+                    return problem + "reports in " + folder + ", where " + name + " cannot write";
+            }
+        }
+    }
+    return {};
 }
 
 void writeFile(const std::string& path, const std::string& contents, unsigned mode)

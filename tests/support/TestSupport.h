@@ -47,6 +47,20 @@ void writeFile(const std::string& path, const std::string& contents, unsigned mo
 std::string readFile(const std::string& path);
 bool exists(const std::string& path);
 
+// The start of a command line that runs a program as the user NAME, with
+// that user's ids and no supplementary groups. setpriv execs the program
+// itself, so the child's process id is the program's.
+std::vector<std::string> asUser(const std::string& name);
+
+// Why a sanitizer runtime could not start in a program run as the user NAME:
+// a suppressions file named in this process's ASAN_OPTIONS, TSAN_OPTIONS,
+// UBSAN_OPTIONS or LSAN_OPTIONS that the user cannot read, or a report
+// folder (log_path) the user cannot write to. The runtime stops such a
+// program before main with an exit status of its own, which would read as
+// the program's. Empty when nothing stands in the way, as in a build
+// without sanitizers.
+std::string sanitizerObstacleFor(const std::string& name);
+
 // Sets an environment variable for the life of the object.
 class ScopedEnv {
 public:
