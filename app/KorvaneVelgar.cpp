@@ -378,6 +378,12 @@ bool KorvaneVelgar::readPrefs()
     freshclamLogLocation_ = updateLog ? std::optional<std::string>("--log=" + *updateLog) : std::nullopt;
     clamScanPATH_ = clamPATH_ ? std::optional<std::string>(*clamPATH_ + "/bin/clamdscan") : std::nullopt;
 
+    // Whether we launched the daemon is decided anew at every load; the
+    // engine is the prefix's own daemon, or none without a prefix, so a
+    // relaunch never runs what an earlier load named.
+    clamd_.setWeLaunchedClamd(false);
+    clamd_.useEnginePrefix(clamPATH_);
+
     // With no installation prefix there is no clamdscan to run and no
     // daemon to launch: never guess one from an empty prefix.
     if (!clamPATH_) {
@@ -385,12 +391,9 @@ bool KorvaneVelgar::readPrefs()
         return false;
     }
 
-    if (checkForClamd()) {
-        clamd_.setWeLaunchedClamd(false);
-    } else {
-        const std::string clamdPath = *clamPATH_ + "/sbin/clamd";
-        const std::string configPath = *clamPATH_ + "/etc/clamd.conf";
-        clamd_.setClamdPaths(clamdPath, configPath);
+    if (!checkForClamd() && !clamd_.useSystemService()) {
+        const std::string clamdPath = *clamd_.clamdPATH();
+        const std::optional<std::string> configPath = clamd_.clamdConfPATH();
         nsLog("clamd not running. Now trying to launch it...\n");
         if (!pathExists(clamdPath)) {
             nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
@@ -398,7 +401,6 @@ bool KorvaneVelgar::readPrefs()
         }
         if (!launchClamd(clamdPath, configPath)) {
             nsLog("clamd couldn't be launched.  Quitting now.\n");
-            clamd_.setWeLaunchedClamd(false);
             return false;
         }
         nsLog("clamd launched successfully.  Continuing...\n");
@@ -494,7 +496,7 @@ void KorvaneVelgar::rotateLogFile()
                            parts_.redirectToScanLog);
 }
 
-bool KorvaneVelgar::checkForClamd() { return clamd_.checkForClamd(); }
+bool KorvaneVelgar::checkForClamd() { return clamPATH_ && clamd_.checkForClamd(*clamPATH_); }
 
 bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath)
 {
@@ -503,9 +505,18 @@ bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optiona
 
 bool KorvaneVelgar::clamdStillAlive() { return clamd_.clamdStillAlive(); }
 
+bool KorvaneVelgar::clamdSocketTrusted()
+{
+    const std::optional<std::string> socket = clamd_.clamdSocket();
+    return !socket || clamd_.clamdController().socketPeerTrusted(*socket);
+}
+
 void KorvaneVelgar::recoverFromCrashedClamd() { clamd_.recoverFromCrashedClamd(); }
 
-void KorvaneVelgar::discernClamdSocketLocation() { clamd_.discernClamdSocketLocation(clamPATH_); }
+void KorvaneVelgar::discernClamdSocketLocation()
+{
+    clamd_.discernClamdSocketLocation(temporaryFolder().value_or(std::string()));
+}
 
 void KorvaneVelgar::noEnginePanic()
 {

@@ -125,6 +125,9 @@ public:
     bool checkForClamd();
     bool launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath);
     bool clamdStillAlive();          // any thread
+    // False, after a log line, when the engine's socket is served by another
+    // user (see ClamdCtrl). Any thread.
+    bool clamdSocketTrusted();
     void recoverFromCrashedClamd();  // any thread
     void discernClamdSocketLocation();
     void noEnginePanic();            // any thread

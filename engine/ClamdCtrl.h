@@ -8,12 +8,18 @@ namespace kv {
 // Client for clamd's control socket: one short command over a fresh
 // UNIX-domain stream connection, one reply read and discarded.
 //
-// Stateless; any thread may call it at the same time as others. A call
-// blocks for the connect, the write and the read, with no time-out.
-// Failure messages go to standard output with a perror() line on standard
-// error: both are the scan log.
+// Only a daemon run by the user, root or the clamav system user is talked
+// to: the socket's peer is checked (SO_PEERCRED) before anything is sent,
+// so a daemon another user put at the socket's path never learns what is
+// scanned nor answers for the engine.
+//
+// Stateless; any thread may call it at the same time as others. The
+// connect, the write and the read each give up after kTimeLimitSeconds, so
+// a silent server never holds a thread. Failure messages go to standard
+// output with a perror() line on standard error: both are the scan log.
 class ClamdCtrl {
 public:
+    static constexpr int kTimeLimitSeconds = 5;
     // The longest socket path that is copied into the address; longer paths
     // are cut there.
     static constexpr size_t kMaxPathBytes = 104;
@@ -28,6 +34,22 @@ public:
 
     // The 6-byte message for a command: its ASCII characters, then NUL bytes.
     static std::string messageFor(const std::string& command);
+
+    // Why the process at the other end of a connected UNIX-domain socket is
+    // not trusted with the engine: empty for the user, root and the clamav
+    // system user, else a sentence naming the peer's user.
+    static std::string untrustedPeer(int socketFd);
+
+    // Connects to the socket and checks its peer, sending nothing. True
+    // when the peer is trusted or nothing answers at all (the daemon is
+    // down, which the scan itself reports); false, after a log line, for a
+    // socket another user serves.
+    bool socketPeerTrusted(const std::string& pathToSocket);
+
+    // True when the socket is served by the system's clamd service (a
+    // daemon run by root or the clamav system user, not by the user) and it
+    // answers PING with PONG.
+    static bool systemServiceAnswers(const std::string& pathToSocket);
 };
 
 } // namespace kv

@@ -1,23 +1,40 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
 namespace kv {
 
-// What the process list tells about a running clamd: its executable and
-// the configuration file it was started with (none without one).
-struct ClamdCommandLine {
-    std::string clamdPath;
-    std::optional<std::string> configPath;
+// One process as /proc shows it: who really runs it and its argument vector,
+// exactly as given to exec (no text parsing, so a path holding blanks or
+// "-c" is never taken apart).
+struct ProcessEntry {
+    pid_t pid = 0;
+    uid_t realUid = 0;
+    bool zombie = false;
+    std::vector<std::string> argv;
 };
 
-// Parses one chunk of the process-list pipeline's output as one text, even
-// when it holds several lines: the text from its first "/" is split at the
-// first "--config" (the option is 14 characters long with its "="), failing
-// that at the first "-c" (with one blank after it), failing that it is the
-// executable alone. Matches at position 0 do not count.
-ClamdCommandLine parseClamdProcessChunk(std::string_view chunk);
+// Every process in PROC (a /proc mount): the real user from the "Uid:" line
+// of its status, its state, and its command line split at NUL bytes.
+// Processes that end while the table is read, or whose files cannot be
+// read, are left out.
+std::vector<ProcessEntry> readProcessTable(const std::string& proc = "/proc");
+
+// The configuration file a clamd command line names with -c FILE, -cFILE,
+// --config-file FILE or --config-file=FILE; nothing without one.
+std::optional<std::string> clamdConfigArgument(const std::vector<std::string>& argv);
+
+// Whether the process is the daemon of the user's own engine: a live
+// program named "clamd", run by the real user UID, started with the engine
+// prefix's configuration, PREFIX/etc/clamd.conf. Anyone may run a program
+// called clamd with any arguments; only the user can run one as the user.
+bool isOwnClamd(const ProcessEntry& process, uid_t uid, const std::string& prefix);
+
+// The user's own daemon for the prefix, when one runs.
+std::optional<ProcessEntry> findOwnClamd(const std::vector<ProcessEntry>& table, uid_t uid, const std::string& prefix);
 
 } // namespace kv

@@ -7,30 +7,15 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 
+#include <unistd.h>
+
 #include <cstring>
 
 namespace kv {
 
-bool ClamdSupervisor::checkForClamd()
+bool ClamdSupervisor::checkForClamd(const std::string& clamPATH, const std::string& proc)
 {
-    std::optional<ChildProcess> pipeline =
-        ChildProcess::spawn({"/bin/sh", "-c", kProcessListCommand}, ChildProcess::Output::Pipe);
-    if (!pipeline) {
-        nsLog("Could not run the process list to look for clamd");
-        return false;
-    }
-    // The pipeline's output is a few lines at most: read it all before the
-    // exit status, so a full pipe can never hold the child up.
-    std::string output = pipeline->readAll();
-    const int status = pipeline->wait();
-    if (status == 1)
-        return false;
-    if (!output.empty()) {
-        // The whole output is parsed as one text, as if it came in one chunk.
-        ClamdCommandLine found = parseClamdProcessChunk(output);
-        setClamdPaths(std::move(found.clamdPath), std::move(found.configPath));
-    }
-    return true;
+    return findOwnClamd(readProcessTable(proc), ::getuid(), clamPATH).has_value();
 }
 
 bool ClamdSupervisor::launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath)
@@ -51,28 +36,61 @@ bool ClamdSupervisor::launchClamd(const std::string& clamdPath, const std::optio
     return daemon->wait() != 1;
 }
 
-bool ClamdSupervisor::clamdStillAlive() { return clamdController_.communicateWithSocket(clamdSocket(), "PING"); }
+bool ClamdSupervisor::clamdStillAlive()
+{
+    const bool alive = clamdController_.communicateWithSocket(clamdSocket(), "PING");
+    if (alive) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        serviceSilenceLogged_ = false;
+    }
+    return alive;
+}
 
 void ClamdSupervisor::recoverFromCrashedClamd()
 {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (usesSystemService_) {
+            if (!serviceSilenceLogged_)
+                nsLogf("The system's clamd service does not answer at %s; it is left to the system to restart it",
+                       clamdSocket_ ? clamdSocket_->c_str() : "its socket");
+            serviceSilenceLogged_ = true;
+            return;
+        }
+    }
     const std::optional<std::string> executable = clamdPATH();
     if (!executable)
         return;
     launchClamd(*executable, clamdConfPATH());
 }
 
-void ClamdSupervisor::discernClamdSocketLocation(const std::optional<std::string>& clamPATH)
+bool ClamdSupervisor::useSystemService()
 {
-    std::optional<std::string> configFile = clamdConfPATH();
-    if (!configFile && clamPATH) {
-        const std::string fallback = *clamPATH + "/etc/clamd.conf";
-        if (pathExists(fallback))
-            configFile = fallback;
-    }
+    const std::optional<std::string> configFile = clamdConfPATH();
+    if (!configFile)
+        return false;
+    const std::optional<std::string> socket = lastLocalSocket(readClamdConfig(*configFile).text);
+    if (!socket || !ClamdCtrl::systemServiceAnswers(*socket))
+        return false;
+    nsLogf("Using the system's clamd service at %s", socket->c_str());
+    std::lock_guard<std::mutex> guard(mutex_);
+    usesSystemService_ = true;
+    serviceSilenceLogged_ = false;
+    return true;
+}
 
+bool ClamdSupervisor::usesSystemService() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return usesSystemService_;
+}
+
+void ClamdSupervisor::discernClamdSocketLocation(const std::string& privateFolder)
+{
+    const std::optional<std::string> configFile = clamdConfPATH();
     int encoding = kNoEncoding;
     std::optional<std::string> found;
-    if (configFile) {
+    if (configFile && pathExists(*configFile)) {
         const ClamdConfigText config = readClamdConfig(*configFile);
         if (config.encoding == kNoEncoding)
             nsLogf("The clamd configuration file %s could not be read: %s", configFile->c_str(), config.error.c_str());
@@ -89,15 +107,22 @@ void ClamdSupervisor::discernClamdSocketLocation(const std::optional<std::string
         nsLogf("Please email this line to %s >After trying again, _clamdSocket == nil, hard-coding it instead. < "
                "Please also include the file at /usr/local/korvane/etc/clamd.conf",
                kSupportAddress);
-        clamdSocket_ = "/tmp/clamd.socket";
+        clamdSocket_ = privateFolder + "clamd.socket";
+        nsLogf("The engine's socket is taken to be %s", clamdSocket_->c_str());
     }
 }
 
-void ClamdSupervisor::setClamdPaths(std::string clamdPath, std::optional<std::string> configPath)
+void ClamdSupervisor::useEnginePrefix(const std::optional<std::string>& clamPATH)
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    clamdPATH_ = std::move(clamdPath);
-    clamdConfPATH_ = std::move(configPath);
+    usesSystemService_ = false;
+    if (clamPATH) {
+        clamdPATH_ = *clamPATH + "/sbin/clamd";
+        clamdConfPATH_ = *clamPATH + "/etc/clamd.conf";
+    } else {
+        clamdPATH_.reset();
+        clamdConfPATH_.reset();
+    }
 }
 
 std::optional<std::string> ClamdSupervisor::clamdPATH() const

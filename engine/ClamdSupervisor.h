@@ -8,8 +8,13 @@
 
 namespace kv {
 
-// Finds, launches, probes and relaunches clamd, and works out the socket it
-// listens on. Owned by the controller.
+// Finds, launches, probes and relaunches the user's own clamd, and works
+// out the socket it listens on. Owned by the controller.
+//
+// On a machine shared with other users, only a daemon the user runs from
+// the engine prefix is the user's: the executable and configuration it
+// launches and relaunches are always <prefix>/sbin/clamd and
+// <prefix>/etc/clamd.conf, never what another process's command line names.
 //
 // checkForClamd(), launchClamd() and discernClamdSocketLocation() run on the
 // main thread during a preferences load. clamdStillAlive() and
@@ -18,14 +23,9 @@ namespace kv {
 // replaced string.
 class ClamdSupervisor {
 public:
-    // The process-list pipeline: the command column alone, so a terminal
-    // name can never be taken for the executable's first "/".
-    static constexpr const char* kProcessListCommand =
-        "/bin/ps -axww -o command= | /usr/bin/grep clamd | grep -v grep";
-
-    // True when a clamd process runs; then clamdPATH and clamdConfPATH are
-    // taken from its command line. False leaves both unchanged.
-    bool checkForClamd();
+    // True when the user's own clamd for the engine prefix runs: read from
+    // the process table (see isOwnClamd()). PROC is where /proc is.
+    bool checkForClamd(const std::string& clamPATH, const std::string& proc = "/proc");
 
     // Runs the executable (with "-c" and the configuration when given) and
     // waits for it. False only for exit status 1, or when it cannot be
@@ -33,16 +33,28 @@ public:
     bool launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath);
 
     bool clamdStillAlive();
+    // Relaunches the prefix's daemon; the system's service is never
+    // relaunched (its own service manager does that): it is said once that
+    // it does not answer, until it answers again.
     void recoverFromCrashedClamd();
 
-    // Reads the LocalSocket directive of the daemon's configuration (or of
-    // <clamPATH>/etc/clamd.conf when the daemon was started without one) and
-    // logs the encoding; falls back to /tmp/clamd.socket when no socket has
-    // ever been found.
-    void discernClamdSocketLocation(const std::optional<std::string>& clamPATH);
+    // When the user's own daemon does not run: true, after a log line, when
+    // the socket that the engine's configuration names is served by the
+    // system's clamd service (see ClamdCtrl::systemServiceAnswers()), which
+    // the engine then uses instead of launching a daemon of its own.
+    bool useSystemService();
+    bool usesSystemService() const;
 
-    // Used by the preferences load when it has to launch the daemon itself.
-    void setClamdPaths(std::string clamdPath, std::optional<std::string> configPath);
+    // Reads the LocalSocket directive of the engine's configuration and logs
+    // the encoding. When no socket has ever been found it falls back to
+    // clamd.socket in PRIVATEFOLDER (the user's private runtime folder,
+    // ending in "/"), never to a folder other users can write to.
+    void discernClamdSocketLocation(const std::string& privateFolder);
+
+    // The engine of a preferences load: <clamPATH>/sbin/clamd and
+    // <clamPATH>/etc/clamd.conf, or none without a prefix, so a relaunch
+    // never runs what an earlier load or another process named.
+    void useEnginePrefix(const std::optional<std::string>& clamPATH);
 
     std::optional<std::string> clamdPATH() const;
     std::optional<std::string> clamdConfPATH() const;
@@ -59,6 +71,8 @@ private:
     std::optional<std::string> clamdConfPATH_; // guarded by mutex_
     std::optional<std::string> clamdSocket_;   // guarded by mutex_; never cleared once set
     bool weLaunchedClamd_ = false;             // guarded by mutex_
+    bool usesSystemService_ = false;           // guarded by mutex_
+    bool serviceSilenceLogged_ = false;        // guarded by mutex_
 };
 
 } // namespace kv

@@ -229,8 +229,16 @@ void PatientScanner::performScan(PathsGiven given)
         std::vector<std::string> argv{scanCommandPath};
         argv.insert(argv.end(), scanArguments.begin(), scanArguments.end());
         int launchError = 0;
-        scanCheckTask = ChildProcess::spawn(argv, ChildProcess::Output::Pipe, &launchError);
-        if (!scanCheckTask) {
+        // clamdscan sends every path to whoever serves the socket: never to
+        // a daemon of another user, which could read them and answer OK.
+        const bool trusted = controller.clamdSocketTrusted();
+        if (trusted)
+            scanCheckTask = ChildProcess::spawn(argv, ChildProcess::Output::Pipe, &launchError);
+        if (!trusted) {
+            nsLogf("%zu files are not scanned: the engine's socket is not trusted", scanList_.size());
+            if (listWritten)
+                ::unlink(listPath.c_str());
+        } else if (!scanCheckTask) {
             if (launchError == ENOENT || launchError == EACCES || launchError == ENOTDIR)
                 controller.noEnginePanic();
             else

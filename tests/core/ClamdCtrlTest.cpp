@@ -3,8 +3,12 @@
 #include "engine/ClamdCtrl.h"
 #include "tests/support/TestSupport.h"
 
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -33,7 +37,7 @@ public:
             received_.assign(buffer, static_cast<size_t>(std::max<ssize_t>(0, ::read(client, buffer, sizeof buffer))));
             if (answer) {
                 const char pong[] = "PONG\n";
-                (void)!::write(client, pong, sizeof pong - 1);
+                (void)!::send(client, pong, sizeof pong - 1, MSG_NOSIGNAL);
             }
             ::close(client);
         });
@@ -60,6 +64,99 @@ private:
     std::string received_;
     std::thread thread_;
 };
+
+// A listener in a child process of another user (the test runs as root):
+// it answers every connection with PONG until it is killed.
+class ListenerOfUser {
+public:
+    ListenerOfUser(const std::string& path, const char* user)
+    {
+        const passwd* account = ::getpwnam(user);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.c_str(), std::min(path.size(), sizeof address.sun_path - 1));
+        if (!account)
+            return;
+        const uid_t uid = account->pw_uid;
+        const gid_t gid = account->pw_gid;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            // System calls only: the test process may run threads.
+            if (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)
+                ::_exit(2);
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+            if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 4) != 0)
+                ::_exit(3);
+            for (;;) {
+                const int client = ::accept(fd, nullptr, nullptr);
+                char buffer[16];
+                if (::read(client, buffer, sizeof buffer) > 0)
+                    (void)!::send(client, "PONG\n", 5, MSG_NOSIGNAL);
+                ::close(client);
+            }
+        }
+        listening_ = kvtest::waitFor([&] { return kvtest::exists(path); }, 5000);
+    }
+    ~ListenerOfUser()
+    {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    bool listening() const { return listening_; }
+
+private:
+    pid_t pid_ = -1;
+    bool listening_ = false;
+};
+
+TEST(ClamdCtrl, TalksOnlyToTheUserRootOrClamav)
+{
+    kvtest::TempDir dir;
+    ::chmod(dir.path().c_str(), 0777);
+    kv::ClamdCtrl client;
+    kvtest::LogCapture log;
+    {
+        ListenerOfUser neighbour(dir / "neighbour.sock", "nobody");
+        ASSERT_TRUE(neighbour.listening());
+        EXPECT_FALSE(client.communicateWithSocket(dir / "neighbour.sock", "PING"));
+        EXPECT_TRUE(log.contains("Refusing the clamd socket " + (dir / "neighbour.sock") + ": it is served by user nobody"));
+        EXPECT_FALSE(client.socketPeerTrusted(dir / "neighbour.sock"));
+        EXPECT_FALSE(kv::ClamdCtrl::systemServiceAnswers(dir / "neighbour.sock"));
+    }
+    {
+        // The distribution's service runs as clamav.
+        ListenerOfUser service(dir / "service.sock", "clamav");
+        ASSERT_TRUE(service.listening());
+        EXPECT_TRUE(client.communicateWithSocket(dir / "service.sock", "PING"));
+        EXPECT_TRUE(client.socketPeerTrusted(dir / "service.sock"));
+        EXPECT_TRUE(kv::ClamdCtrl::systemServiceAnswers(dir / "service.sock"));
+    }
+    {
+        // The user's own daemon is trusted, but it is not the system's service.
+        OneShotListener own(dir / "own.sock", true);
+        EXPECT_FALSE(kv::ClamdCtrl::systemServiceAnswers(dir / "own.sock"));
+    }
+    EXPECT_TRUE(client.socketPeerTrusted(dir / "nothing-there.sock")) << "a dead daemon is the scan's to report";
+}
+
+TEST(ClamdCtrl, ASilentServerDoesNotHoldTheCaller)
+{
+    kvtest::TempDir dir;
+    const std::string path = dir / "silent.sock";
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(fd, 1), 0);
+    // Connected through the backlog, never accepted, never answered: the
+    // reply's wait ends at the time limit.
+    kv::ClamdCtrl client;
+    EXPECT_TRUE(client.communicateWithSocket(path, "PING"));
+    ::close(fd);
+}
 
 TEST(ClamdCtrl, MessageIsSixBytesPaddedWithNul)
 {

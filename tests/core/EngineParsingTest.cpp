@@ -1,11 +1,19 @@
-// How the agent reads what clamd's configuration and the process list say.
+// How the agent reads what clamd's configuration and the process table say.
 
 #include "engine/ClamdConfig.h"
 #include "engine/ClamdProcessList.h"
 #include "engine/ClamdSupervisor.h"
+#include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
 
 namespace {
 
@@ -51,76 +59,138 @@ TEST(ClamdConfig, ReaderAcceptsUtf8AndRefusesOtherBytes)
     EXPECT_EQ(kv::readClamdConfig(dir / "missing.conf").encoding, kv::kNoEncoding);
 }
 
-TEST(ClamdSupervisor, SocketFallbackIsLoggedOnlyWhenNoSocketWasEverFound)
+TEST(ClamdSupervisor, SocketComesFromThePrefixAndFallsBackToThePrivateFolder)
 {
     kvtest::TempDir dir;
     kvtest::LogCapture log;
     kv::ClamdSupervisor supervisor;
+    const std::string privateFolder = dir / "private/";
 
-    // No configuration argument and no file at the prefix's default place.
-    supervisor.discernClamdSocketLocation(dir.path());
-    EXPECT_EQ(supervisor.clamdSocket(), "/tmp/clamd.socket");
+    // No prefix, or no configuration in it: the socket is in the user's
+    // private folder, never in a folder other users can write to.
+    supervisor.useEnginePrefix(std::nullopt);
+    supervisor.discernClamdSocketLocation(privateFolder);
+    EXPECT_EQ(supervisor.clamdSocket(), privateFolder + "clamd.socket");
     EXPECT_EQ(log.count("_clamdSocket == nil, hard-coding it instead."), 1u);
     EXPECT_EQ(log.count("clamdconfEncoding: 0"), 1u);
-
-    supervisor.discernClamdSocketLocation(dir.path());
+    supervisor.useEnginePrefix(dir.path());
+    supervisor.discernClamdSocketLocation(privateFolder);
     EXPECT_EQ(log.count("_clamdSocket == nil"), 1u) << "a later load keeps the stored value silently";
 
-    // The prefix's default file is read when the daemon named none.
     kvtest::writeFile(dir / "etc/clamd.conf", "LocalSocket /from/prefix\n");
-    supervisor.discernClamdSocketLocation(dir.path());
+    supervisor.discernClamdSocketLocation(privateFolder);
     EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
     EXPECT_EQ(log.count("clamdconfEncoding: 4"), 1u);
+    EXPECT_EQ(supervisor.clamdPATH(), dir / "sbin/clamd");
 
-    // A configuration without the directive leaves the earlier socket.
-    kvtest::writeFile(dir / "other.conf", "Foreground no\n");
-    supervisor.setClamdPaths("/usr/sbin/clamd", dir / "other.conf");
-    supervisor.discernClamdSocketLocation(dir.path());
+    // A configuration without the directive leaves the earlier socket; an
+    // unreadable one says so.
+    kvtest::writeFile(dir / "etc/clamd.conf", "Foreground no\n");
+    supervisor.discernClamdSocketLocation(privateFolder);
+    EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
+    ::chmod((dir / "etc/clamd.conf").c_str(), 0);
+    kvtest::writeFile(dir / "etc/clamd.conf", "\xff\n");
+    supervisor.discernClamdSocketLocation(privateFolder);
+    EXPECT_TRUE(log.contains("clamd.conf could not be read"));
     EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
 
-    // An unreadable configuration says so.
-    supervisor.setClamdPaths("/usr/sbin/clamd", dir / "nowhere.conf");
-    supervisor.discernClamdSocketLocation(dir.path());
-    EXPECT_TRUE(log.contains("nowhere.conf could not be read"));
-    EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
+    // Without a prefix nothing is left to relaunch.
+    supervisor.useEnginePrefix(std::nullopt);
+    EXPECT_EQ(supervisor.clamdPATH(), std::nullopt);
+    EXPECT_EQ(supervisor.clamdConfPATH(), std::nullopt);
 }
 
-TEST(ClamdSupervisor, NoPrefixMeansNoDefaultConfiguration)
-{
-    kv::ClamdSupervisor supervisor;
-    kvtest::LogCapture log;
-    supervisor.discernClamdSocketLocation(std::nullopt);
-    EXPECT_EQ(supervisor.clamdSocket(), "/tmp/clamd.socket");
-}
-
-struct ProcessCase {
+struct OwnClamdCase {
     const char* name;
-    std::string chunk;
-    std::string clamdPath;
-    std::optional<std::string> configPath;
+    kv::ProcessEntry process;
+    bool own;
 };
 
-TEST(ClamdProcessList, CommandLineParsing)
+TEST(ClamdProcessList, OnlyTheUsersDaemonWithThePrefixConfigurationIsOwn)
 {
-    const std::vector<ProcessCase> cases = {
-        {"short option", "/usr/local/korvane/sbin/clamd -c /usr/local/korvane/etc/clamd.conf\n",
-         "/usr/local/korvane/sbin/clamd", "/usr/local/korvane/etc/clamd.conf"},
-        {"long option", "/usr/sbin/clamd --config-file=/etc/clamd.conf\n", "/usr/sbin/clamd", "/etc/clamd.conf"},
-        {"no option", "  /usr/sbin/clamd  \n", "/usr/sbin/clamd", std::nullopt},
-        {"started by bare name: the option is before the first slash", "clamd -c /p/etc/clamd.conf\n",
-         "/p/etc/clamd.conf", std::nullopt},
-        {"several processes: first slash, first option anywhere",
-         "/usr/sbin/clamd --foreground=true\n/usr/bin/clamdscan --stdout -c /x.conf\n",
-         "/usr/sbin/clamd --foreground=true\n/usr/bin/clamdscan --stdout", "/x.conf"},
-        {"long option on a later line wins over short on the first",
-         "/a/clamd -c /a.conf\n/b/clamd --config-file=/b.conf\n", "/a/clamd -c /a.conf\n/b/clamd", "/b.conf"},
-        {"no slash at all", "clamd\n", "clamd", std::nullopt},
+    const uid_t me = 1000;
+    const std::string prefix = "/home/a/.local/share/korvane/clamav";
+    const std::string config = prefix + "/etc/clamd.conf";
+    auto entry = [](uid_t uid, std::vector<std::string> argv, bool zombie = false) {
+        kv::ProcessEntry process;
+        process.realUid = uid;
+        process.argv = std::move(argv);
+        process.zombie = zombie;
+        return process;
     };
-    for (const ProcessCase& c : cases) {
-        const kv::ClamdCommandLine parsed = kv::parseClamdProcessChunk(c.chunk);
-        EXPECT_EQ(parsed.clamdPath, c.clamdPath) << c.name;
-        EXPECT_EQ(parsed.configPath, c.configPath) << c.name;
-    }
+    const std::vector<OwnClamdCase> cases = {
+        {"the agent's launch", entry(me, {prefix + "/sbin/clamd", "-c", config}), true},
+        {"long option", entry(me, {"/usr/sbin/clamd", "--config-file=" + config}), true},
+        {"long option, separate value", entry(me, {"clamd", "--config-file", config}), true},
+        {"joined short option", entry(me, {"clamd", "-c" + config}), true},
+        {"another user's, same arguments", entry(1001, {prefix + "/sbin/clamd", "-c", config}), false},
+        {"root's, same arguments", entry(0, {prefix + "/sbin/clamd", "-c", config}), false},
+        {"the system's service", entry(me, {"/usr/sbin/clamd", "--foreground=true"}), false},
+        {"another configuration", entry(me, {"/tmp/x/clamd", "-c", "/tmp/x/c.conf"}), false},
+        {"a configuration beside the prefix's", entry(me, {"clamd", "-c", config + ".old"}), false},
+        {"not named clamd", entry(me, {"/bin/sh", "-c", config}), false},
+        {"clamdscan", entry(me, {"/usr/bin/clamdscan", "-c", config}), false},
+        {"a zombie", entry(me, {prefix + "/sbin/clamd", "-c", config}, true), false},
+        {"no arguments", entry(me, {}), false},
+    };
+    for (const OwnClamdCase& c : cases)
+        EXPECT_EQ(kv::isOwnClamd(c.process, me, prefix), c.own) << c.name;
+}
+
+TEST(ClamdProcessList, TableReadsArgumentVectorsAndRealUsers)
+{
+    kvtest::TempDir proc;
+    auto process = [&](const std::string& pid, const std::string& status, const std::string& cmdline) {
+        kvtest::writeFile(proc / (pid + "/status"), status);
+        kvtest::writeFile(proc / (pid + "/cmdline"), cmdline);
+    };
+    // Blanks and "-c" inside arguments stay where they are.
+    process("10", "Name:\tclamd\nState:\tS (sleeping)\nUid:\t1000\t0\t0\t0\n",
+            std::string("/tmp/my -c dir/clamd") + '\0' + "-c" + '\0' + "/a b/etc/clamd.conf" + '\0');
+    process("11", "State:\tZ (zombie)\nUid:\t0\t0\t0\t0\n", "");
+    process("12", "State:\tS\nUid:\t7\n", "rewritten title");
+    process("13", "State:\tS\n", "no uid line");
+    kvtest::writeFile(proc / "self/status", "Uid:\t1\n");
+
+    std::vector<kv::ProcessEntry> table = kv::readProcessTable(proc.path());
+    std::sort(table.begin(), table.end(), [](const auto& a, const auto& b) { return a.pid < b.pid; });
+    ASSERT_EQ(table.size(), 3u);
+    EXPECT_EQ(table[0].realUid, 1000u);
+    EXPECT_EQ(table[0].argv, (std::vector<std::string>{"/tmp/my -c dir/clamd", "-c", "/a b/etc/clamd.conf"}));
+    EXPECT_FALSE(table[0].zombie);
+    EXPECT_TRUE(table[1].zombie);
+    EXPECT_EQ(table[2].argv, std::vector<std::string>{"rewritten title"});
+}
+
+// Another account's program, named clamd and given the user's own prefix
+// configuration, runs on the machine: it is not the user's daemon. The
+// user's own (this test's) is.
+TEST(ClamdProcessList, ANeighboursClamdNeverCountsAsOwn)
+{
+    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
+    kvtest::TempDir dir;
+    ::chmod(dir.path().c_str(), 0755);
+    const std::string prefix = dir / "prefix";
+    std::filesystem::create_directories(dir / "bin");
+    std::filesystem::copy_file(KV_IDLE_PROCESS, dir / "bin/clamd");
+    const std::vector<std::string> fakeDaemon = {dir / "bin/clamd", "-c", prefix + "/etc/clamd.conf"};
+
+    kv::ClamdSupervisor supervisor;
+    std::vector<std::string> asNeighbour = kvtest::asUser("nobody");
+    asNeighbour.insert(asNeighbour.end(), fakeDaemon.begin(), fakeDaemon.end());
+    std::optional<kv::ChildProcess> neighbour = kv::ChildProcess::spawn(asNeighbour, kv::ChildProcess::Output::Inherit);
+    ASSERT_TRUE(neighbour);
+    const std::string table = "/proc/" + std::to_string(neighbour->pid()) + "/cmdline";
+    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::readFile(table).starts_with(dir / "bin/clamd"); }, 5000));
+    EXPECT_FALSE(supervisor.checkForClamd(prefix));
+    ::kill(neighbour->pid(), SIGKILL);
+    neighbour->wait();
+
+    std::optional<kv::ChildProcess> own = kv::ChildProcess::spawn(fakeDaemon, kv::ChildProcess::Output::Inherit);
+    ASSERT_TRUE(own);
+    EXPECT_TRUE(kvtest::waitFor([&] { return supervisor.checkForClamd(prefix); }, 5000));
+    ::kill(own->pid(), SIGKILL);
+    own->wait();
 }
 
 } // namespace
