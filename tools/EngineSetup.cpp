@@ -83,9 +83,10 @@ std::string shellQuoted(const std::string& text)
     return quoted + "'";
 }
 
-std::string wrapperText(const char* program, const std::string& configFile)
+std::string wrapperText(const char* program, const std::string& configFile, const char* options = "")
 {
-    return std::string("#!/bin/sh\nexec ") + program + " --config-file=" + shellQuoted(configFile) + " \"$@\"\n";
+    return std::string("#!/bin/sh\nexec ") + program + " --config-file=" + shellQuoted(configFile) + options +
+           " \"$@\"\n";
 }
 
 bool isOurWrapper(const std::string& path, const char* program)
@@ -211,7 +212,7 @@ std::string EngineSetup::ownSocketPath() const
     return joinPath(privateTemporarySocketFolder(), "clamd.ctl");
 }
 
-bool EngineSetup::install(const std::string& socket, std::string* error) const
+bool EngineSetup::install(const std::string& socket, bool passDescriptors, std::string* error) const
 {
     for (const char* folder : {"bin", "sbin", "etc", "db", "run", "log"}) {
         if (!makeDirectories(path(folder), 0755)) {
@@ -233,7 +234,12 @@ bool EngineSetup::install(const std::string& socket, std::string* error) const
         *error = "cannot link " + clamd + " to " + kDebianClamd + ": " + std::strerror(errno);
         return false;
     }
-    return writeFileIfChanged(path("bin/clamdscan"), wrapperText(kDebianClamdscan, path("etc/clamd.conf")), 0755, error) &&
+    // A daemon of another user (the system's service) cannot open the
+    // user's private folders: clamdscan opens each file and hands the daemon
+    // the open descriptor instead.
+    const std::string clamdscan =
+        wrapperText(kDebianClamdscan, path("etc/clamd.conf"), passDescriptors ? " --fdpass" : "");
+    return writeFileIfChanged(path("bin/clamdscan"), clamdscan, 0755, error) &&
            writeFileIfChanged(path("bin/freshclam"), wrapperText(kDebianFreshclam, path("etc/freshclam.conf")), 0755, error) &&
            writeFileIfChanged(path("etc/clamd.conf"), clamdConfigText(socket), 0644, error) &&
            writeFileIfChanged(path("etc/freshclam.conf"), freshclamConfigText(), 0644, error);

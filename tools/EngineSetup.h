@@ -35,9 +35,11 @@ public:
     std::string ownSocketPath() const;
 
     // Creates the folders, the link, the wrappers and both configurations,
-    // clamd's naming the given socket. Files that already hold the right
-    // contents are not touched, so running it again changes nothing.
-    bool install(const std::string& socket, std::string* error) const;
+    // clamd's naming the given socket; with passDescriptors the clamdscan
+    // wrapper passes open files to the daemon (for the system's service).
+    // Files that already hold the right contents are not touched, so running
+    // it again changes nothing.
+    bool install(const std::string& socket, bool passDescriptors, std::string* error) const;
 
     // True when the database folder holds any signature file clamd loads.
     bool hasDefinitions() const;

@@ -51,22 +51,28 @@ QJsonObject watchRecord(const std::string& folder, bool watchSubdirs)
     return QJsonObject{{"pathName", QString::fromStdString(folder)}, {"WatchSubdirs", watchSubdirs}};
 }
 
-// The socket the prefix's clamd.conf names. Where another clamd (the
-// distribution's) already runs, the agent will find that daemon and never
-// launch its own, so the prefix's clients must reach that daemon.
-std::string chooseSocket(const EngineSetup& engine)
+// The socket the prefix's clamd.conf names. Where the system's clamd
+// service runs, the prefix uses it rather than start a second daemon that
+// would load a second copy of the signatures; a daemon of any other user is
+// never used.
+struct EngineSocket {
+    std::string path;
+    bool systemService = false;
+};
+
+EngineSocket chooseSocket(const EngineSetup& engine, bool ownEngine)
 {
-    const std::optional<RunningClamd> other = findRunningOtherClamd(engine.prefix());
-    if (!other)
-        return engine.ownSocketPath();
-    const std::optional<std::string> socket = readLocalSocket(other->configFile);
-    if (socket && socket->size() <= EngineSetup::kMaxSocketPathBytes) {
-        printLine("A clamd already runs (" + other->commandLine + "); the engine prefix uses its socket " + *socket + ".");
-        return *socket;
+    if (!ownEngine) {
+        if (const std::optional<std::string> service = systemServiceSocket()) {
+            if (service->size() <= EngineSetup::kMaxSocketPathBytes) {
+                printLine("The system's clamd service answers at " + *service +
+                          "; the engine uses it, passing it each file open, so private folders are scanned too "
+                          "(--own-engine runs a daemon of your own instead).");
+                return {*service, true};
+            }
+        }
     }
-    printLine("A clamd already runs (" + other->commandLine + ") but " + other->configFile +
-              " names no usable local socket; the engine prefix keeps its own.");
-    return engine.ownSocketPath();
+    return {engine.ownSocketPath(), false};
 }
 
 } // namespace
@@ -85,6 +91,10 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
         }
         if (option == "--no-subdirs" && !value) {
             options->watchSubdirs = false;
+            continue;
+        }
+        if (option == "--own-engine" && !value) {
+            options->ownEngine = true;
             continue;
         }
         if ((option == "--autostart" || option == "--no-autostart") && !value) {
@@ -116,7 +126,7 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
     }
     // Starting at login is a change of its own, so that a user who asks for
     // it never has the engine rebuilt or the preferences rewritten as well.
-    if (options->autostart && (options->prefix || !options->watchFolders.empty() || !options->watchSubdirs))
+    if (options->autostart && (options->prefix || !options->watchFolders.empty() || !options->watchSubdirs || options->ownEngine))
         return reportBadInput("setup: --autostart and --no-autostart stand alone; give the other options to another setup");
     return kExitSuccess;
 }
@@ -152,7 +162,7 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
             return reportBadInput("setup: " + foreign + " was not made by velgarctl setup; choose another --prefix");
         printLine("PathToClamav names an engine installation that velgarctl did not build (" + foreign +
                   "); leaving it as it is.");
-    } else if (const int status = buildEngine(engine); status != kExitSuccess) {
+    } else if (const int status = buildEngine(engine, options.ownEngine); status != kExitSuccess) {
         return status;
     }
 
@@ -164,13 +174,13 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
     return kExitSuccess;
 }
 
-int SetupCommand::buildEngine(const EngineSetup& engine) const
+int SetupCommand::buildEngine(const EngineSetup& engine, bool ownEngine) const
 {
-    const std::string socket = chooseSocket(engine);
+    const EngineSocket socket = chooseSocket(engine, ownEngine);
     std::string error;
-    if (!engine.install(socket, &error))
+    if (!engine.install(socket.path, socket.systemService, &error))
         return reportFailure("setup: " + error);
-    printLine("Engine prefix: " + engine.prefix() + " (clamd socket " + socket + ")");
+    printLine("Engine prefix: " + engine.prefix() + " (clamd socket " + socket.path + ")");
 
     const std::string freshclam = engine.path("bin/freshclam");
     if (engine.hasOnlyTestDefinitions()) {

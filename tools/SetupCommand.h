@@ -10,9 +10,10 @@ namespace kv {
 
 class EngineSetup;
 
-// `velgarctl setup [--prefix DIR] [--watch DIR]... [--no-subdirs]`: builds
-// the per-user engine prefix (see EngineSetup), makes sure it has virus
-// definitions, and writes the main application's preferences the agent reads
+// `velgarctl setup [--prefix DIR] [--watch DIR]... [--no-subdirs]
+// [--own-engine]`: builds the per-user engine prefix (see EngineSetup),
+// pointed at the system's clamd service when it runs (unless --own-engine),
+// makes sure it has virus definitions, and writes the main application's preferences the agent reads
 // at start: "PathToClamav", "PathToUpdateLog" and "VelgarFolderArray".
 //
 // Keys already present are kept unless the matching option was given
@@ -38,12 +39,13 @@ private:
         std::vector<std::string> watchFolders;
         bool watchSubdirs = true;
         std::optional<bool> autostart;  // --autostart true, --no-autostart false
+        bool ownEngine = false;         // a daemon of the user's own even where the system's service runs
     };
 
     // Fills *options; on bad input returns the exit status to end with.
     int parse(const std::vector<std::string>& arguments, Options* options) const;
     // Builds the prefix and its definitions; reports progress on standard output.
-    int buildEngine(const EngineSetup& engine) const;
+    int buildEngine(const EngineSetup& engine, bool ownEngine) const;
     void updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const;
     // Writes or removes the autostart entry and nothing else.
     int changeAutostart(bool startAtLogin) const;
