@@ -31,8 +31,12 @@ void ScanLog::logAllToScanLog()
     ::close(probe);
     std::fflush(stderr);
     std::fflush(stdout);
-    std::freopen(path_.c_str(), "a", stderr);
-    std::freopen(path_.c_str(), "a", stdout);
+    // The probe above opened the file, so these fail only if it went away in
+    // between; a stream freopen could not reopen is closed, with nowhere left
+    // to say so.
+    if (!std::freopen(path_.c_str(), "a", stderr))
+        return;
+    (void)!std::freopen(path_.c_str(), "a", stdout);
 }
 
 int ScanLog::thresholdKilobytes(const std::optional<QJsonValue>& preference)

@@ -187,14 +187,14 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
         {"folder is dropped", [&] { return folder.path(); }, {}, {"gone"}},
         {"link is measured by its target",
          [&] {
-             ::symlink(folder.file("target", 5).c_str(), (folder.path() + "/link").c_str());
+             EXPECT_EQ(::symlink(folder.file("target", 5).c_str(), (folder.path() + "/link").c_str()), 0);
              return folder.path() + "/link";
          },
          {[&](const std::string&) { append(folder.path() + "/target", 3); }},
          {"8", "ready"}},
         {"dangling link does not exist",
          [&] {
-             ::symlink((folder.path() + "/nowhere").c_str(), (folder.path() + "/dangling").c_str());
+             EXPECT_EQ(::symlink((folder.path() + "/nowhere").c_str(), (folder.path() + "/dangling").c_str()), 0);
              return folder.path() + "/dangling";
          },
          {},
