@@ -69,19 +69,6 @@ bool isTopOfFileSystemHolding(const std::string& top, const std::string& path)
     return false;
 }
 
-// Text for a double-quoted shell word: the administrator's shell must take
-// the helper's path as one word, whatever characters the install folder has.
-std::string doubleQuoted(const std::string& text)
-{
-    std::string quoted = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\' || c == '$' || c == '`')
-            quoted += '\\';
-        quoted += c;
-    }
-    return quoted + '"';
-}
-
 } // namespace
 
 struct FSEventWatcher::Loop {
@@ -266,13 +253,25 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
     // to the main thread; queued calls run there in the order they were
     // made, so this stop comes before the start asked for below.
     QMetaObject::invokeMethod(controller, [controller] { controller->stopWatcher(); }, Qt::QueuedConnection);
-    controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_SETUID"));
 
-    const std::string path = doubleQuoted(helper);
-    const std::string command = "chown root " + path + "; chmod +s " + path;
-    // pkexec asks for an administrator's password and exits 0 only when the
-    // command ran; 126 (dismissed), 127 (refused) and "not found" all fail.
-    if (runAndWait({"pkexec", "/bin/sh", "-c", command}, ChildProcess::Output::Inherit) == 0) {
+    // Making a file set-user-ID root hands root to whoever can change that
+    // file or its folders: only a helper that root alone controls (an
+    // installed copy) is ever offered to the administrator. A build tree or
+    // a per-user installation is installed first.
+    if (const std::string why = whyNotRootControlled(helper); !why.empty()) {
+        nsLogf("gfslogger cannot watch without root rights, and it is not installed where only root can change it "
+               "(%s): install Korvane Velgar with \"sudo cmake --install build\" or its Debian package, then choose "
+               "Start Watching",
+               why.c_str());
+        controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_INSTALLED"));
+        return;
+    }
+    controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_SETUID"));
+    // No shell: the one program that sets the mode, with the path as its own
+    // argument. pkexec asks for an administrator's password and exits 0 only
+    // when the command ran; 126 (dismissed), 127 (refused) and "not found"
+    // all fail.
+    if (runAndWait({"pkexec", "/bin/chmod", "04755", "--", helper}, ChildProcess::Output::Inherit) == 0) {
         QMetaObject::invokeMethod(controller, [controller] { controller->startWatcher(); }, Qt::QueuedConnection);
         return;
     }

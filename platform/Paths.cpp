@@ -161,6 +161,36 @@ bool makeDirectories(const std::string& path, unsigned mode)
     return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+std::string whyNotRootControlled(const std::string& path)
+{
+    if (path.empty() || path.front() != '/')
+        return path + " is not an absolute path";
+    const auto check = [](const std::string& place, const struct stat& info, bool folder) -> std::string {
+        if (folder ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode))
+            return place + (S_ISLNK(info.st_mode) ? " is a symbolic link" : folder ? " is not a folder" : " is not a plain file");
+        if (info.st_uid != 0)
+            return place + " does not belong to root";
+        if (info.st_mode & (S_IWGRP | S_IWOTH))
+            return place + " may be written by users other than root";
+        return {};
+    };
+    struct stat info{};
+    if (::lstat("/", &info) != 0)
+        return std::string("/ cannot be examined: ") + std::strerror(errno);
+    if (std::string why = check("/", info, true); !why.empty())
+        return why;
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        if (::lstat(folder.c_str(), &info) != 0)
+            return folder + " cannot be examined: " + std::strerror(errno);
+        if (std::string why = check(folder, info, true); !why.empty())
+            return why;
+    }
+    if (::lstat(path.c_str(), &info) != 0)
+        return path + " cannot be examined: " + std::strerror(errno);
+    return check(path, info, false);
+}
+
 bool pathExists(const std::string& path)
 {
     struct stat info{};

@@ -41,6 +41,13 @@ std::string expandTilde(const std::string& path);
 bool makeDirectories(const std::string& path, unsigned mode = 0755);
 
 bool pathExists(const std::string& path);
+
+// Why root alone does not control the file at PATH: empty when it is a
+// regular file (not a link) that root owns and nobody else may write, in
+// folders that root owns and nobody else may write, from "/" down, so that
+// no other user can change it or put another file in its place. Else a
+// sentence for the user, naming the first place that fails.
+std::string whyNotRootControlled(const std::string& path);
 bool isRegularFile(const std::string& path);
 
 } // namespace kv

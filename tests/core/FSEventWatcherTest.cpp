@@ -4,6 +4,7 @@
 
 #include "app/KorvaneVelgar.h"
 #include "intake/FSEventWatcher.h"
+#include "platform/Paths.h"
 #include "queue/Dispatcher.h"
 #include "tests/support/TestSupport.h"
 
@@ -18,6 +19,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <set>
 
 namespace {
@@ -181,24 +183,37 @@ protected:
             10000);
     }
 
-    // The helper in a resources folder of its own, set-user-ID to nobody, so
-    // that it runs without root's rights and reports it; and a stand-in
-    // pkexec first on PATH that records its arguments.
+    // A resources folder that root alone controls (under "/", not /tmp),
+    // whose helper runs the real one only once it is set-user-ID: before
+    // that it exits 1, as a helper without root's rights does. And a
+    // stand-in pkexec first on PATH that records its arguments and runs
+    // them or refuses.
     std::string prepareInstallation(bool administratorAgrees)
     {
-        fs::create_directories(home_ / "resources");
-        fs::create_directories(home_ / "bin");
-        const std::string helper = home_ / "resources/gfslogger";
-        fs::copy_file(KV_TEST_RESOURCES_DIR "/gfslogger", helper);
-        ::chown(helper.c_str(), 65534, static_cast<gid_t>(-1));
-        ::chmod(helper.c_str(), 04755);
+        char pattern[] = "/kv-intake-test.XXXXXX";
+        installRoot_ = ::mkdtemp(pattern);
+        ::chmod(installRoot_.c_str(), 0755);
+        const std::string helper = installRoot_ + "/resources/gfslogger";
+        kvtest::writeFile(helper, "#!/bin/sh\n[ -u \"$0\" ] || exit 1\nexec " KV_TEST_RESOURCES_DIR "/gfslogger \"$@\"\n",
+                          0755);
+        prepareStandInPkexec(administratorAgrees);
+        resources_.emplace("KORVANE_VELGAR_RESOURCES", installRoot_ + "/resources");
+        return helper;
+    }
+
+    void prepareStandInPkexec(bool administratorAgrees)
+    {
         kvtest::writeFile(home_ / "bin/pkexec",
                           "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + (home_ / "pkexec.args") + "\n" +
                               (administratorAgrees ? "exec \"$@\"\n" : "exit 126\n"),
                           0755);
-        resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
         path_.emplace("PATH", home_ / "bin:" + std::string(std::getenv("PATH")));
-        return helper;
+    }
+
+    ~Intake() override
+    {
+        if (!installRoot_.empty())
+            fs::remove_all(installRoot_);
     }
 
     static kvtest::EnginePrefix* engine_;
@@ -207,6 +222,7 @@ protected:
     static inline char applicationName_[] = "kvcore_tests";
     static inline char* argv_[] = {applicationName_, nullptr};
 
+    std::string installRoot_;
     kvtest::TempDir home_;
     kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
     kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
@@ -232,14 +248,13 @@ TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
 
     const auto installed = [&] {
         struct stat info{};
-        return ::stat(helper.c_str(), &info) == 0 && info.st_uid == 0 && (info.st_mode & S_ISUID);
+        return ::stat(helper.c_str(), &info) == 0 && (info.st_mode & 07777) == 04755;
     };
     ASSERT_TRUE(untilWithEvents([&] { return installed() && agent.isWatching() && agent.gfsLogger().helperPid() > 0; }));
     EXPECT_TRUE(reachesQueue(watched() + "/after-install"));
 
     EXPECT_TRUE(log_.contains("termination status = 1"));
-    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"),
-              "/bin/sh\n-c\nchown root \"" + helper + "\"; chmod +s \"" + helper + "\"\n");
+    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), "/bin/chmod\n04755\n--\n" + helper + "\n");
     const std::vector<kv::DesktopNotification> sent = notifier_.sent();
     ASSERT_FALSE(sent.empty());
     EXPECT_EQ(sent.front().name, "Error");
@@ -259,7 +274,79 @@ TEST_F(Intake, RefusedInstallationStopsWatchingAndQuits)
     EXPECT_TRUE(agent.getWatchedFolderList().empty());
     struct stat info{};
     ASSERT_EQ(::stat(helper.c_str(), &info), 0);
-    EXPECT_EQ(info.st_uid, 65534u);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+}
+
+// A helper that others could change or replace (a build tree, a per-user
+// install, anything under /tmp) is never offered for set-user-ID root: the
+// user is told how to install instead, and the agent stays, not watching.
+TEST_F(Intake, HelperOthersCouldChangeIsNeverMadeSetUserId)
+{
+    fs::create_directories(home_ / "resources");
+    const std::string helper = home_ / "resources/gfslogger";
+    kvtest::writeFile(helper, "#!/bin/sh\nexit 1\n", 0755);
+    prepareStandInPkexec(true);
+    resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
+    kv::KorvaneVelgar& agent = controller();
+    agent.startWatcher();
+
+    ASSERT_TRUE(untilWithEvents([&] { return log_.contains("sudo cmake --install build"); }));
+    EXPECT_TRUE(log_.contains("/tmp may be written by users other than root"));
+    ASSERT_TRUE(untilWithEvents([&] { return !agent.isWatching(); }));
+    EXPECT_FALSE(kvtest::exists(home_ / "pkexec.args"));
+    EXPECT_FALSE(exitStatus_.has_value());
+    const std::vector<kv::DesktopNotification> sent = notifier_.sent();
+    ASSERT_FALSE(sent.empty());
+    EXPECT_EQ(sent.front().description, "FSEVENT_NOT_INSTALLED");
+}
+
+struct ControlCase {
+    const char* name;
+    std::function<void(const std::string& root)> change;  // spoils the installed layout
+    std::string reason;                                   // the start of the refusal, after the root folder
+};
+
+TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
+{
+    const std::vector<ControlCase> cases = {
+        {"as installed", [](const std::string&) {}, ""},
+        {"folder others may write", [](const std::string& root) { ::chmod((root + "/share").c_str(), 0777); },
+         "/share may be written by users other than root"},
+        {"folder of another user", [](const std::string& root) { (void)!::chown((root + "/share").c_str(), 65534, 0); },
+         "/share does not belong to root"},
+        {"file the group may write", [](const std::string& root) { ::chmod((root + "/share/gfslogger").c_str(), 0775); },
+         "/share/gfslogger may be written by users other than root"},
+        {"file of another user", [](const std::string& root) { (void)!::chown((root + "/share/gfslogger").c_str(), 65534, 0); },
+         "/share/gfslogger does not belong to root"},
+        {"file is a link",
+         [](const std::string& root) {
+             fs::rename(root + "/share/gfslogger", root + "/real");
+             fs::create_symlink(root + "/real", root + "/share/gfslogger");
+         },
+         "/share/gfslogger is a symbolic link"},
+        {"folder is a link",
+         [](const std::string& root) {
+             fs::rename(root + "/share", root + "/elsewhere");
+             fs::create_directory_symlink(root + "/elsewhere", root + "/share");
+         },
+         "/share is a symbolic link"},
+    };
+    for (const ControlCase& c : cases) {
+        char pattern[] = "/kv-root-controlled.XXXXXX";
+        const std::string root = ::mkdtemp(pattern);
+        ::chmod(root.c_str(), 0755);
+        kvtest::writeFile(root + "/share/gfslogger", "#!/bin/sh\n", 0755);
+        ::chmod((root + "/share").c_str(), 0755);
+        c.change(root);
+        const std::string why = kv::whyNotRootControlled(root + "/share/gfslogger");
+        if (c.reason.empty())
+            EXPECT_EQ(why, "") << c.name;
+        else
+            EXPECT_TRUE(why.starts_with(root + c.reason)) << c.name << ": " << why;
+        fs::remove_all(root);
+    }
+    EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
+    EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
 }
 
 } // namespace
