@@ -76,11 +76,12 @@ std::string parentFolder(const std::string& path)
     return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
 }
 
-void reportOverflow()
+// Tells the agent, which then scans its watched folders whole. The line is
+// no path (it does not start with "/"), so no file name can forge it.
+bool reportOverflow(LineWriter& output)
 {
-    static constexpr char kMessage[] = "gfslogger: the kernel's event queue overflowed; file events were lost";
-    std::fprintf(stderr, "%s\n", kMessage);
-    ::syslog(LOG_WARNING, "%s", kMessage);
+    ::syslog(LOG_WARNING, "the kernel's event queue overflowed; file events were lost");
+    return output.add(kQueueOverflowed);
 }
 
 // Folder paths resolved while one batch of events is handled. Kept for the
@@ -104,6 +105,7 @@ public:
         const int mountFd = mountFdFor(fsidKey(fsid));
         if (mountFd < 0)
             return slot->second;
+        const Privileges::Raised raised;
         UniqueFd folder(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), O_PATH | O_CLOEXEC));
         if (!folder)
             return slot->second;
@@ -122,6 +124,7 @@ private:
         const auto mountPoint = mountPoints_.find(fsid);
         if (mountPoint == mountPoints_.end())
             return -1;
+        const Privileges::Raised raised;
         UniqueFd fd(::open(mountPoint->second.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         struct statfs info{};
         // Something else may be mounted there by now; a handle must never
@@ -194,7 +197,12 @@ FanotifyWatch::~FanotifyWatch() = default;
 
 bool FanotifyWatch::open(std::string* message)
 {
-    const unsigned common = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS;
+    // The kernel's default limits hold: a queue of 16,384 events (an
+    // overflow is reported, and the agent then scans its folders whole) and
+    // 8,192 marks, far more than one per mount. Unlimited ones would let a
+    // user who stops this process make the kernel hold memory without end.
+    const unsigned common = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK;
+    const Privileges::Raised raised;
     const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
     handleGroup_.reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
     if (!handleGroup_) {
@@ -216,6 +224,7 @@ bool FanotifyWatch::open(std::string* message)
 
 void FanotifyWatch::markMounts()
 {
+    const Privileges::Raised raised;
     const std::optional<std::string> table = MountTable::read(mountTable_.get());
     if (!table)
         return;
@@ -306,7 +315,8 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
         if (event.fd >= 0)
             ::close(event.fd);
         if (event.mask & FAN_Q_OVERFLOW) {
-            reportOverflow();
+            if (!reportOverflow(output))
+                return ReadResult::OutputClosed;
             continue;
         }
         if (!wanted(event.mask))
@@ -334,9 +344,14 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
 FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(LineWriter& output)
 {
     ssize_t length;
-    do {
-        length = ::read(descriptorGroup_.get(), events_.get(), kEventBufferSize);
-    } while (length < 0 && errno == EINTR);
+    {
+        // The kernel opens each event's file as we read it, with our rights
+        // of the moment; the path check below decides what the user learns.
+        const Privileges::Raised raised;
+        do {
+            length = ::read(descriptorGroup_.get(), events_.get(), kEventBufferSize);
+        } while (length < 0 && errno == EINTR);
+    }
     if (length <= 0)
         return ReadResult::Ok;
 
@@ -346,7 +361,8 @@ FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(LineWriter& output
             return ReadResult::Unusable;
         UniqueFd file(event->fd);
         if (event->mask & FAN_Q_OVERFLOW) {
-            reportOverflow();
+            if (!reportOverflow(output))
+                return ReadResult::OutputClosed;
             continue;
         }
         if (!file || !(event->mask & FAN_CLOSE_WRITE))

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "eventhelper/HelperOutput.h"
 #include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
 #include "eventhelper/Privileges.h"
@@ -30,7 +31,8 @@ public:
     explicit FanotifyWatch(const Privileges& privileges);
     ~FanotifyWatch();
 
-    // Creates both groups with unlimited queues and opens the mount table.
+    // Creates both groups, with the kernel's bounded queues, and opens the
+    // mount table.
     bool open(std::string* message);
 
     // Marks every mounted file system that holds user files and is not

@@ -77,16 +77,23 @@ bool limitCapabilitySets()
     return true;
 }
 
-bool keepOnlyNeededCapabilities()
+// The kept capabilities stay permitted; effective says whether they are in
+// force now.
+bool setKeptCapabilities(bool effective)
 {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[2]{};
     for (int capability : kKeptCapabilities) {
         data[capability / 32].permitted |= 1u << (capability % 32);
-        data[capability / 32].effective |= 1u << (capability % 32);
+        if (effective)
+            data[capability / 32].effective |= 1u << (capability % 32);
     }
     return ::syscall(SYS_capset, &header, data) == 0;
 }
+
+// How many Raised scopes are open. gfslogger is single-threaded, and
+// capabilities belong to the thread anyway.
+int raisedScopes = 0;
 
 } // namespace
 
@@ -130,7 +137,7 @@ Privileges::Outcome Privileges::establish(std::string* message)
         *message = failure("returning to the real user");
         return Outcome::Failed;
     }
-    if (!keepOnlyNeededCapabilities()) {
+    if (!setKeptCapabilities(false)) {
         *message = failure("capabilities");
         return Outcome::Failed;
     }
@@ -139,6 +146,14 @@ Privileges::Outcome Privileges::establish(std::string* message)
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
     return Outcome::Ready;
+}
+
+Privileges::Raised::Raised() : raised_(raisedScopes++ == 0 && setKeptCapabilities(true)) {}
+
+Privileges::Raised::~Raised()
+{
+    if (--raisedScopes == 0 && raised_)
+        setKeptCapabilities(false);
 }
 
 bool Privileges::realUserCanList(const std::string& folder) const

@@ -26,9 +26,26 @@ public:
     // does not need: the environment, inherited descriptors and signal
     // settings, the set-user-ID identity (the process becomes the real user
     // again) and every capability but CAP_SYS_ADMIN (fanotify) and
-    // CAP_DAC_READ_SEARCH (resolving file handles). *message says why when
-    // the outcome is not Ready.
+    // CAP_DAC_READ_SEARCH (resolving file handles). Those two stay
+    // permitted but not effective: they are in force only inside a Raised
+    // scope. *message says why when the outcome is not Ready.
     static Outcome establish(std::string* message);
+
+    // The capabilities kept by establish() in force for one scope, around
+    // the calls that need them: creating and marking fanotify groups,
+    // looking at mount points, and opening objects by file handle.
+    // Everything else, above all the reading and writing of paths, runs
+    // with the real user's rights alone. Nested scopes are allowed.
+    class Raised {
+    public:
+        Raised();
+        ~Raised();
+        Raised(const Raised&) = delete;
+        Raised& operator=(const Raised&) = delete;
+
+    private:
+        bool raised_;
+    };
 
     Privileges() : realUid_(::getuid()) {}
 

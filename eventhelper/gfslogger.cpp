@@ -1,7 +1,9 @@
 // gfslogger: prints the full path of every file created, closed after
 // writing or moved in, and of every folder moved in, on any mounted file
-// system, one path a line, until it is terminated. The agent runs it and
-// reads its output; see intake/FSEventWatcher.h for the other side.
+// system, one path a line, until it is terminated; when the kernel's event
+// queue overflowed, the line kQueueOverflowed (HelperOutput.h) instead. The
+// agent runs it and reads its output; see intake/FSEventWatcher.h for the
+// other side.
 //
 // Takes no arguments. Exits 1 when it lacks root's rights, which the agent
 // answers by installing it set-user-ID root.
