@@ -1,9 +1,12 @@
 #include "intake/FSEventWatcher.h"
 
 #include "app/KorvaneVelgar.h"
+#include "eventhelper/ExitStatus.h"
+#include "eventhelper/HelperOutput.h"
 #include "platform/ChildProcess.h"
 #include "platform/Log.h"
 #include "platform/Paths.h"
+#include "platform/RootControlled.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf8.h"
 #include "queue/Dispatcher.h"
@@ -36,6 +39,10 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kSteadyRun = std::chrono::seconds(2);
 constexpr int kFirstPauseMs = 250;
 constexpr int kLongestPauseMs = 8000;
+// A helper that says it cannot watch (no fanotify, a nosuid mount) will
+// most likely say so again: it is asked again less and less often, up to
+// every five minutes.
+constexpr int kLongestPauseCannotWatchMs = 5 * 60 * 1000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
 
@@ -79,6 +86,8 @@ struct FSEventWatcher::Loop {
     // An eventfd that becomes readable when the loop is stopped, so that
     // waits for helper output or for a restart end at once.
     UniqueFd stopSignal;
+    // How the helper's last run ended, so the same end is logged once.
+    int lastStatus = -1;
 };
 
 FSEventWatcher::FSEventWatcher(Dispatcher& queue) : queue_(queue), watchList_(std::make_shared<const WatchList>()) {}
@@ -164,7 +173,8 @@ void FSEventWatcher::mainLoop(const std::shared_ptr<Loop>& loop)
         // After an installation the controller's new start runs a new loop.
         if (startWatching(*loop) == RunEnd::Installed)
             break;
-        pauseMs = Clock::now() - began >= kSteadyRun ? 0 : std::clamp(pauseMs * 2, kFirstPauseMs, kLongestPauseMs);
+        const int longest = loop->lastStatus == gfs::kCannotWatch ? kLongestPauseCannotWatchMs : kLongestPauseMs;
+        pauseMs = Clock::now() - began >= kSteadyRun ? 0 : std::clamp(pauseMs * 2, kFirstPauseMs, longest);
         if (pauseMs > 0 && !pauseBeforeRestart(*loop, pauseMs))
             break;
     }
@@ -239,7 +249,11 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         changed_.notify_all();
     }
     task->closeOutput();
-    nsLogf("termination status = %d", terminationStatus);
+    // A helper that keeps ending the same way, at once, has said why the
+    // first time; its reason is in the log (see taskDataAvailable).
+    if (terminationStatus != loop.lastStatus || terminationStatus == gfs::kLacksPrivileges)
+        nsLogf("termination status = %d", terminationStatus);
+    loop.lastStatus = terminationStatus;
     if (terminationStatus != 1)
         return RunEnd::Ended;
     installHelper(loop, helper);
@@ -256,9 +270,14 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
 
     // Making a file set-user-ID root hands root to whoever can change that
     // file or its folders: only a helper that root alone controls (an
-    // installed copy) is ever offered to the administrator. A build tree or
-    // a per-user installation is installed first.
-    if (const std::string why = whyNotRootControlled(helper); !why.empty()) {
+    // installed copy), with the installer of the same installation, is
+    // ever offered to the administrator. A build tree or a per-user
+    // installation is installed first.
+    const std::string installer = helperInstallerPath();
+    std::string why = whyNotRootControlled(helper);
+    if (why.empty())
+        why = whyNotRootControlled(installer);
+    if (!why.empty()) {
         nsLogf("gfslogger cannot watch without root rights, and it is not installed where only root can change it "
                "(%s): install Korvane Velgar with \"sudo cmake --install build\" or its Debian package, then choose "
                "Start Watching",
@@ -267,11 +286,11 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
         return;
     }
     controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_SETUID"));
-    // No shell: the one program that sets the mode, with the path as its own
-    // argument. pkexec asks for an administrator's password and exits 0 only
-    // when the command ran; 126 (dismissed), 127 (refused) and "not found"
-    // all fail.
-    if (runAndWait({"pkexec", "/bin/chmod", "04755", "--", helper}, ChildProcess::Output::Inherit) == 0) {
+    // The installer takes no arguments and has a polkit action of its own,
+    // whose message says what the password is for. pkexec exits 0 only
+    // when the installer ran and succeeded; 126 (dismissed), 127 (refused)
+    // and the installer's own refusal all fail.
+    if (runAndWait({"pkexec", installer}, ChildProcess::Output::Inherit) == 0) {
         QMetaObject::invokeMethod(controller, [controller] { controller->startWatcher(); }, Qt::QueuedConnection);
         return;
     }
@@ -288,9 +307,77 @@ void FSEventWatcher::taskDataAvailable(std::string_view chunk)
     while (start < chunk.size()) {
         const size_t end = std::min(chunk.find('\n', start), chunk.size());
         const std::string_view line = chunk.substr(start, end - start);
-        if (list->admits(line))
-            queue_.addStringToItemList(std::string(line));
         start = end + 1;
+        if (line.starts_with('/')) {
+            if (list->admits(line))
+                queue_.addStringToItemList(std::string(line));
+        } else if (line == gfs::kQueueOverflowed) {
+            scanWatchedFoldersWhole();
+        } else if (line.starts_with(gfs::kDiagnosticPrefix)) {
+            std::unique_lock<std::mutex> held(mutex_);
+            if (diagnosticsLogged_.insert(std::string(line)).second) {
+                held.unlock();
+                nsLog(std::string(line));
+            }
+        }
+    }
+}
+
+void FSEventWatcher::scanWatchedFoldersWhole()
+{
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        if (walking_) {
+            walkAgain_ = true;
+            return;
+        }
+        walking_ = true;
+        ++runningLoops_;
+    }
+    nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
+          "scanned");
+    try {
+        std::thread([this] { walkFolders(); }).detach();
+    } catch (const std::exception& error) {
+        nsLogf("The folder walk cannot be started: %s", error.what());
+        std::lock_guard<std::mutex> held(mutex_);
+        walking_ = false;
+        --runningLoops_;
+        changed_.notify_all();
+    }
+}
+
+bool FSEventWatcher::isWalkingFolders() const
+{
+    std::lock_guard<std::mutex> held(mutex_);
+    return walking_;
+}
+
+void FSEventWatcher::walkFolders()
+{
+    // A stop of the loop that read the overflow ends the walk.
+    std::shared_ptr<Loop> loop;
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        loop = current_;
+    }
+    const auto goesOn = [&loop] { return !loop || loop->isWatching; };
+    for (;;) {
+        // The list of the moment: a restart while walking hands over a new one.
+        watchList()->forEachAdmittedFile([this, &goesOn](std::vector<std::string>& files) {
+            if (!goesOn())
+                return false;
+            queue_.addToItemList(files);
+            return true;
+        });
+        std::lock_guard<std::mutex> held(mutex_);
+        if (!walkAgain_ || !goesOn()) {
+            walking_ = walkAgain_ = false;
+            --runningLoops_;
+            changed_.notify_all();
+            return;
+        }
+        walkAgain_ = false;
     }
 }
 

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -20,8 +21,10 @@ class KorvaneVelgar;
 // resources folder), reads the paths it prints, keeps those that lie in the
 // watched folders and hands them to the scan queue. The helper is started
 // again whenever it ends; when it ends with status 1 (it lacks root's
-// rights) the watcher has an administrator install it set-user-ID root and
-// asks the controller for a new start.
+// rights) the watcher has an administrator make it set-user-ID root,
+// through install-gfslogger and pkexec, and asks the controller for a new
+// start. When the helper reports that the kernel lost events, every file in
+// the watched folders is queued, since nobody knows which of them changed.
 //
 // Threads:
 //   - the main thread calls start(), setWatchList(), stopWatching() and
@@ -30,9 +33,10 @@ class KorvaneVelgar;
 //     taskDataAvailable and the installation step) on a thread of its own;
 //     a loop ends after stopWatching() or after an installation step.
 // stopWatching() returns only once the helper it ended has been reaped.
-// The destructor stops watching and waits for every loop to end.
+// The destructor stops watching and waits for every loop and walk to end.
 //
-// State below mutex_: current_, scanCheckTask_, runningLoops_, watchList_.
+// State below mutex_: current_, scanCheckTask_, runningLoops_, watchList_,
+// the walk flags and the diagnostics already logged.
 // Lock order: mutex_ is never held while calling out (queue, controller).
 class FSEventWatcher {
 public:
@@ -56,8 +60,17 @@ public:
 
     // Watcher thread (tests call it directly): one chunk of helper output.
     // Each line in the watched folders goes to the queue once; a chunk that
-    // is not valid UTF-8 gives no lines.
+    // is not valid UTF-8 gives no lines. A line of the helper's standard
+    // error is logged the first time it is read; the overflow line starts a
+    // walk of the watched folders (scanWatchedFoldersWhole).
     void taskDataAvailable(std::string_view chunk);
+
+    // Queues every file the watch list admits, on a thread of its own. An
+    // overflow that arrives during a walk makes one more walk follow it.
+    void scanWatchedFoldersWhole();
+
+    // Whether a walk started by scanWatchedFoldersWhole() is still running.
+    bool isWalkingFolders() const;
 
     // True when the path lies inside a Trash folder: the home Trash
     // ($XDG_DATA_HOME/Trash), ~/.Trash, or the <top>/.Trash/<uid> or
@@ -76,6 +89,7 @@ private:
     enum class RunEnd { Ended, Installed };
 
     void mainLoop(const std::shared_ptr<Loop>& loop);
+    void walkFolders();
     RunEnd startWatching(Loop& loop);
     void installHelper(Loop& loop, const std::string& helper);
     bool pauseBeforeRestart(Loop& loop, int milliseconds);
@@ -86,7 +100,10 @@ private:
     std::condition_variable changed_;           // signalled when scanCheckTask_ or runningLoops_ change
     std::shared_ptr<Loop> current_;             // guarded by mutex_: the loop a stop ends
     pid_t scanCheckTask_ = -1;                  // guarded by mutex_: the running helper
-    int runningLoops_ = 0;                      // guarded by mutex_
+    int runningLoops_ = 0;                      // guarded by mutex_: watch loops and walks
+    bool walking_ = false;                      // guarded by mutex_
+    bool walkAgain_ = false;                    // guarded by mutex_
+    std::set<std::string, std::less<>> diagnosticsLogged_; // guarded by mutex_
     std::shared_ptr<const WatchList> watchList_; // guarded by mutex_
 };
 

@@ -4,7 +4,9 @@
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 
+#include <filesystem>
 #include <optional>
+#include <system_error>
 
 namespace kv {
 namespace {
@@ -74,6 +76,37 @@ bool WatchList::admits(std::string_view line) const
         }
     }
     return false;
+}
+
+void WatchList::forEachAdmittedFile(const std::function<bool(std::vector<std::string>&)>& take) const
+{
+    namespace fs = std::filesystem;
+    constexpr size_t kGroup = 1000;
+    std::vector<std::string> group;
+    for (const Entry& entry : entries_) {
+        std::error_code error;
+        fs::recursive_directory_iterator walk(entry.folder, fs::directory_options::skip_permission_denied, error);
+        for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
+            const fs::directory_entry& found = *walk;
+            std::error_code typeError;
+            if (found.is_directory(typeError) && !found.is_symlink(typeError)) {
+                const std::string& folder = found.path().native();
+                if (!entry.subdirs || (!quarantineDir_.empty() && (folder + '/').starts_with(quarantineDir_)))
+                    walk.disable_recursion_pending();
+                continue;
+            }
+            if (!found.is_regular_file(typeError) || found.is_symlink(typeError) || !admits(found.path().native()))
+                continue;
+            group.push_back(found.path().native());
+            if (group.size() == kGroup) {
+                if (!take(group))
+                    return;
+                group.clear();
+            }
+        }
+    }
+    if (!group.empty())
+        take(group);
 }
 
 } // namespace kv

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -34,6 +35,13 @@ public:
     // with its subfolders takes every line below it outside a Trash; a
     // folder watched alone takes only the objects directly inside it.
     bool admits(std::string_view line) const;
+
+    // Every regular file the list admits now, found by walking the watched
+    // folders (without following links, and skipping the quarantine folder
+    // and what cannot be read), handed to take in groups until take returns
+    // false. For when file events were lost and nobody knows which files
+    // changed.
+    void forEachAdmittedFile(const std::function<bool(std::vector<std::string>&)>& take) const;
 
     const std::string& quarantineDir() const { return quarantineDir_; }
     size_t size() const { return entries_.size(); }

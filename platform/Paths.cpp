@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace kv {
 namespace {
@@ -103,15 +104,30 @@ bool isDirectlyUnderVolumeRoot(const std::string& path)
 
 std::string resourcesDirectory()
 {
+    // Normalised by text: the executable's path has no links left, and the
+    // root-controlled check of the helper takes plain paths only.
+    const auto normal = [](const std::string& path) {
+        std::string plain = std::filesystem::path(path).lexically_normal().string();
+        if (plain.size() > 1 && plain.back() == '/')
+            plain.pop_back();
+        return plain;
+    };
     if (const char* overridden = std::getenv("KORVANE_VELGAR_RESOURCES"); overridden && *overridden)
-        return overridden;
+        return normal(overridden);
     char executable[PATH_MAX];
     const ssize_t length = ::readlink("/proc/self/exe", executable, sizeof executable - 1);
     if (length <= 0)
         return "/usr/local/share/korvane-velgar";
     std::string path(executable, static_cast<size_t>(length));
     path.erase(path.rfind('/'));
-    return path + "/../share/korvane-velgar";
+    return normal(path + "/../share/korvane-velgar");
+}
+
+std::string helperInstallerPath()
+{
+    const std::string resources = resourcesDirectory();
+    const std::string prefix = resources.substr(0, resources.rfind('/', resources.rfind('/') - 1));
+    return prefix + "/libexec/korvane-velgar/install-gfslogger";
 }
 
 std::string joinPath(const std::string& base, const std::string& component)
@@ -159,36 +175,6 @@ bool makeDirectories(const std::string& path, unsigned mode)
     }
     struct stat info{};
     return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::string whyNotRootControlled(const std::string& path)
-{
-    if (path.empty() || path.front() != '/')
-        return path + " is not an absolute path";
-    const auto check = [](const std::string& place, const struct stat& info, bool folder) -> std::string {
-        if (folder ? !S_ISDIR(info.st_mode) : !S_ISREG(info.st_mode))
-            return place + (S_ISLNK(info.st_mode) ? " is a symbolic link" : folder ? " is not a folder" : " is not a plain file");
-        if (info.st_uid != 0)
-            return place + " does not belong to root";
-        if (info.st_mode & (S_IWGRP | S_IWOTH))
-            return place + " may be written by users other than root";
-        return {};
-    };
-    struct stat info{};
-    if (::lstat("/", &info) != 0)
-        return std::string("/ cannot be examined: ") + std::strerror(errno);
-    if (std::string why = check("/", info, true); !why.empty())
-        return why;
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        const std::string folder = path.substr(0, slash);
-        if (::lstat(folder.c_str(), &info) != 0)
-            return folder + " cannot be examined: " + std::strerror(errno);
-        if (std::string why = check(folder, info, true); !why.empty())
-            return why;
-    }
-    if (::lstat(path.c_str(), &info) != 0)
-        return path + " cannot be examined: " + std::strerror(errno);
-    return check(path, info, false);
 }
 
 bool pathExists(const std::string& path)

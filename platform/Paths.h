@@ -31,6 +31,13 @@ bool isDirectlyUnderVolumeRoot(const std::string& path);
 // (KORVANE_VELGAR_RESOURCES overrides it, for tests run from the build tree).
 std::string resourcesDirectory();
 
+// The program that makes the installed gfslogger set-user-ID root:
+// <prefix>/libexec/korvane-velgar/install-gfslogger for the resources folder
+// <prefix>/share/korvane-velgar. It is run as root through pkexec and its
+// own polkit action, takes no arguments, and works out the helper's path
+// from its own.
+std::string helperInstallerPath();
+
 // Joins two path pieces with exactly one "/" between them.
 std::string joinPath(const std::string& base, const std::string& component);
 
@@ -42,12 +49,6 @@ bool makeDirectories(const std::string& path, unsigned mode = 0755);
 
 bool pathExists(const std::string& path);
 
-// Why root alone does not control the file at PATH: empty when it is a
-// regular file (not a link) that root owns and nobody else may write, in
-// folders that root owns and nobody else may write, from "/" down, so that
-// no other user can change it or put another file in its place. Else a
-// sentence for the user, naming the first place that fails.
-std::string whyNotRootControlled(const std::string& path);
 bool isRegularFile(const std::string& path);
 
 } // namespace kv

@@ -4,7 +4,9 @@
 
 #include "app/KorvaneVelgar.h"
 #include "intake/FSEventWatcher.h"
+#include "platform/ChildProcess.h"
 #include "platform/Paths.h"
+#include "platform/RootControlled.h"
 #include "queue/Dispatcher.h"
 #include "tests/support/TestSupport.h"
 
@@ -56,6 +58,8 @@ TEST(EventFilter, HandsTheQueueEachWatchedLineOnce)
         {"/Wx is not in /W/", {{"@/W/", true}}, "", "@/Wx/a.txt\n", {}},
         {"invalid UTF-8 drops the chunk", {{"@/W/", true}}, "", "@/W/a.txt\n@/W/\xff.txt\n", {}},
         {"blank lines, last line unended", {{"@/W/", false}}, "", "\n@/W/a.txt\n\n@/W/b.txt", {"@/W/a.txt", "@/W/b.txt"}},
+        {"the helper's own messages are no paths", {{"@/", true}}, "",
+         "gfslogger: cannot watch @/W: No such device\n@/W/a.txt\n", {"@/W/a.txt"}},
     };
     kvtest::TempDir folder;
     kvtest::ScopedEnv home("HOME", folder / "home");
@@ -84,6 +88,35 @@ TEST(EventFilter, HandsTheQueueEachWatchedLineOnce)
         queue.runOneCycle();
         EXPECT_EQ(queue.snapshotOfScannableList(), queued) << c.name;
     }
+}
+
+// After the kernel lost events, every file the watch list admits is queued,
+// found by walking the watched folders; the helper's reasons are logged
+// once however often it repeats them.
+TEST(EventFilter, LostEventsQueueEveryAdmittedFile)
+{
+    kvtest::TempDir folder;
+    kvtest::ScopedEnv home("HOME", folder / "home");
+    kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "W/data");
+    kvtest::LogCapture log;
+    for (const char* file : {"W/a", "W/sub/deep/b", "W/Q/quarantined", "W/data/Trash/files/c", "V/d", "V/sub/e", "outside"})
+        kvtest::writeFile(folder / file, "x");
+    fs::create_symlink(folder / "outside", folder / "W/link");
+    fs::create_directory_symlink(folder.path(), folder / "W/loop");
+    std::vector<std::string> watched = {folder / "W/", folder / "V/"};
+    std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}};
+
+    kv::Dispatcher queue{[] {}};
+    kv::FSEventWatcher watcher(queue);
+    watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, folder / "W/Q"));
+    const std::string diagnostic = "gfslogger: cannot watch /x: Operation not permitted\n";
+    watcher.taskDataAvailable(diagnostic + "!queue-overflowed\n" + diagnostic);
+    ASSERT_TRUE(kvtest::waitFor([&] { return !watcher.isWalkingFolders(); }, 10000));
+    queue.runOneCycle();
+    EXPECT_EQ(queue.snapshotOfScannableList(),
+              (std::set<std::string>{folder / "W/a", folder / "W/sub/deep/b", folder / "V/d"}));
+    EXPECT_EQ(log.count("File events were lost"), 1u);
+    EXPECT_EQ(log.count("gfslogger: cannot watch /x"), 1u);
 }
 
 TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
@@ -183,21 +216,23 @@ protected:
             10000);
     }
 
-    // A resources folder that root alone controls (under "/", not /tmp),
-    // whose helper runs the real one only once it is set-user-ID: before
-    // that it exits 1, as a helper without root's rights does. And a
-    // stand-in pkexec first on PATH that records its arguments and runs
-    // them or refuses.
+    // An installation that root alone controls (under "/", not /tmp), with
+    // the real installer, and a helper that runs the real one only once it
+    // is set-user-ID: before that it exits 1, as a helper without root's
+    // rights does. And a stand-in pkexec first on PATH that records its
+    // arguments and runs them or refuses.
     std::string prepareInstallation(bool administratorAgrees)
     {
         char pattern[] = "/kv-intake-test.XXXXXX";
         installRoot_ = ::mkdtemp(pattern);
         ::chmod(installRoot_.c_str(), 0755);
-        const std::string helper = installRoot_ + "/resources/gfslogger";
+        const std::string helper = installRoot_ + "/share/korvane-velgar/gfslogger";
         kvtest::writeFile(helper, "#!/bin/sh\n[ -u \"$0\" ] || exit 1\nexec " KV_TEST_RESOURCES_DIR "/gfslogger \"$@\"\n",
                           0755);
+        fs::create_directories(installRoot_ + "/libexec/korvane-velgar");
+        fs::copy_file(KV_TEST_INSTALLER, installRoot_ + "/libexec/korvane-velgar/install-gfslogger");
         prepareStandInPkexec(administratorAgrees);
-        resources_.emplace("KORVANE_VELGAR_RESOURCES", installRoot_ + "/resources");
+        resources_.emplace("KORVANE_VELGAR_RESOURCES", installRoot_ + "/share/korvane-velgar");
         return helper;
     }
 
@@ -254,7 +289,7 @@ TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
     EXPECT_TRUE(reachesQueue(watched() + "/after-install"));
 
     EXPECT_TRUE(log_.contains("termination status = 1"));
-    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), "/bin/chmod\n04755\n--\n" + helper + "\n");
+    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), installRoot_ + "/libexec/korvane-velgar/install-gfslogger\n");
     const std::vector<kv::DesktopNotification> sent = notifier_.sent();
     ASSERT_FALSE(sent.empty());
     EXPECT_EQ(sent.front().name, "Error");
@@ -298,6 +333,31 @@ TEST_F(Intake, HelperOthersCouldChangeIsNeverMadeSetUserId)
     const std::vector<kv::DesktopNotification> sent = notifier_.sent();
     ASSERT_FALSE(sent.empty());
     EXPECT_EQ(sent.front().description, "FSEVENT_NOT_INSTALLED");
+}
+
+// A helper that cannot watch (no fanotify here, a nosuid mount) keeps
+// being asked, less and less often; its reason and its status are logged
+// once, not at every start.
+TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
+{
+    const std::string helper = home_ / "resources/gfslogger";
+    kvtest::writeFile(helper,
+                      "#!/bin/sh\necho run >> " + (home_ / "runs") +
+                          "\necho 'gfslogger: fanotify: Function not implemented' >&2\nexit 2\n",
+                      0755);
+    resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
+    kv::KorvaneVelgar& agent = controller();
+    agent.startWatcher();
+
+    const auto runs = [&] {
+        const std::string text = kvtest::readFile(home_ / "runs");
+        return std::count(text.begin(), text.end(), '\n');
+    };
+    ASSERT_TRUE(untilWithEvents([&] { return runs() >= 3; }));
+    agent.stopWatcher();
+    EXPECT_EQ(log_.count("gfslogger: fanotify: Function not implemented"), 1u);
+    EXPECT_EQ(log_.count("termination status = 2"), 1u);
+    EXPECT_FALSE(exitStatus_.has_value());
 }
 
 struct ControlCase {
@@ -347,6 +407,63 @@ TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
     }
     EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
     EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
+    EXPECT_EQ(kv::whyNotRootControlled("/usr/../tmp/x"), "/usr/../tmp/x is not a plain path");
+    EXPECT_EQ(kv::whyNotRootControlled("/dev/null"), "/dev/null is not a plain file") << "never opened";
+}
+
+struct InstallerCase {
+    const char* name;
+    std::function<void(const std::string& root)> change;  // spoils the installation
+    std::vector<std::string> arguments;
+    std::vector<std::string> asUser;  // empty: as root
+    int status;
+};
+
+// The real installer, as pkexec runs it, on an installation of its own.
+TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
+{
+    const std::string helper = "/share/korvane-velgar/gfslogger";
+    const std::vector<InstallerCase> cases = {
+        {"as installed", [](const std::string&) {}, {}, {}, 0},
+        {"helper in a folder others may write",
+         [](const std::string& root) { ::chmod((root + "/share/korvane-velgar").c_str(), 0777); }, {}, {}, 1},
+        {"helper of another user",
+         [&](const std::string& root) { (void)!::chown((root + helper).c_str(), 65534, 65534); }, {}, {}, 1},
+        {"helper is a link to a root-owned file",
+         [&](const std::string& root) {
+             fs::rename(root + helper, root + "/real");
+             fs::create_symlink(root + "/real", root + helper);
+         },
+         {}, {}, 1},
+        {"a path given", [](const std::string&) {}, {"/etc/shadow"}, {}, 2},
+        {"run by an ordinary user", [](const std::string&) {}, {}, kvtest::asUser("nobody"), 2},
+    };
+    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
+    for (const InstallerCase& c : cases) {
+        char pattern[] = "/kv-installer-test.XXXXXX";
+        const std::string root = ::mkdtemp(pattern);
+        ::chmod(root.c_str(), 0755);
+        kvtest::writeFile(root + helper, "#!/bin/sh\n", 0755);
+        ::chmod((root + "/share").c_str(), 0755);
+        ::chmod((root + "/share/korvane-velgar").c_str(), 0755);
+        fs::create_directories(root + "/libexec/korvane-velgar");
+        const std::string installer = root + "/libexec/korvane-velgar/install-gfslogger";
+        fs::copy_file(KV_TEST_INSTALLER, installer);
+        c.change(root);
+
+        std::vector<std::string> argv = c.asUser;
+        argv.push_back(installer);
+        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        EXPECT_EQ(kv::runAndWait(argv), c.status) << c.name;
+        std::vector<std::string> setUserId;
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+            struct stat info{};
+            if (::lstat(entry.path().c_str(), &info) == 0 && (info.st_mode & S_ISUID))
+                setUserId.push_back(entry.path().string().substr(root.size()) + (info.st_uid == 0 ? "" : " (not root's)"));
+        }
+        EXPECT_EQ(setUserId, c.status == 0 ? std::vector<std::string>{helper} : std::vector<std::string>{}) << c.name;
+        fs::remove_all(root);
+    }
 }
 
 } // namespace
