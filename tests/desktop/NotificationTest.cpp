@@ -38,8 +38,11 @@ public:
     {
         connection_.registerObject("/org/freedesktop/Notifications", this, QDBusConnection::ExportAllSlots);
     }
+    // The object leaves the connection here, in this thread; left to the
+    // disconnection, the bus thread would unhook it while it is being freed.
     ~TestNotificationService() override
     {
+        connection_.unregisterObject("/org/freedesktop/Notifications");
         stop();
         QDBusConnection::disconnectFromBus("test-notification-service");
     }

@@ -91,6 +91,7 @@ TEST_F(VelgarctlBus, ScriptPrintsTheAgentsAnswer)
     ASSERT_EQ(script->state(), QProcess::NotRunning);
     EXPECT_EQ(script->exitCode(), 0) << script->readAllStandardError().toStdString();
     EXPECT_EQ(script->readAllStandardOutput().toStdString(), "Restart Requested\n");
+    connection.unregisterObject("/com/korvane/KorvaneVelgar");
     QDBusConnection::disconnectFromBus("agent-stand-in");
 }
 
