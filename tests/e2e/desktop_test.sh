@@ -9,7 +9,7 @@ set -euo pipefail
 source "$(dirname "$0")/lib.sh"
 
 for tool in Xvfb trayer dunst xdotool; do
-  command -v "$tool" >/dev/null || { echo "$tool is missing; skipped"; exit 77; }
+  command -v "$tool" >/dev/null || { echo "FAIL: $tool is missing (scripts/deps.sh installs it)"; exit 1; }
 done
 # Debian's own Python, which python3-pyatspi is for.
 /usr/bin/python3 -c 'import pyatspi' 2>/dev/null || { echo "FAIL: python3-pyatspi is missing (scripts/deps.sh installs it)"; exit 1; }

@@ -6,25 +6,39 @@
 # Sourced by a test script that was called as SCRIPT BUILD_DIR SOURCE_DIR.
 # It leaves a scratch home in $work, removed with everything the test
 # started when the script ends.
+#
+# Each script runs in a PID namespace of its own, with its own /proc, in a
+# mount namespace of its own: the daemons of the machine, a clamd service
+# among them, and those of other users are not in its process table, and
+# whatever it mounts stays in it. The script's bash is the namespace's first
+# process, so it reaps every orphan, and when it ends the kernel ends every
+# process the test left. The namespace needs root, as the tests do.
 
 source "$(dirname "${BASH_SOURCE[0]}")/../support/machine_lock.sh"
+if [ $$ -ne 1 ] || [ "${KV_E2E_NAMESPACE:-}" != own ]; then
+  # Should unshare itself be killed, --kill-child tells the script, whose
+  # trap below then clears up.
+  exec env KV_E2E_NAMESPACE=own unshare --pid --fork --mount-proc --kill-child=TERM bash "$0" "$@"
+fi
 
 build=$(realpath "$1")
 source_dir=$(realpath "$2")
 agent_bin=$build/bin/korvane-velgar
 ctl=$build/bin/velgarctl
 
-# No "-" before the random part: the agent reads clamd's command line up to
-# the first "-c", which a random part starting with "c" would fake.
 work=$(mktemp -d /tmp/kv-e2e.XXXXXX)
 prefix=$work/prefix
 agent_pid=
 bus_pid=
 declare -a background_pids=()
+# Functions a script adds to run at its end, before the scratch folder goes.
+declare -a cleanup_steps=()
 
 e2e_cleanup() {
   local status=$?
   set +e
+  local step
+  for step in "${cleanup_steps[@]}"; do "$step"; done
   [ -n "$agent_pid" ] && kill -KILL "$agent_pid" 2>/dev/null
   for pid in "${background_pids[@]}"; do kill "$pid" 2>/dev/null; done
   pkill -KILL -f "^$prefix/sbin/clamd " 2>/dev/null
@@ -37,6 +51,8 @@ e2e_cleanup() {
   exit $status
 }
 trap e2e_cleanup EXIT
+# As the namespace's first process bash ignores a signal it has no handler for.
+trap 'exit 143' TERM INT HUP
 
 export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
 export XDG_RUNTIME_DIR=$work/run QT_QPA_PLATFORM=offscreen
@@ -103,15 +119,6 @@ daemon_alive() {
   pid=$(daemon_pid) && [ -n "$pid" ] && [ -d "/proc/$pid" ] && ! grep -q '^State:.*Z' "/proc/$pid/status"
 }
 
-# The agent takes any clamd in the process list for its own; a daemon that an
-# earlier test stopped may take a moment to leave it.
-require_no_other_clamd() {
-  if ! wait_for 30 bash -c '! pgrep clamd >/dev/null'; then
-    echo "another clamd runs on this machine; skipping"
-    exit 77
-  fi
-}
-
 # Preferences of the main application, as the user's settings write them.
 pref() { "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
 watch_folders() {  # watch_folders DIR... (with subfolders)
@@ -121,7 +128,6 @@ watch_folders() {  # watch_folders DIR... (with subfolders)
 }
 
 default_setup() {
-  require_no_other_clamd
   start_session_bus
   make_prefix
   pref PathToClamav -string "$prefix"
