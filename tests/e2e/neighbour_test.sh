@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# Two real accounts on one machine. The neighbour runs programs called
+# clamd whose command lines name the user's engine configuration, before
+# the user's agent starts. The agent takes none of them for its own: it
+# launches its engine prefix's clamd, finds an infected file with it,
+# relaunches that same daemon when it dies, and never runs the neighbour's
+# program, as the user or as root.
+#
+#   neighbour_test.sh BUILD_DIR SOURCE_DIR
+set -euo pipefail
+source "$(dirname "$0")/lib.sh"
+source "$(dirname "$0")/accounts.sh"
+
+make_account user
+make_account neighbour
+install_resources
+home=${account_home[$user]}
+watched=$home/watched
+prefix=$home/.local/share/korvane/clamav
+conf=$prefix/etc/clamd.conf
+
+# Anyone but the neighbour who runs the neighbour's clamd writes a line
+# here, which only root can read.
+foreign_runs=$shared/foreign-runs
+install -m 622 /dev/null "$foreign_runs"
+
+echo "== The neighbour's programs called clamd name $user's engine"
+# The neighbour's folder, which every user can read and run programs from.
+nest=$shared/neighbour
+install -d -o "$neighbour" -g "$neighbour" -m 755 "$nest" "$nest/x"
+fake=$nest/x/clamd
+as_user "$neighbour" sh -c 'cat >"$1" && chmod 755 "$1"' sh "$fake" <<EOF
+#!/bin/sh
+# Waits as long as its owner runs it; anyone else who runs it is written down.
+if [ "\$(id -u)" != ${account_uid[$neighbour]} ] || [ "\$(id -ru)" != ${account_uid[$neighbour]} ]; then
+  echo "run as uid \$(id -u) (real \$(id -ru)): \$0 \$*" >>$foreign_runs
+  exit 1
+fi
+while sleep 1; do :; done
+EOF
+# The record itself: a run as anyone else is written down.
+setpriv --reuid=nobody --regid=nogroup --clear-groups "$fake" -c "$conf" || true
+grep -q "^run as uid $(id -u nobody) " "$foreign_runs" || fail "the neighbour's program does not write down a run as another user"
+: >"$foreign_runs"
+printf 'LocalSocket %s/x/clamd.ctl\nDatabaseDirectory %s/x\n' "$nest" "$nest" |
+  as_user "$neighbour" sh -c 'cat >"$1"' sh "$nest/x/c.conf"
+
+# Each line one process: the name it goes by (argv[0]), then the arguments
+# the script gets, "|" between words. An empty name runs the script as it
+# is, which the process table shows as "/bin/sh SCRIPT ARGUMENTS"; the
+# others run it under that name, as any program may choose its argv[0], and
+# show as "NAME SCRIPT ARGUMENTS". Among the names are clamd, the path of
+# the user's own daemon and Debian's; among the arguments, the user's
+# configuration in each spelling clamd takes, and a configuration of the
+# neighbour's (c.conf) before it or instead of it.
+fake_command_lines=(
+  "|-c|$conf"
+  "clamd|-c|$conf"
+  "$fake|-c|$conf"
+  "$prefix/sbin/clamd|-c|$conf"
+  "/usr/sbin/clamd|--config-file=$conf"
+  "clamd|-c$conf"
+  "clamd|-c|$nest/x/c.conf"
+  "clamd|-c|$nest/x/c.conf|-c|$conf"
+  "$fake -c $nest/x/c.conf|-c|$conf"
+)
+for line in "${fake_command_lines[@]}"; do
+  IFS='|' read -r -a words <<<"$line"
+  if [ -z "${words[0]}" ]; then
+    account_command "$neighbour" "$fake" "${words[@]:1}"
+  else
+    account_command "$neighbour" bash -c 'exec -a "$0" /bin/sh "$@"' "${words[0]}" "$fake" "${words[@]:1}"
+  fi
+  "${account_words[@]}" &
+  disown
+done
+fakes_running() { [ "$(pgrep -c -U "${account_uid[$neighbour]}" -f -- "$fake")" -eq ${#fake_command_lines[@]} ]; }
+wait_for 30 fakes_running || fail "the neighbour's programs did not all start"
+[ "$(pgrep -c -U "${account_uid[$neighbour]}" -x clamd)" -ge 1 ] || fail "no neighbour's process is called clamd"
+
+echo "== $user's agent launches its own clamd and finds an infected file"
+start_session "$user"
+make_prefix
+chown -hR "$user:$user" "$home/.local"
+pref_as() { as_user "$user" "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
+pref_as PathToClamav -string "$prefix"
+pref_as PathToUpdateLog -string "$home/update.log"
+pref_as VelgarFolderArray -json '[{"pathName": "~/watched", "WatchSubdirs": true}]'
+start_agent_as "$user"
+logged_for "$user" "clamd launched successfully.  Continuing..." ||
+  fail "the agent took another process for its own clamd"
+eicar_as "$user" "$watched/infected.com"
+expect_logged_for "$user" 60 "$watched/infected.com$finding"
+
+# Every live clamd in the namespace must be the user's, run as the engine
+# prefix's daemon with its configuration.
+check_daemons() {
+  local pid uid args
+  while read -r pid uid args; do
+    [ "$uid" = "${account_uid[$user]}" ] && [ "$args" = "$prefix/sbin/clamd -c $conf" ] ||
+      fail "clamd $pid runs as uid $uid with the command line \"$args\""
+  done < <(clamd_processes)
+}
+check_daemons
+first_daemon=$(cat "$prefix/run/clamd.pid")
+[ -d "/proc/$first_daemon" ] || fail "the pid file of $user's clamd names no process"
+
+echo "== Its clamd killed: the relaunch is the prefix's daemon again"
+kill -KILL "$first_daemon"
+write_as "$user" "$watched/after-crash.txt" "written after the crash"
+expect_logged_for "$user" 120 "clamd appears to have died - attempting restart..." "the dead daemon was not noticed"
+relaunched() { clamd_processes | awk -v old="$first_daemon" '$1 != old {found = 1} END {exit !found}'; }
+wait_for 60 relaunched || fail "clamd was not launched again"
+check_daemons
+eicar_as "$user" "$watched/after-relaunch.com"
+expect_logged_for "$user" 120 "$watched/after-relaunch.com$finding" "no finding after the relaunch"
+
+echo "== Nobody but the neighbour ran the neighbour's programs"
+quit_agent_as "$user"
+logged_for "$user" "trying to quit clamd" || fail "the agent did not stop the clamd it launched"
+if [ -s "$foreign_runs" ]; then
+  cat "$foreign_runs"
+  fail "the neighbour's clamd ran as another user (above)"
+fi
+fakes_running || fail "the neighbour's programs did not all outlive the agent"
+echo "all neighbour checks passed"
