@@ -23,10 +23,11 @@
 #    peak.
 #
 # Memory comes from /proc/PID/status (VmRSS, VmHWM) and
-# /proc/PID/smaps_rollup (Pss; Private_Clean + Private_Dirty). The real
-# /etc/clamav, /var/lib/clamav and /run/clamav are only read (the service's
-# configuration), never written. Everything this run starts or makes
-# (daemons, accounts, folders) is removed on every exit, also on Ctrl-C.
+# /proc/PID/smaps_rollup (Pss; Private_Clean + Private_Dirty). Of the
+# system's clamd files only /etc/clamav/clamd.conf is read; nothing in
+# /etc/clamav, /var/lib/clamav or /run/clamav is written. Everything this
+# run starts or makes (daemons, accounts, folders) is removed on every exit,
+# also on Ctrl-C.
 # Root, for the accounts and for the service's switch to the clamav user.
 set -euo pipefail
 source "$(dirname "$0")/../tests/support/machine_lock.sh"
