@@ -148,7 +148,7 @@ start_agent() {
   helper_pid=$(pgrep -P "$agent_pid" -x gfslogger || true)
 }
 start_onacc() {  # start_onacc LOG
-  clamonacc -c "$work/onacc.conf" --foreground --verbose --log="$1" >"$1.out" 2>&1 &
+  clamonacc -c "$prefix/etc/clamd.conf" --foreground --verbose --log="$1" >"$1.out" 2>&1 &
   onacc_pid=$!
   wait_for 30 grep -qs 'waiting to consume events' "$1" || { echo "clamonacc did not start:"; cat "$1.out"; exit 1; }
   # Its directory marks are set by a second thread after that line.
@@ -181,9 +181,7 @@ OnAccessExcludeRootUID yes
 EOF
 printf '#!/bin/sh\nexec /usr/bin/clamdscan --config-file=%s/etc/clamd.conf "$@"\n' "$prefix" > "$prefix/bin/clamdscan"
 chmod 755 "$prefix/bin/clamdscan"
-# clamonacc reads the same file through a name without "clamd" in it: the
-# agent takes every process-list line with "clamd" in it for its daemon.
-ln -s "$prefix/etc/clamd.conf" "$work/onacc.conf"
+# clamonacc reads the same configuration as the agent's daemon.
 
 if ! wait_for 30 bash -c '! pgrep -x clamd >/dev/null && ! pgrep -x clamonacc >/dev/null'; then
   echo "another clamd or clamonacc runs on this machine; stop it first"; exit 1
