@@ -105,10 +105,12 @@ expect_logged_for() {  # expect_logged_for ACCOUNT SECONDS TEXT [WHAT]
   wait_for "$2" logged_for "$1" "$3" || fail "${4:-the log of $1 does not say \"$3\"}"
 }
 
-# Every account's log and agent output, then the end of the test.
+# Every account's log and agent output, and what the script's own
+# failure_notes function prints when it has one, then the end of the test.
 fail() {
   local account
   echo "FAIL: $*"
+  ! declare -F failure_notes >/dev/null || failure_notes
   for account in "${accounts[@]}"; do
     echo "--- scan log of $account (last 40 lines):"
     tail -n 40 "$(account_log "$account")" 2>/dev/null || true

@@ -23,6 +23,9 @@ conf=$prefix/etc/clamd.conf
 # here, which only root can read.
 foreign_runs=$shared/foreign-runs
 install -m 622 /dev/null "$foreign_runs"
+failure_notes() {
+  [ ! -s "$foreign_runs" ] || { echo "--- the neighbour's programs ran as others:"; head -n 5 "$foreign_runs"; }
+}
 
 echo "== The neighbour's programs called clamd name $user's engine"
 # The neighbour's folder, which every user can read and run programs from.
@@ -74,7 +77,13 @@ for line in "${fake_command_lines[@]}"; do
   "${account_words[@]}" &
   disown
 done
-fakes_running() { [ "$(pgrep -c -U "${account_uid[$neighbour]}" -f -- "$fake")" -eq ${#fake_command_lines[@]} ]; }
+# And a process whose argv[0] alone reads as a daemon's command line, the
+# script and the user's configuration: what a reader of the process table's
+# text, cutting it at "-c", would run as the user.
+account_command "$neighbour" bash -c 'exec -a "$0" sleep 100000' "$fake -c $conf"
+"${account_words[@]}" &
+disown
+fakes_running() { [ "$(pgrep -c -U "${account_uid[$neighbour]}" -f -- "$fake")" -eq $((${#fake_command_lines[@]} + 1)) ]; }
 wait_for 30 fakes_running || fail "the neighbour's programs did not all start"
 [ "$(pgrep -c -U "${account_uid[$neighbour]}" -x clamd)" -ge 1 ] || fail "no neighbour's process is called clamd"
 
@@ -118,9 +127,55 @@ expect_logged_for "$user" 120 "$watched/after-relaunch.com$finding" "no finding 
 echo "== Nobody but the neighbour ran the neighbour's programs"
 quit_agent_as "$user"
 logged_for "$user" "trying to quit clamd" || fail "the agent did not stop the clamd it launched"
-if [ -s "$foreign_runs" ]; then
-  cat "$foreign_runs"
-  fail "the neighbour's clamd ran as another user (above)"
-fi
+[ ! -s "$foreign_runs" ] || fail "the neighbour's clamd ran as another user"
 fakes_running || fail "the neighbour's programs did not all outlive the agent"
+
+echo "== A socket the neighbour takes over is refused, and nothing is sent to it"
+# The user's engine listens in a folder everyone may write to, where the
+# neighbour can put a socket of its own in place of the daemon's.
+sockets=$shared/sockets
+install -d -m 777 "$sockets"
+socket=$sockets/clamd.ctl
+as_user "$user" sed -i "s#^LocalSocket .*#LocalSocket $socket#" "$conf"
+start_agent_as "$user"
+eicar_as "$user" "$watched/before-takeover.com"
+expect_logged_for "$user" 60 "$watched/before-takeover.com$finding"
+# The neighbour's server writes down every request it gets, and would
+# answer PONG to a PING and OK to anything else.
+heard=$nest/heard
+account_command "$neighbour" /usr/bin/python3 -c '
+import os, socket, sys
+path, heard = sys.argv[1:]
+os.unlink(path)
+server = socket.socket(socket.AF_UNIX)
+server.bind(path)
+os.chmod(path, 0o777)
+server.listen(16)
+while True:
+    connection, _ = server.accept()
+    connection.settimeout(2)
+    try:
+        request = connection.recv(4096)
+        with open(heard, "a") as record:
+            record.write(repr(request) + "\n")
+        if request:
+            connection.sendall(b"PONG\0" if request[1:5] == b"PING" else b"stream: OK\0")
+    except OSError:
+        pass
+    connection.close()
+' "$socket" "$heard"
+"${account_words[@]}" &
+disown
+taken() { [ "$(stat -c %U "$socket" 2>/dev/null)" = "$neighbour" ]; }
+wait_for 30 taken || fail "the neighbour could not take the socket"
+eicar_as "$user" "$watched/after-takeover.com"
+expect_logged_for "$user" 60 "Refusing the clamd socket $socket: it is served by user $neighbour (uid ${account_uid[$neighbour]}), not by you, root or clamav" \
+  "the agent did not refuse the neighbour's socket, naming the neighbour"
+expect_logged_for "$user" 60 "files are not scanned: the engine's socket is not trusted"
+logged_for "$user" "$watched/after-takeover.com: OK" && fail "a file was called clean by the neighbour's server"
+expect_alive_as() { kill -0 "${account_agent[$1]}" 2>/dev/null || fail "the agent of $1 died"; }
+expect_alive_as "$user"
+quit_agent_as "$user"
+grep -v -x "b''" "$heard" && fail "the neighbour's server was sent the requests above"
+[ ! -s "$foreign_runs" ] || fail "the neighbour's clamd ran as another user"
 echo "all neighbour checks passed"
