@@ -78,11 +78,16 @@ eicar_as() { write_as "$1" "$2" "$eicar${3:-}"; }
 # The agent's resources as an installation has them: owned by root in
 # folders only root may change, gfslogger set-user-ID root, so the agent
 # watches for an ordinary user.
+# The programs go there too: the accounts cannot reach into a checkout
+# under /root (0700), and the agent finds its resources beside itself.
 install_resources() {
-  mkdir -p "$shared/share"
+  mkdir -p "$shared/share" "$shared/bin"
   cp -r "$build/share/korvane-velgar" "$resources"
-  chown -R root:root "$shared/share"
-  chmod -R go-w "$shared/share"
+  cp "$agent_bin" "$ctl" "$shared/bin/"
+  agent_bin=$shared/bin/korvane-velgar
+  ctl=$shared/bin/velgarctl
+  chown -R root:root "$shared/share" "$shared/bin"
+  chmod -R go-w "$shared/share" "$shared/bin"
   chmod 4755 "$resources/gfslogger"
 }
 
