@@ -391,7 +391,15 @@ bool KorvaneVelgar::readPrefs()
         return false;
     }
 
-    if (!checkForClamd() && !clamd_.useSystemService()) {
+    // A daemon on another machine is never launched; the system's service
+    // is used where it answers; a prefix made for the service has a stand-in
+    // of the user's own for when it does not.
+    bool engineRuns = clamd_.useRemoteEngine() || checkForClamd() || clamd_.useSystemService();
+    if (!engineRuns && clamd_.standInForService()) {
+        displayGrowlDialog(kError, localizedString("SERVICE_STANDIN"));
+        engineRuns = checkForClamd();
+    }
+    if (!engineRuns) {
         const std::string clamdPath = *clamd_.clamdPATH();
         const std::optional<std::string> configPath = clamd_.clamdConfPATH();
         nsLog("clamd not running. Now trying to launch it...\n");
@@ -496,7 +504,7 @@ void KorvaneVelgar::rotateLogFile()
                            parts_.redirectToScanLog);
 }
 
-bool KorvaneVelgar::checkForClamd() { return clamPATH_ && clamd_.checkForClamd(*clamPATH_); }
+bool KorvaneVelgar::checkForClamd() { return clamPATH_ && clamd_.ownDaemonRuns(); }
 
 bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath)
 {
@@ -505,13 +513,20 @@ bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optiona
 
 bool KorvaneVelgar::clamdStillAlive() { return clamd_.clamdStillAlive(); }
 
-bool KorvaneVelgar::clamdSocketTrusted()
+bool KorvaneVelgar::clamdSocketTrusted(const std::optional<std::string>& socket)
 {
-    const std::optional<std::string> socket = clamd_.clamdSocket();
     return !socket || clamd_.clamdController().socketPeerTrusted(*socket);
 }
 
-void KorvaneVelgar::recoverFromCrashedClamd() { clamd_.recoverFromCrashedClamd(); }
+bool KorvaneVelgar::recoverFromCrashedClamd(uint64_t generation)
+{
+    const ClamdSupervisor::Recovery recovery = clamd_.recoverFromCrashedClamd(generation);
+    // The user hears of a silent service once, when the stand-in takes over;
+    // without a stand-in the scanners' unreachable-engine alert says it once.
+    if (recovery == ClamdSupervisor::Recovery::StandInTookOver)
+        displayGrowlDialog(kError, localizedString("SERVICE_STANDIN"));
+    return recovery == ClamdSupervisor::Recovery::Relaunched;
+}
 
 void KorvaneVelgar::discernClamdSocketLocation()
 {

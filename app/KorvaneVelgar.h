@@ -125,10 +125,15 @@ public:
     bool checkForClamd();
     bool launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath);
     bool clamdStillAlive();          // any thread
-    // False, after a log line, when the engine's socket is served by another
-    // user (see ClamdCtrl). Any thread.
-    bool clamdSocketTrusted();
-    void recoverFromCrashedClamd();  // any thread
+    // False, after a log line, when a scan run's socket is served by another
+    // user (see ClamdCtrl); true without a socket (a daemon over TCP). Any
+    // thread.
+    bool clamdSocketTrusted(const std::optional<std::string>& socket);
+    // After a run that began with GENERATION lost its daemon (see
+    // ClamdSupervisor::recoverFromCrashedClamd()); notifies the user once
+    // when the stand-in takes over from the system's service. True when the
+    // user's own daemon was launched again. Any thread.
+    bool recoverFromCrashedClamd(uint64_t generation);
     void discernClamdSocketLocation();
     void noEnginePanic();            // any thread
 

@@ -1,21 +1,28 @@
 #pragma once
 
+#include "engine/ClamdConfig.h"
+
 #include <optional>
 #include <string>
 
 namespace kv {
 
 // Client for clamd's control socket: one short command over a fresh
-// UNIX-domain stream connection, one reply read and discarded.
+// UNIX-domain stream connection (or TCP connection, for a daemon on another
+// machine), one reply read and discarded.
 //
 // Only a daemon run by the user, root or the clamav system user is talked
 // to: the socket's peer is checked (SO_PEERCRED) before anything is sent,
 // so a daemon another user put at the socket's path never learns what is
 // scanned nor answers for the engine.
 //
+// Over TCP nothing tells who serves the port: a TCP engine is trusted by
+// the address the user configured, and no peer check applies.
+//
 // Stateless; any thread may call it at the same time as others. The
-// connect, the write and the read each give up after kTimeLimitSeconds, so
-// a silent server never holds a thread. Failure messages go to standard
+// connect, the write and the read each give up after kTimeLimitSeconds (and
+// over TCP so does the look-up of a host name), so a silent server never
+// holds a thread. Failure messages go to standard
 // output with a perror() line on standard error: both are the scan log.
 class ClamdCtrl {
 public:
@@ -50,6 +57,15 @@ public:
     // daemon run by root or the clamav system user, not by the user) and it
     // answers PING with PONG.
     static bool systemServiceAnswers(const std::string& pathToSocket);
+
+    // communicateWithSocket() for a daemon reached over TCP: the engine's
+    // addresses are tried in order, as clamdscan tries them. True when the
+    // command was written (whatever the reply).
+    bool communicateWithTcpEngine(const TcpEngine& engine, const std::string& command);
+
+    // True when the daemon at the TCP engine's address answers PING with
+    // PONG; otherwise *problem (when given) says what went wrong.
+    static bool tcpEngineAnswers(const TcpEngine& engine, std::string* problem = nullptr);
 };
 
 } // namespace kv

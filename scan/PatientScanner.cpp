@@ -139,11 +139,18 @@ void PatientScanner::scanBatch(Dispatcher& dispatcher)
         longPaths.push_back(path);
         return true;
     });
+    // A run that lost its daemon while another took over (the user's own
+    // standing in for the system's service) is run once more on the new one.
+    const auto scan = [this](PathsGiven given) {
+        performScan(given);
+        if (rerunOnNewEngine_)
+            performScan(given);
+    };
     if (!scanList_.empty())
-        performScan();
+        scan(PathsGiven::InListFile);
     if (!longPaths.empty()) {
         scanList_ = std::move(longPaths);
-        performScan(PathsGiven::AsArguments);
+        scan(PathsGiven::AsArguments);
     }
     scanList_.clear();
 }
@@ -152,6 +159,8 @@ void PatientScanner::takeConfigurationForRun()
 {
     runConfiguration_ = configuration();
     sawConnectionError_ = false;
+    if (korvaneVelgarController)
+        runGeneration_ = korvaneVelgarController->clamd().generation();
 }
 
 void PatientScanner::getItemsToScan(Dispatcher& dispatcher)
@@ -203,6 +212,7 @@ void PatientScanner::performScan(PathsGiven given)
     std::optional<ChildProcess> scanCheckTask;
     const std::string listPath = listFilePath();
     sawConnectionError_ = false;
+    rerunOnNewEngine_ = false;
     bool listWritten = false;
 
     try {
@@ -225,13 +235,18 @@ void PatientScanner::performScan(PathsGiven given)
             scanCommandPath = scanArguments.front();
             scanArguments.erase(scanArguments.begin());
         }
+        // The daemon of this run: while the user's own stands in for the
+        // system's service, the stand-in's clamdscan talks to it.
+        const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(scanCommandPath);
+        scanCommandPath = engine.clamdscan;
+        runGeneration_ = engine.generation;
 
         std::vector<std::string> argv{scanCommandPath};
         argv.insert(argv.end(), scanArguments.begin(), scanArguments.end());
         int launchError = 0;
         // clamdscan sends every path to whoever serves the socket: never to
         // a daemon of another user, which could read them and answer OK.
-        const bool trusted = controller.clamdSocketTrusted();
+        const bool trusted = controller.clamdSocketTrusted(engine.socket);
         if (trusted)
             scanCheckTask = ChildProcess::spawn(argv, ChildProcess::Output::Pipe, &launchError);
         if (!trusted) {
@@ -261,7 +276,8 @@ void PatientScanner::performScan(PathsGiven given)
             clientPid_ = -1;
             const int status = scanCheckTask->wait();
 
-            if (status == 2 && !controller.clamdStillAlive())
+            rerunOnNewEngine_ = sawConnectionError_ && controller.clamd().engineChangedSince(runGeneration_);
+            if (status == 2 && !controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
                 alertEngineUnreachable();
 
             if (listWritten)
@@ -357,7 +373,10 @@ void PatientScanner::logLine(const char* stamp, const std::string& line)
 
 void PatientScanner::recoverWithLine(const char* stamp)
 {
-    korvaneVelgarController->recoverFromCrashedClamd();
+    // Only a daemon of the user's own is restarted; the supervisor tells a
+    // silent service or remote daemon once, in its own words.
+    if (!korvaneVelgarController->recoverFromCrashedClamd(runGeneration_))
+        return;
     std::fprintf(stdout, "%s clamd appears to have died - attempting restart...\n", stamp);
     std::fflush(stdout);
 }

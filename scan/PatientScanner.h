@@ -3,6 +3,7 @@
 #include "platform/ChildProcess.h"
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -122,6 +123,8 @@ private:
     // Per run, worker thread only.
     Configuration runConfiguration_;
     bool sawConnectionError_ = false;
+    uint64_t runGeneration_ = 0;     // the daemon the run began with (see ClamdSupervisor)
+    bool rerunOnNewEngine_ = false;  // the run lost its daemon to a new one
 
     std::atomic<pid_t> clientPid_{-1};
     std::atomic<bool> stopRequested_{false};

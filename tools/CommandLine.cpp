@@ -12,7 +12,7 @@ namespace kv {
 const char* usageText()
 {
     return "usage: velgarctl COMMAND ...\n"
-           "  setup [--prefix DIR] [--watch DIR]... [--no-subdirs] [--own-engine]\n"
+           "  setup [--prefix DIR] [--watch DIR]... [--no-subdirs] [--own-engine | --engine HOST:PORT]\n"
            "                          build the engine prefix and write the agent's preferences\n"
            "  setup --autostart | --no-autostart\n"
            "                          start the agent at login, or stop doing so\n"

@@ -29,4 +29,6 @@ int reportFailure(const std::string& message)
 
 void printLine(const std::string& line) { writeLine(stdout, line); }
 
+void printWarning(const std::string& message) { writeLine(stderr, "velgarctl: warning: " + message); }
+
 } // namespace kv

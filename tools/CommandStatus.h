@@ -19,5 +19,8 @@ int reportFailure(const std::string& message);
 
 // Prints one line on standard output.
 void printLine(const std::string& line);
+// Prints "velgarctl: warning: <message>" as one line on standard error, for
+// a problem that does not stop the command.
+void printWarning(const std::string& message);
 
 } // namespace kv

@@ -13,6 +13,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -185,36 +186,68 @@ std::string EngineSetup::path(const std::string& relative) const { return joinPa
 
 std::string EngineSetup::foreignFile() const
 {
-    const std::string clamd = path("sbin/clamd");
-    if (existsWithoutFollowing(clamd) && linkTarget(clamd) != kDebianClamd)
-        return clamd;
-    if (pathExists(path("bin/clamdscan")) && !isOurWrapper(path("bin/clamdscan"), kDebianClamdscan))
-        return path("bin/clamdscan");
+    const EngineSetup standIn(standInPrefix());
+    for (const EngineSetup* engine : {this, &standIn}) {
+        const std::string clamd = engine->path("sbin/clamd");
+        if (existsWithoutFollowing(clamd) && linkTarget(clamd) != kDebianClamd)
+            return clamd;
+        if (pathExists(engine->path("bin/clamdscan")) && !isOurWrapper(engine->path("bin/clamdscan"), kDebianClamdscan))
+            return engine->path("bin/clamdscan");
+        if (pathExists(engine->path("etc/clamd.conf")) && !isOurConfig(engine->path("etc/clamd.conf")))
+            return engine->path("etc/clamd.conf");
+    }
     if (pathExists(path("bin/freshclam")) && !isOurWrapper(path("bin/freshclam"), kDebianFreshclam))
         return path("bin/freshclam");
-    for (const char* config : {"etc/clamd.conf", "etc/freshclam.conf"}) {
-        if (pathExists(path(config)) && !isOurConfig(path(config)))
-            return path(config);
-    }
+    if (pathExists(path("etc/freshclam.conf")) && !isOurConfig(path("etc/freshclam.conf")))
+        return path("etc/freshclam.conf");
     return {};
 }
 
-std::string EngineSetup::ownSocketPath() const
+std::string EngineSetup::ownSocketPath(const std::string& name) const
 {
     if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
-        const std::string socket = joinPath(runtime, "korvane-clamd.ctl");
+        const std::string socket = joinPath(runtime, "korvane-" + name + ".ctl");
         if (socket.size() <= kMaxSocketPathBytes)
             return socket;
     }
     const std::string socket = path("run/clamd.ctl");
     if (socket.size() <= kMaxSocketPathBytes)
         return socket;
-    return joinPath(privateTemporarySocketFolder(), "clamd.ctl");
+    return joinPath(privateTemporarySocketFolder(), name + ".ctl");
 }
 
-bool EngineSetup::install(const std::string& socket, bool passDescriptors, std::string* error) const
+bool EngineSetup::install(const Target& target, std::string* error) const
 {
-    for (const char* folder : {"bin", "sbin", "etc", "db", "run", "log"}) {
+    if (!makeDirectories(path("db"), 0755)) {
+        *error = "cannot create " + path("db") + ": " + std::strerror(errno);
+        return false;
+    }
+    // A daemon of another user (the system's service) cannot open the
+    // user's private folders: clamdscan opens each file and hands the daemon
+    // the open descriptor instead. A daemon on another machine cannot open
+    // them at all: clamdscan sends it the contents.
+    const bool remote = target.daemon == Daemon::Remote;
+    const char* clamdscanOptions = remote ? " --stream" : target.daemon == Daemon::SystemService ? " --fdpass" : "";
+    const std::string clamdConfig = remote ? remoteConfigText(target.remote) : clamdConfigText(target.socket);
+    // freshclam tells the daemon of clamd.conf to reload its definitions,
+    // but never a server that other machines share.
+    if (!installDaemon(clamdConfig, clamdscanOptions, error) ||
+        !writeFileIfChanged(path("bin/freshclam"), wrapperText(kDebianFreshclam, path("etc/freshclam.conf")), 0755, error) ||
+        !writeFileIfChanged(path("etc/freshclam.conf"), freshclamConfigText(!remote), 0644, error))
+        return false;
+
+    const EngineSetup standIn(standInPrefix());
+    if (target.daemon != Daemon::SystemService) {
+        removeStandIn();
+        return true;
+    }
+    const std::string socket = standIn.ownSocketPath("clamd-standin");
+    return standIn.installDaemon(standIn.clamdConfigText(socket, target.standInDatabase), "", error);
+}
+
+bool EngineSetup::installDaemon(const std::string& clamdConfig, const char* clamdscanOptions, std::string* error) const
+{
+    for (const char* folder : {"bin", "sbin", "etc", "run", "log"}) {
         if (!makeDirectories(path(folder), 0755)) {
             *error = "cannot create " + path(folder) + ": " + std::strerror(errno);
             return false;
@@ -225,7 +258,8 @@ bool EngineSetup::install(const std::string& socket, bool passDescriptors, std::
         *error = "cannot create " + path("tmp") + ": " + std::strerror(errno);
         return false;
     }
-    if (socket == joinPath(privateTemporarySocketFolder(), "clamd.ctl") &&
+    const std::vector<std::string> sockets = clamdOptionValues(clamdConfig, "LocalSocket");
+    if (!sockets.empty() && sockets.back().rfind(privateTemporarySocketFolder() + "/", 0) == 0 &&
         !preparePrivateFolder(privateTemporarySocketFolder(), error))
         return false;
 
@@ -234,18 +268,48 @@ bool EngineSetup::install(const std::string& socket, bool passDescriptors, std::
         *error = "cannot link " + clamd + " to " + kDebianClamd + ": " + std::strerror(errno);
         return false;
     }
-    // A daemon of another user (the system's service) cannot open the
-    // user's private folders: clamdscan opens each file and hands the daemon
-    // the open descriptor instead.
-    const std::string clamdscan =
-        wrapperText(kDebianClamdscan, path("etc/clamd.conf"), passDescriptors ? " --fdpass" : "");
-    return writeFileIfChanged(path("bin/clamdscan"), clamdscan, 0755, error) &&
-           writeFileIfChanged(path("bin/freshclam"), wrapperText(kDebianFreshclam, path("etc/freshclam.conf")), 0755, error) &&
-           writeFileIfChanged(path("etc/clamd.conf"), clamdConfigText(socket), 0644, error) &&
-           writeFileIfChanged(path("etc/freshclam.conf"), freshclamConfigText(), 0644, error);
+    return writeFileIfChanged(path("bin/clamdscan"), wrapperText(kDebianClamdscan, path("etc/clamd.conf"), clamdscanOptions),
+                              0755, error) &&
+           writeFileIfChanged(path("etc/clamd.conf"), clamdConfig, 0644, error);
 }
 
-std::string EngineSetup::clamdConfigText(const std::string& socket) const
+void EngineSetup::removeStandIn() const
+{
+    // Only what an earlier setup wrote: foreignFile() has refused anything else.
+    const EngineSetup standIn(standInPrefix());
+    if (!isOurConfig(standIn.path("etc/clamd.conf")))
+        return;
+    ::unlink(standIn.path("etc/clamd.conf").c_str());
+    if (isOurWrapper(standIn.path("bin/clamdscan"), kDebianClamdscan))
+        ::unlink(standIn.path("bin/clamdscan").c_str());
+    if (linkTarget(standIn.path("sbin/clamd")) == kDebianClamd)
+        ::unlink(standIn.path("sbin/clamd").c_str());
+    // Folders still holding something (a daemon's files) stay.
+    for (const char* folder : {"bin", "sbin", "etc", "run", "log", "tmp", ""})
+        ::rmdir(standIn.path(folder).c_str());
+}
+
+std::optional<TcpEngine> EngineSetup::configuredRemote() const
+{
+    if (!isOurConfig(path("etc/clamd.conf")))
+        return std::nullopt;
+    return tcpEngineOf(readFile(path("etc/clamd.conf")).value_or(std::string()));
+}
+
+std::string EngineSetup::remoteConfigText(const TcpEngine& remote) const
+{
+    std::string text;
+    text += std::string(kConfigMarker) + "\n";
+    text += "# Running setup again rewrites it.\n";
+    text += "# The engine is the clamd at " + remote.describe() + ", on another machine: clamdscan sends it\n";
+    text += "# each file's contents.\n";
+    text += "TCPSocket " + std::to_string(remote.port) + "\n";
+    for (const std::string& host : remote.hosts)
+        text += "TCPAddr " + host + "\n";
+    return text;
+}
+
+std::string EngineSetup::clamdConfigText(const std::string& socket, const std::string& databaseFolder) const
 {
     // The agent takes its socket from the last line that mentions the
     // socket option, so the option appears on exactly one line.
@@ -255,7 +319,7 @@ std::string EngineSetup::clamdConfigText(const std::string& socket) const
     text += "LocalSocket " + socket + "\n";
     text += "LocalSocketMode 600\n";
     text += "FixStaleSocket yes\n";
-    text += "DatabaseDirectory " + path("db") + "\n";
+    text += "DatabaseDirectory " + (databaseFolder.empty() ? path("db") : databaseFolder) + "\n";
     text += "Foreground no\n";
     text += "PidFile " + path("run/clamd.pid") + "\n";
     text += "TemporaryDirectory " + path("tmp") + "\n";
@@ -264,7 +328,7 @@ std::string EngineSetup::clamdConfigText(const std::string& socket) const
     return text;
 }
 
-std::string EngineSetup::freshclamConfigText() const
+std::string EngineSetup::freshclamConfigText(bool notifyClamd) const
 {
     std::string text;
     text += std::string(kConfigMarker) + "\n";
@@ -273,11 +337,20 @@ std::string EngineSetup::freshclamConfigText() const
     text += "DatabaseOwner " + currentUserName() + "\n";
     text += "DatabaseMirror database.clamav.net\n";
     text += "UpdateLogFile " + path("log/freshclam.log") + "\n";
-    text += "NotifyClamd " + path("etc/clamd.conf") + "\n";
+    if (notifyClamd)
+        text += "NotifyClamd " + path("etc/clamd.conf") + "\n";
     return text;
 }
 
 bool EngineSetup::hasDefinitions() const { return !signatureFiles(path("db")).empty(); }
+
+bool EngineSetup::holdsDefinitions(const std::string& folder)
+{
+    const std::vector<std::string> names = signatureFiles(folder);
+    return !names.empty() && std::all_of(names.begin(), names.end(), [&folder](const std::string& name) {
+        return ::access(joinPath(folder, name).c_str(), R_OK) == 0;
+    });
+}
 
 bool EngineSetup::hasOnlyTestDefinitions() const
 {

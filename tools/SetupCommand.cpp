@@ -1,5 +1,6 @@
 #include "tools/SetupCommand.h"
 
+#include "engine/ClamdCtrl.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "tools/AutostartEntry.h"
@@ -51,28 +52,45 @@ QJsonObject watchRecord(const std::string& folder, bool watchSubdirs)
     return QJsonObject{{"pathName", QString::fromStdString(folder)}, {"WatchSubdirs", watchSubdirs}};
 }
 
-// The socket the prefix's clamd.conf names. Where the system's clamd
-// service runs, the prefix uses it rather than start a second daemon that
-// would load a second copy of the signatures; a daemon of any other user is
-// never used.
-struct EngineSocket {
-    std::string path;
-    bool systemService = false;
-};
-
-EngineSocket chooseSocket(const EngineSetup& engine, bool ownEngine)
+// The daemon the prefix's engine uses. A daemon on another machine is
+// used when asked for, and kept when an earlier setup chose it. Where the
+// system's clamd service runs, the prefix uses it rather than start a
+// second daemon that would load a second copy of the signatures, and holds
+// a stand-in for when it is silent; a daemon of any other user is never
+// used.
+EngineSetup::Target chooseTarget(const EngineSetup& engine, bool ownEngine, const std::optional<TcpEngine>& remote)
 {
+    EngineSetup::Target target;
+    if (remote) {
+        target.daemon = EngineSetup::Daemon::Remote;
+        target.remote = *remote;
+        return target;
+    }
     if (!ownEngine) {
+        if (const std::optional<TcpEngine> configured = engine.configuredRemote()) {
+            printLine("Keeping the clamd at " + configured->describe() +
+                      " that an earlier setup chose (--own-engine runs a daemon of your own instead).");
+            target.daemon = EngineSetup::Daemon::Remote;
+            target.remote = *configured;
+            return target;
+        }
         if (const std::optional<std::string> service = systemServiceSocket()) {
             if (service->size() <= EngineSetup::kMaxSocketPathBytes) {
                 printLine("The system's clamd service answers at " + *service +
                           "; the engine uses it, passing it each file open, so private folders are scanned too "
                           "(--own-engine runs a daemon of your own instead).");
-                return {*service, true};
+                target.daemon = EngineSetup::Daemon::SystemService;
+                target.socket = *service;
+                // The stand-in loads the service's definitions, which its
+                // updater keeps current, when the user may read them.
+                const std::string database = serviceDatabaseFolder();
+                target.standInDatabase = EngineSetup::holdsDefinitions(database) ? database : engine.path("db");
+                return target;
             }
         }
     }
-    return {engine.ownSocketPath(), false};
+    target.socket = engine.ownSocketPath();
+    return target;
 }
 
 } // namespace
@@ -103,15 +121,25 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
             options->autostart = option == "--autostart";
             continue;
         }
-        if (option != "--prefix" && option != "--watch")
+        if (option != "--prefix" && option != "--watch" && option != "--engine")
             return reportBadInput("setup: unknown option \"" + argument + "\"");
+        const char* const wanted = option == "--engine" ? " needs HOST:PORT" : " needs a folder";
         if (!value) {
             if (i + 1 >= arguments.size())
-                return reportBadInput("setup: " + option + " needs a folder");
+                return reportBadInput("setup: " + option + wanted);
             value = arguments[++i];
         }
         if (value->empty())
-            return reportBadInput("setup: " + option + " needs a folder");
+            return reportBadInput("setup: " + option + wanted);
+        if (option == "--engine") {
+            if (options->engine)
+                return reportBadInput("setup: --engine given twice");
+            std::string problem;
+            options->engine = parseEngineAddress(*value, &problem);
+            if (!options->engine)
+                return reportBadInput("setup: --engine " + *value + ": " + problem);
+            continue;
+        }
         if (option == "--prefix") {
             if (options->prefix)
                 return reportBadInput("setup: --prefix given twice");
@@ -126,8 +154,11 @@ int SetupCommand::parse(const std::vector<std::string>& arguments, Options* opti
     }
     // Starting at login is a change of its own, so that a user who asks for
     // it never has the engine rebuilt or the preferences rewritten as well.
-    if (options->autostart && (options->prefix || !options->watchFolders.empty() || !options->watchSubdirs || options->ownEngine))
+    if (options->autostart &&
+        (options->prefix || !options->watchFolders.empty() || !options->watchSubdirs || options->ownEngine || options->engine))
         return reportBadInput("setup: --autostart and --no-autostart stand alone; give the other options to another setup");
+    if (options->ownEngine && options->engine)
+        return reportBadInput("setup: give --own-engine or --engine, not both");
     return kExitSuccess;
 }
 
@@ -162,7 +193,7 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
             return reportBadInput("setup: " + foreign + " was not made by velgarctl setup; choose another --prefix");
         printLine("PathToClamav names an engine installation that velgarctl did not build (" + foreign +
                   "); leaving it as it is.");
-    } else if (const int status = buildEngine(engine, options.ownEngine); status != kExitSuccess) {
+    } else if (const int status = buildEngine(engine, options); status != kExitSuccess) {
         return status;
     }
 
@@ -174,13 +205,39 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
     return kExitSuccess;
 }
 
-int SetupCommand::buildEngine(const EngineSetup& engine, bool ownEngine) const
+int SetupCommand::buildEngine(const EngineSetup& engine, const Options& options) const
 {
-    const EngineSocket socket = chooseSocket(engine, ownEngine);
+    const EngineSetup::Target target = chooseTarget(engine, options.ownEngine, options.engine);
     std::string error;
-    if (!engine.install(socket.path, socket.systemService, &error))
+    if (!engine.install(target, &error))
         return reportFailure("setup: " + error);
-    printLine("Engine prefix: " + engine.prefix() + " (clamd socket " + socket.path + ")");
+
+    if (target.daemon == EngineSetup::Daemon::Remote) {
+        const std::string where = target.remote.describe();
+        printLine("Engine prefix: " + engine.prefix() + " (the clamd at " + where + ", over TCP)");
+        printLine("Korvane Velgar sends each file's contents to the clamd at " + where +
+                  " (clamdscan --stream) and never starts or stops it; its definitions are that server's.");
+        // On this machine a port above 1023 is anyone's to take while the
+        // daemon is down, and whoever takes it is sent the user's files.
+        const std::string& host = target.remote.hosts.front();
+        const bool loopback = host == "localhost" || host == "any" || host == "::1" || host.rfind("127.", 0) == 0;
+        if (loopback && target.remote.port > 1023)
+            printWarning(host + " is this machine: while its clamd is down any user here may listen at port " +
+                         std::to_string(target.remote.port) +
+                         " and be sent your files; a daemon of your own (--own-engine) is safer.");
+        std::string problem;
+        if (ClamdCtrl::tcpEngineAnswers(target.remote, &problem))
+            printLine("The clamd at " + where + " answers.");
+        else
+            printWarning("the clamd at " + where + " does not answer (" + problem +
+                         "); the engine is set up anyway, and Korvane Velgar scans there once it answers.");
+        return kExitSuccess;
+    }
+
+    printLine("Engine prefix: " + engine.prefix() + " (clamd socket " + target.socket + ")");
+    if (target.daemon == EngineSetup::Daemon::SystemService)
+        printLine("When the service does not answer, Korvane Velgar runs a clamd of your own from " +
+                  engine.standInPrefix() + " (definitions from " + target.standInDatabase + ") until it answers again.");
 
     const std::string freshclam = engine.path("bin/freshclam");
     if (engine.hasOnlyTestDefinitions()) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/ClamdConfig.h"
+
 #include <QJsonObject>
 
 #include <optional>
@@ -11,10 +13,13 @@ namespace kv {
 class EngineSetup;
 
 // `velgarctl setup [--prefix DIR] [--watch DIR]... [--no-subdirs]
-// [--own-engine]`: builds the per-user engine prefix (see EngineSetup),
-// pointed at the system's clamd service when it runs (unless --own-engine),
-// makes sure it has virus definitions, and writes the main application's preferences the agent reads
-// at start: "PathToClamav", "PathToUpdateLog" and "VelgarFolderArray".
+// [--own-engine | --engine HOST:PORT]`: builds the per-user engine prefix
+// (see EngineSetup), pointed at a clamd on another machine (--engine, kept
+// by later setups until --own-engine), else at the system's clamd service
+// when it runs (unless --own-engine), makes sure it has virus definitions
+// (a daemon on another machine has its own), and writes the main
+// application's preferences the agent reads at start: "PathToClamav",
+// "PathToUpdateLog" and "VelgarFolderArray".
 //
 // Keys already present are kept unless the matching option was given
 // (--prefix for PathToClamav, --watch for VelgarFolderArray). Everything is
@@ -40,12 +45,13 @@ private:
         bool watchSubdirs = true;
         std::optional<bool> autostart;  // --autostart true, --no-autostart false
         bool ownEngine = false;         // a daemon of the user's own even where the system's service runs
+        std::optional<TcpEngine> engine; // --engine: a daemon on another machine
     };
 
     // Fills *options; on bad input returns the exit status to end with.
     int parse(const std::vector<std::string>& arguments, Options* options) const;
     // Builds the prefix and its definitions; reports progress on standard output.
-    int buildEngine(const EngineSetup& engine, bool ownEngine) const;
+    int buildEngine(const EngineSetup& engine, const Options& options) const;
     void updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const;
     // Writes or removes the autostart entry and nothing else.
     int changeAutostart(bool startAtLogin) const;

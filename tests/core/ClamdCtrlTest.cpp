@@ -3,7 +3,9 @@
 #include "engine/ClamdCtrl.h"
 #include "tests/support/TestSupport.h"
 
+#include <arpa/inet.h>
 #include <grp.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -14,7 +16,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -139,6 +143,111 @@ TEST(ClamdCtrl, TalksOnlyToTheUserRootOrClamav)
         EXPECT_FALSE(kv::ClamdCtrl::systemServiceAnswers(dir / "own.sock"));
     }
     EXPECT_TRUE(client.socketPeerTrusted(dir / "nothing-there.sock")) << "a dead daemon is the scan's to report";
+}
+
+// A listener on 127.0.0.1 that answers each connection's first message with
+// PONG (or with nothing) until it goes away, and keeps what it was sent.
+class TcpListener {
+public:
+    explicit TcpListener(bool answer)
+    {
+        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        ::listen(fd_, 4);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this, answer] {
+            for (;;) {
+                const int client = ::accept(fd_, nullptr, nullptr);
+                if (client < 0)
+                    return;
+                char buffer[16] = {};
+                const ssize_t got = ::read(client, buffer, sizeof buffer);
+                {
+                    std::lock_guard<std::mutex> guard(mutex_);
+                    received_.emplace_back(buffer, static_cast<size_t>(std::max<ssize_t>(0, got)));
+                }
+                if (answer)
+                    (void)!::send(client, "PONG", 5, MSG_NOSIGNAL);
+                ::close(client);
+            }
+        });
+    }
+    ~TcpListener()
+    {
+        ::shutdown(fd_, SHUT_RDWR);
+        thread_.join();
+        ::close(fd_);
+    }
+    uint16_t port() const { return port_; }
+    std::vector<std::string> received() const
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return received_;
+    }
+
+private:
+    int fd_ = -1;
+    uint16_t port_ = 0;
+    mutable std::mutex mutex_;
+    std::vector<std::string> received_;  // guarded by mutex_
+    std::thread thread_;
+};
+
+struct TcpCase {
+    const char* name;
+    std::vector<std::string> hosts;
+    bool closedPort;  // a port nothing listens on instead of the listener's
+    bool written;
+    bool answers;
+    const char* problem;  // what follows the failing address in the failure lines
+};
+
+// The same exchange over TCP: addresses tried in order, as clamdscan does,
+// and a clear failure naming the engine when none answers.
+TEST(ClamdCtrl, ExchangesOverTcp)
+{
+    const uint16_t closed = kvtest::freeTcpPort();
+    const std::vector<TcpCase> cases = {
+        {"numeric address", {"127.0.0.1"}, false, true, true, ""},
+        {"this machine", {"any"}, false, true, true, ""},
+        {"host name", {"localhost"}, false, true, true, ""},
+        {"refused", {"127.0.0.1"}, true, false, false, ": Connection refused"},
+        {"unknown host", {"scanner.invalid"}, false, false, false, ": "},
+        {"first unknown, second answers", {"scanner.invalid", "127.0.0.1"}, false, true, true, ""},
+    };
+    for (const TcpCase& c : cases) {
+        TcpListener listener(true);
+        const kv::TcpEngine engine{c.hosts, c.closedPort ? closed : listener.port()};
+        kv::ClamdCtrl client;
+        bool written = false;
+        const std::string streams =
+            kvtest::captureStandardStreams([&] { written = client.communicateWithTcpEngine(engine, "PING"); });
+        EXPECT_EQ(written, c.written) << c.name << ": " << streams;
+        std::string problem;
+        EXPECT_EQ(kv::ClamdCtrl::tcpEngineAnswers(engine, &problem), c.answers) << c.name << ": " << problem;
+        if (c.written) {
+            ASSERT_FALSE(listener.received().empty()) << c.name;
+            EXPECT_EQ(listener.received().front(), std::string("PING\0\0", 6)) << c.name;
+            EXPECT_EQ(listener.received().back(), std::string("zPING\0", 6)) << c.name;
+        } else {
+            const std::string expected = (c.closedPort ? engine.describe() : c.hosts.front()) + c.problem;
+            EXPECT_NE(streams.find("Error, can't connect to clamd at " + engine.describe() + ".\n"), std::string::npos)
+                << c.name << ": " << streams;
+            EXPECT_NE(streams.find(expected), std::string::npos) << c.name << ": " << streams;
+            EXPECT_NE(problem.find(expected), std::string::npos) << c.name << ": " << problem;
+        }
+    }
+
+    // A listener that takes the message and hangs up without a word.
+    TcpListener silent(false);
+    std::string problem;
+    EXPECT_FALSE(kv::ClamdCtrl::tcpEngineAnswers({{"127.0.0.1"}, silent.port()}, &problem));
+    EXPECT_NE(problem.find("no PONG"), std::string::npos) << problem;
 }
 
 TEST(ClamdCtrl, ASilentServerDoesNotHoldTheCaller)

@@ -43,6 +43,92 @@ TEST(ClamdConfig, LocalSocketDirectiveParsing)
         EXPECT_EQ(kv::lastLocalSocket(c.text), c.expected) << c.name;
 }
 
+struct TcpEngineCase {
+    const char* name;
+    std::string text;
+    std::optional<kv::TcpEngine> expected;
+};
+
+// What clamdscan would do with the configuration: stream to a TCP address
+// only when no local socket is named.
+TEST(ClamdConfig, TcpEngineIsReadAsClamdscanReadsIt)
+{
+    const std::vector<TcpEngineCase> cases = {
+        {"port and address", "TCPSocket 3310\nTCPAddr 10.0.0.5\n", kv::TcpEngine{{"10.0.0.5"}, 3310}},
+        {"addresses kept in order, last port wins",
+         "TCPSocket 1\nTCPAddr a.example\nTCPAddr ::1\nTCPSocket 3310\n",
+         kv::TcpEngine{{"a.example", "::1"}, 3310}},
+        {"blanks, tabs and CRLF around values", "  TCPSocket\t3310 \r\nTCPAddr   scan.example  \r\n",
+         kv::TcpEngine{{"scan.example"}, 3310}},
+        {"a local socket wins over TCP", "TCPSocket 3310\nTCPAddr 10.0.0.5\nLocalSocket /run/c.ctl\n", std::nullopt},
+        {"a commented local socket does not", "#LocalSocket /run/c.ctl\nTCPSocket 3310\nTCPAddr h\n",
+         kv::TcpEngine{{"h"}, 3310}},
+        {"commented port", "# TCPSocket 3310\nTCPAddr h\n", std::nullopt},
+        {"no address: clamdscan would try nothing", "TCPSocket 3310\n", std::nullopt},
+        {"port 0", "TCPSocket 0\nTCPAddr h\n", std::nullopt},
+        {"port above 65535", "TCPSocket 65536\nTCPAddr h\n", std::nullopt},
+        {"port not a number", "TCPSocket http\nTCPAddr h\n", std::nullopt},
+        {"option name must match whole", "TCPSocketX 3310\nTCPAddrX h\n", std::nullopt},
+        {"nothing", "", std::nullopt},
+    };
+    for (const TcpEngineCase& c : cases)
+        EXPECT_EQ(kv::tcpEngineOf(c.text), c.expected) << c.name;
+    EXPECT_EQ((kv::TcpEngine{{"::1"}, 3310}).describe(), "[::1]:3310");
+    EXPECT_EQ((kv::TcpEngine{{"scan.example", "b"}, 1}).describe(), "scan.example:1");
+}
+
+struct AddressCase {
+    const char* text;
+    std::optional<kv::TcpEngine> expected;
+    const char* errorHas;  // part of the message when refused
+};
+
+TEST(ClamdConfig, EngineAddressGivenToSetup)
+{
+    const std::vector<AddressCase> cases = {
+        {"scan.example.com:3310", kv::TcpEngine{{"scan.example.com"}, 3310}, ""},
+        {"scanner:1", kv::TcpEngine{{"scanner"}, 1}, ""},
+        {"192.168.1.20:65535", kv::TcpEngine{{"192.168.1.20"}, 65535}, ""},
+        {"[::1]:3310", kv::TcpEngine{{"::1"}, 3310}, ""},
+        {"[2001:db8::7]:3310", kv::TcpEngine{{"2001:db8::7"}, 3310}, ""},
+        {"a-b.c9:3310", kv::TcpEngine{{"a-b.c9"}, 3310}, ""},
+        {"scanner", std::nullopt, "give HOST:PORT"},
+        {":3310", std::nullopt, "no host"},
+        {"scanner:", std::nullopt, "from 1 to 65535"},
+        {"scanner:0", std::nullopt, "from 1 to 65535"},
+        {"scanner:65536", std::nullopt, "from 1 to 65535"},
+        {"scanner:+3310", std::nullopt, "from 1 to 65535"},
+        {"scanner:33 10", std::nullopt, "from 1 to 65535"},
+        {"::1:3310", std::nullopt, "in brackets"},
+        {"[::1]", std::nullopt, "give a port"},
+        {"[::1:3310", std::nullopt, "lacks its \"]\""},
+        {"[10.0.0.1]:3310", std::nullopt, "not an IPv6 address"},
+        {"[fe80::1%eth0]:3310", std::nullopt, "not an IPv6 address"},
+        {"256.1.1.1:3310", std::nullopt, "not an IPv4 address"},
+        {"10.0.1:3310", std::nullopt, "not an IPv4 address"},
+        {"-scanner:3310", std::nullopt, "hyphen"},
+        {"scanner-.example:3310", std::nullopt, "hyphen"},
+        {"scan..example:3310", std::nullopt, "empty label"},
+        {"scan.example.:3310", std::nullopt, "empty label"},
+        {"scan_ner:3310", std::nullopt, "\"_\""},
+        {"scan\nTCPAddr evil:3310", std::nullopt, "not a letter, digit, hyphen or dot"},
+        {"scan#x:3310", std::nullopt, "not a letter, digit, hyphen or dot"},
+    };
+    for (const AddressCase& c : cases) {
+        std::string error;
+        EXPECT_EQ(kv::parseEngineAddress(c.text, &error), c.expected) << c.text;
+        EXPECT_NE(error.find(c.errorHas), std::string::npos) << c.text << ": " << error;
+    }
+    std::string error;
+    EXPECT_FALSE(kv::parseEngineAddress(std::string(64, 'a') + ".example:3310", &error));
+    EXPECT_NE(error.find("63"), std::string::npos) << error;
+    std::string longName;
+    for (int i = 0; i < 64; ++i)
+        longName += "abc.";
+    EXPECT_FALSE(kv::parseEngineAddress(longName + "example:3310", &error));
+    EXPECT_NE(error.find("253"), std::string::npos) << error;
+}
+
 TEST(ClamdConfig, ReaderAcceptsUtf8AndRefusesOtherBytes)
 {
     kvtest::TempDir dir;
@@ -98,6 +184,32 @@ TEST(ClamdSupervisor, SocketComesFromThePrefixAndFallsBackToThePrivateFolder)
     supervisor.useEnginePrefix(std::nullopt);
     EXPECT_EQ(supervisor.clamdPATH(), std::nullopt);
     EXPECT_EQ(supervisor.clamdConfPATH(), std::nullopt);
+}
+
+// A prefix naming a daemon over TCP: nothing to launch, no socket to fall
+// back to, and its runs go out without a socket for the peer check.
+TEST(ClamdSupervisor, RemoteEngineNeedsNoSocket)
+{
+    kvtest::TempDir dir;
+    kvtest::LogCapture log;
+    kv::ClamdSupervisor supervisor;
+    supervisor.useEnginePrefix(dir.path());
+    kvtest::writeFile(dir / "etc/clamd.conf", "TCPSocket 3310\nTCPAddr 10.0.0.5\n");
+    ASSERT_TRUE(supervisor.useRemoteEngine());
+    EXPECT_TRUE(log.contains("Using the clamd at 10.0.0.5:3310 over TCP"));
+    EXPECT_EQ(supervisor.engine(), kv::ClamdSupervisor::Engine::Remote);
+    supervisor.discernClamdSocketLocation(dir / "private/");
+    EXPECT_FALSE(log.contains("_clamdSocket == nil"));
+    EXPECT_EQ(supervisor.clamdSocket(), std::nullopt);
+    const kv::ClamdSupervisor::RunEngine run = supervisor.engineForRun(dir / "bin/clamdscan");
+    EXPECT_EQ(run.clamdscan, dir / "bin/clamdscan");
+    EXPECT_EQ(run.socket, std::nullopt);
+
+    // A local socket in the same file is what clamdscan would use.
+    kvtest::writeFile(dir / "etc/clamd.conf", "TCPSocket 3310\nTCPAddr 10.0.0.5\nLocalSocket /run/c.ctl\n");
+    supervisor.useEnginePrefix(dir.path());
+    EXPECT_FALSE(supervisor.useRemoteEngine());
+    EXPECT_EQ(supervisor.engine(), kv::ClamdSupervisor::Engine::Own);
 }
 
 struct OwnClamdCase {

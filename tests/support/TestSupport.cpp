@@ -2,8 +2,10 @@
 
 #include "engine/ClamdCtrl.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -361,7 +363,7 @@ std::string sourceRoot()
 }
 } // namespace
 
-EnginePrefix::EnginePrefix()
+EnginePrefix::EnginePrefix(EngineOptions options) : options_(std::move(options))
 {
     const std::string root = dir_.path();
     std::filesystem::create_directories(root + "/bin");
@@ -370,8 +372,24 @@ EnginePrefix::EnginePrefix()
     std::filesystem::create_directories(root + "/db");
     std::filesystem::create_symlink("/usr/sbin/clamd", root + "/sbin/clamd");
     writeFile(root + "/db/korvane-test.ndb", readFile(sourceRoot() + "/resources/clamav/korvane-test.ndb"));
-    writeFile(config(), "LocalSocket " + socket() + "\nDatabaseDirectory " + root + "/db\nPidFile " + pidFile() +
-                            "\nForeground no\nLogFile " + root + "/clamd.log\nTemporaryDirectory /tmp\n");
+    std::string listen = "LocalSocket " + socket() + "\n";
+    if (options_.tcpPort)
+        listen = "TCPSocket " + std::to_string(*options_.tcpPort) + "\nTCPAddr 127.0.0.1\n";
+    std::string logFile = root + "/clamd.log";
+    if (options_.user) {
+        // The daemon drops to the user before it binds its socket and opens
+        // its log: both live in run/, the user's; the database is readable.
+        const passwd* account = ::getpwnam(options_.user->c_str());
+        if (!account)
+            throw std::runtime_error("no user " + *options_.user);
+        ::chmod(root.c_str(), 0755);
+        if (::chown((root + "/run").c_str(), account->pw_uid, account->pw_gid) != 0)
+            throw std::runtime_error("cannot give " + root + "/run to " + *options_.user);
+        listen += "LocalSocketMode 666\nUser " + *options_.user + "\n";
+        logFile = root + "/run/clamd.log";
+    }
+    writeFile(config(), listen + "DatabaseDirectory " + root + "/db\nPidFile " + pidFile() +
+                            "\nForeground no\nLogFile " + logFile + "\nTemporaryDirectory /tmp\n");
     writeFile(root + "/bin/clamdscan",
               "#!/bin/sh\nexec /usr/bin/clamdscan --config-file=" + config() + " \"$@\"\n", 0755);
 }
@@ -391,7 +409,42 @@ bool EnginePrefix::startDaemon()
     const std::string command = path() + "/sbin/clamd -c " + config() + " >/dev/null 2>&1";
     if (std::system(command.c_str()) != 0)
         return false;
-    return waitFor([this] { return daemonRunning() && socketAccepts(socket()); }, 15000);
+    return waitFor([this] { return daemonRunning() && accepts(); }, 15000);
+}
+
+bool EnginePrefix::accepts() const
+{
+    if (!options_.tcpPort)
+        return socketAccepts(socket());
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(*options_.tcpPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return accepted;
+}
+
+uint16_t freeTcpPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        ::close(fd);
+        throw std::runtime_error("no free TCP port");
+    }
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+std::vector<std::string> besideServiceConfiguredBy(const std::string& config)
+{
+    return {"unshare", "--mount", "sh", "-c", "mount --bind \"$0\" /etc/clamav/clamd.conf && exec \"$@\"", config};
 }
 
 bool socketAccepts(const std::string& path)

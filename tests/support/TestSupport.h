@@ -15,6 +15,7 @@
 
 #include <QJsonObject>
 
+#include <cstdint>
 #include <functional>
 
 #include <map>
@@ -187,13 +188,23 @@ private:
 // The 68-byte EICAR test string.
 std::string eicar();
 
+// How an EnginePrefix's daemon runs.
+struct EngineOptions {
+    // Listen on 127.0.0.1 at this port instead of the socket, as a scanning
+    // server on another machine would.
+    std::optional<uint16_t> tcpPort;
+    // The daemon's "User": started as root it runs as this account, as the
+    // system's service runs as clamav. Its folders are made reachable for it.
+    std::optional<std::string> user;
+};
+
 // An engine prefix laid out as the agent expects it (bin/clamdscan,
 // sbin/clamd, etc/clamd.conf, a database with the EICAR signature) whose
-// daemon listens on a socket inside the prefix. The daemon is stopped when
-// the object goes away if it still runs.
+// daemon listens on a socket inside the prefix (or on TCP). The daemon is
+// stopped when the object goes away if it still runs.
 class EnginePrefix {
 public:
-    EnginePrefix();
+    explicit EnginePrefix(EngineOptions options = {});
     ~EnginePrefix();
     const std::string& path() const { return dir_.path(); }
     std::string socket() const { return dir_.path() + "/run/clamd.ctl"; }
@@ -206,10 +217,22 @@ public:
     void stopDaemon();
     // The daemon's pid from its pid file, or -1.
     int daemonPid() const;
+    // Whether the daemon accepts connections, on its socket or its port.
+    bool accepts() const;
 
 private:
     TempDir dir_;
+    EngineOptions options_;
 };
+
+// A TCP port on 127.0.0.1 that nothing listened on a moment ago.
+uint16_t freeTcpPort();
+
+// The start of a command line that runs a program in a mount namespace of
+// its own where /etc/clamav/clamd.conf, the configuration the system's clamd
+// service is known by, is CONFIG: a test's stand-in service is then the
+// system's service for that program, and for nothing else on the machine.
+std::vector<std::string> besideServiceConfiguredBy(const std::string& config);
 
 // True when no process (not even a zombie) has the pid.
 bool processGone(int pid);

@@ -1,6 +1,7 @@
 #include "VelgarctlHarness.h"
 #include "engine/ClamdConfig.h"
 #include "engine/ClamdCtrl.h"
+#include "tests/support/TestSupport.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -182,6 +183,151 @@ TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixKeepsI
     EXPECT_EQ(scan.exitCode(), 1) << output;
     EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
     EXPECT_NE(output.find(home() + "/clean.txt: OK\n"), std::string::npos) << output;
+}
+
+struct RefusedCase {
+    std::vector<std::string> arguments;
+    const char* says;
+};
+
+TEST_F(VelgarctlSetup, EngineAddressIsCheckedBeforeAnythingIsWritten)
+{
+    const std::vector<RefusedCase> cases = {
+        {{"--engine"}, "--engine needs HOST:PORT"},
+        {{"--engine="}, "--engine needs HOST:PORT"},
+        {{"--engine", "scanner"}, "--engine scanner: give HOST:PORT"},
+        {{"--engine", "::1:3310"}, "in brackets"},
+        {{"--engine=[::1]"}, "give a port"},
+        {{"--engine", "scanner:70000"}, "from 1 to 65535"},
+        {{"--engine", "scan..example:3310"}, "empty label"},
+        {{"--engine", "a:1", "--engine", "b:1"}, "--engine given twice"},
+        {{"--engine", "a:1", "--own-engine"}, "give --own-engine or --engine, not both"},
+        {{"--engine", "a:1", "--autostart"}, "stand alone"},
+    };
+    for (const RefusedCase& c : cases) {
+        std::vector<std::string> arguments{"setup"};
+        arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
+        const CommandResult result = runVelgarctl(arguments);
+        EXPECT_EQ(result.status, 2) << c.says;
+        EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    EXPECT_TRUE(snapshotFiles(home()).empty());
+}
+
+TEST_F(VelgarctlSetup, RemoteEngineIsStreamedToAndKeptByLaterSetups)
+{
+    // The server runs as clamav and cannot read the user's home: it finds
+    // the file only in what clamdscan streams to it.
+    const uint16_t port = kvtest::freeTcpPort();
+    kvtest::EnginePrefix server({.tcpPort = port, .user = "clamav"});
+    ASSERT_TRUE(server.startDaemon());
+    const std::string address = "127.0.0.1:" + std::to_string(port);
+    const std::string prefix = prefixWithDefinitions();
+
+    const CommandResult result = runVelgarctl({"setup", "--prefix", prefix, "--engine", address});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("the clamd at " + address + ", over TCP"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("The clamd at " + address + " answers."), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("freshclam"), std::string::npos) << "the server's definitions are its own";
+    EXPECT_NE(result.err.find("warning: 127.0.0.1 is this machine: while its clamd is down any user here may listen"),
+              std::string::npos)
+        << result.err;
+    const std::string config = readFile(prefix + "/etc/clamd.conf");
+    EXPECT_EQ(kv::tcpEngineOf(config), (kv::TcpEngine{{"127.0.0.1"}, port})) << config;
+    EXPECT_EQ(readFile(prefix + "/bin/clamdscan"),
+              "#!/bin/sh\nexec /usr/bin/clamdscan --config-file=" + prefix + "/etc/clamd.conf --stream \"$@\"\n");
+    EXPECT_EQ(readFile(prefix + "/etc/freshclam.conf").find("NotifyClamd"), std::string::npos)
+        << "an update here never makes the shared server reload";
+
+    writeFile(home() + "/eicar.com", kEicar);
+    QProcess scan;
+    scan.start(QString::fromStdString(prefix + "/bin/clamdscan"), {"--stdout", QString::fromStdString(home() + "/eicar.com")});
+    ASSERT_TRUE(scan.waitForFinished(30000));
+    const std::string output = scan.readAllStandardOutput().toStdString();
+    EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
+
+    // A later setup keeps the server; --own-engine leaves it.
+    const auto before = snapshotFiles(home());
+    const CommandResult again = runVelgarctl({"setup"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_NE(again.out.find("Keeping the clamd at " + address), std::string::npos) << again.out;
+    EXPECT_EQ(snapshotFiles(home()), before);
+
+    server.stopDaemon();
+    const CommandResult silent = runVelgarctl({"setup", "--engine", address});
+    EXPECT_EQ(silent.status, 0) << "a server that is down today is still the one to use";
+    EXPECT_NE(silent.err.find("velgarctl: warning: the clamd at " + address + " does not answer (" + address +
+                              ": Connection refused)"),
+              std::string::npos)
+        << silent.err;
+
+    ASSERT_EQ(runVelgarctl({"setup", "--own-engine"}).status, 0);
+    EXPECT_EQ(kv::tcpEngineOf(readFile(prefix + "/etc/clamd.conf")), std::nullopt);
+    EXPECT_EQ(readFile(prefix + "/bin/clamdscan").find("--stream"), std::string::npos);
+}
+
+TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
+{
+    kvtest::EnginePrefix service({.tcpPort = std::nullopt, .user = "clamav"});
+    ASSERT_TRUE(service.startDaemon());
+    const std::string prefix = prefixWithDefinitions();
+    const auto besideService = [&](const std::string& config, std::vector<std::string> arguments) {
+        std::vector<std::string> argv = kvtest::besideServiceConfiguredBy(config);
+        argv.push_back(VELGARCTL_PATH);
+        argv.push_back("setup");
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
+    };
+
+    const CommandResult result = besideService(service.config(), {"--prefix", prefix});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const std::string standIn = prefix + "/standin";
+    EXPECT_NE(result.out.find("The system's clamd service answers at " + service.socket()), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("runs a clamd of your own from " + standIn + " (definitions from " + service.path() + "/db)"),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), service.socket());
+    EXPECT_NE(readFile(prefix + "/bin/clamdscan").find(" --fdpass "), std::string::npos);
+    const std::string standInConfig = readFile(standIn + "/etc/clamd.conf");
+    const std::string standInSocket = home() + "/run/korvane-clamd-standin.ctl";
+    EXPECT_EQ(configValue(standInConfig, "LocalSocket"), standInSocket) << standInConfig;
+    EXPECT_EQ(configValue(standInConfig, "DatabaseDirectory"), service.path() + "/db") << standInConfig;
+    EXPECT_EQ(QFile::symLinkTarget(QString::fromStdString(standIn + "/sbin/clamd")), "/usr/sbin/clamd");
+
+    // The stand-in is a working engine of the user's own.
+    QDir().mkpath(QString::fromStdString(home() + "/run"));
+    ASSERT_EQ(QProcess::execute(QString::fromStdString(standIn + "/sbin/clamd"),
+                                {"-c", QString::fromStdString(standIn + "/etc/clamd.conf")}), 0);
+    {
+        DaemonGuard daemon(standIn + "/run/clamd.pid", standInSocket);
+        writeFile(home() + "/eicar.com", kEicar);
+        QProcess scan;
+        scan.start(QString::fromStdString(standIn + "/bin/clamdscan"), {"--stdout", QString::fromStdString(home() + "/eicar.com")});
+        ASSERT_TRUE(scan.waitForFinished(30000));
+        const std::string output = scan.readAllStandardOutput().toStdString();
+        EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
+    }
+
+    // Setup again changes nothing; a service whose definitions the user
+    // cannot use leaves the stand-in the prefix's own.
+    const auto before = snapshotFiles(prefix);
+    EXPECT_EQ(besideService(service.config(), {}).status, 0);
+    EXPECT_EQ(snapshotFiles(prefix), before);
+    const std::string emptyDatabase = home() + "/service-db";
+    QDir().mkpath(QString::fromStdString(emptyDatabase));
+    writeFile(home() + "/service.conf", "LocalSocket " + service.socket() + "\nDatabaseDirectory " + emptyDatabase + "\n");
+    const std::string second = prefixWithDefinitions("second");
+    ASSERT_EQ(besideService(home() + "/service.conf", {"--prefix", second}).status, 0);
+    EXPECT_EQ(configValue(readFile(second + "/standin/etc/clamd.conf"), "DatabaseDirectory"), second + "/db");
+
+    // A daemon of the user's own has nothing to stand in for; the stand-in's
+    // log is kept.
+    ASSERT_EQ(runVelgarctl({"setup", "--prefix", prefix, "--own-engine"}).status, 0);
+    for (const char* gone : {"/etc/clamd.conf", "/bin/clamdscan", "/sbin/clamd", "/etc", "/bin"})
+        EXPECT_FALSE(QFileInfo::exists(QString::fromStdString(standIn + gone))) << gone;
+    EXPECT_TRUE(QFileInfo::exists(QString::fromStdString(standIn + "/log/clamd.log")));
+    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), home() + "/run/korvane-clamd.ctl");
 }
 
 // velgarctl copied, with a stand-in agent beside it, into a folder whose
