@@ -101,6 +101,11 @@ grep -qF "${account_home[$second]}" "$(account_log "$first")" && fail "the log o
 grep -qF "${account_home[$first]}" "$(account_log "$second")" && fail "the log of $second names files of $first"
 
 # only_the_service: no clamd in the namespace but the service.
+only_the_service_quietly() {
+  local daemons
+  daemons=$(clamd_processes)
+  [ "${daemons%% *}" = "$service_pid" ] && [ "$(wc -l <<<"$daemons")" -eq 1 ]
+}
 only_the_service() {
   local daemons
   daemons=$(clamd_processes)
@@ -125,7 +130,7 @@ done
 answers || fail "the service ($service_pid) no longer answers PING after the agents quit: $(ping_service 2>&1)"
 only_the_service
 
-echo "== The service stopped while both agents watch: neither starts a daemon"
+echo "== The service stopped while both agents watch: each user's own clamd stands in, then steps back"
 for account in "$first" "$second"; do start_agent_as "$account"; done
 kill -TERM "$service_pid"
 status=0
@@ -133,18 +138,40 @@ wait "$service_pid" || status=$?
 [ $status -eq 0 ] || fail "the service ended with status $status"
 for account in "$first" "$second"; do
   eicar_as "$account" "${account_home[$account]}/watched/while-stopped.com"
-  expect_logged_for "$account" 120 "The system's clamd service does not answer at $socket; it is left to the system to restart it" \
-    "the agent of $account did not say that the service does not answer"
+  expect_logged_for "$account" 120 \
+    "The system's clamd service does not answer at $socket; your own clamd stands in until it answers again" \
+    "the agent of $account did not say that its own clamd stands in for the service"
+  expect_logged_for "$account" 120 "${account_home[$account]}/watched/while-stopped.com$finding" \
+    "the file $account wrote while the service was stopped was not found"
 done
-[ -z "$(clamd_processes)" ] || fail "a clamd runs while the service is stopped: $(clamd_processes)"
+# Each stand-in is its user's own daemon, launched from that user's prefix.
+while read -r pid uid arguments; do
+  case " $uid " in
+    " ${account_uid[$first]} " | " ${account_uid[$second]} ") ;;
+    *) fail "a clamd of uid $uid runs while the service is stopped: $arguments" ;;
+  esac
+  [[ $arguments == */standin/* ]] || fail "a clamd that is no stand-in runs while the service is stopped: $arguments"
+done < <(clamd_processes)
+[ "$(clamd_processes | wc -l)" -eq 2 ] || fail "not one stand-in for each user: $(clamd_processes)"
+
 /usr/sbin/clamd --foreground=true >>"$work/service.out" 2>&1 &
 service_pid=$!
 wait_for 60 answers || fail "the service did not start again"
+# The agents look at the service again before a scan, at most every few
+# seconds: new files until both have gone back to it.
+back_to_service() {
+  local account=$1
+  files=$((files + 1))
+  eicar_as "$account" "${account_home[$account]}/watched/after-service-restart-$files.com"
+  wait_for 2 logged_for "$account" "The system's clamd service answers again at $socket"
+}
+files=0
 for account in "$first" "$second"; do
-  eicar_as "$account" "${account_home[$account]}/watched/after-service-restart.com"
-  expect_logged_for "$account" 120 "${account_home[$account]}/watched/after-service-restart.com$finding" \
+  wait_for 120 back_to_service "$account" || fail "the agent of $account did not go back to the service"
+  expect_logged_for "$account" 60 "${account_home[$account]}/watched/after-service-restart-$files.com$finding" \
     "the agent of $account finds nothing once the service is back"
 done
+wait_for 30 only_the_service_quietly || only_the_service
 for account in "$first" "$second"; do quit_agent_as "$account"; done
 answers || fail "the service ($service_pid) no longer answers PING after the agents quit"
 only_the_service
