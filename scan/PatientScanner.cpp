@@ -140,7 +140,9 @@ void PatientScanner::scanBatch(Dispatcher& dispatcher)
         return true;
     });
     // A run that lost its daemon while another took over (the user's own
-    // standing in for the system's service) is run once more on the new one.
+    // standing in for the system's service), or while the user's own was
+    // launched again, is run once more on the new one: the files it held
+    // were never scanned.
     const auto scan = [this](PathsGiven given) {
         performScan(given);
         if (rerunOnNewEngine_)
@@ -213,6 +215,7 @@ void PatientScanner::performScan(PathsGiven given)
     const std::string listPath = listFilePath();
     sawConnectionError_ = false;
     rerunOnNewEngine_ = false;
+    relaunchedInRun_ = false;
     bool listWritten = false;
 
     try {
@@ -276,7 +279,8 @@ void PatientScanner::performScan(PathsGiven given)
             clientPid_ = -1;
             const int status = scanCheckTask->wait();
 
-            rerunOnNewEngine_ = sawConnectionError_ && controller.clamd().engineChangedSince(runGeneration_);
+            rerunOnNewEngine_ =
+                sawConnectionError_ && (relaunchedInRun_ || controller.clamd().engineChangedSince(runGeneration_));
             if (status == 2 && !controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
                 alertEngineUnreachable();
 
@@ -377,6 +381,7 @@ void PatientScanner::recoverWithLine(const char* stamp)
     // silent service or remote daemon once, in its own words.
     if (!korvaneVelgarController->recoverFromCrashedClamd(runGeneration_))
         return;
+    relaunchedInRun_ = true;
     std::fprintf(stdout, "%s clamd appears to have died - attempting restart...\n", stamp);
     std::fflush(stdout);
 }

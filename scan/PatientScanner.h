@@ -125,6 +125,7 @@ private:
     bool sawConnectionError_ = false;
     uint64_t runGeneration_ = 0;     // the daemon the run began with (see ClamdSupervisor)
     bool rerunOnNewEngine_ = false;  // the run lost its daemon to a new one
+    bool relaunchedInRun_ = false;   // the run's daemon died and was launched again
 
     std::atomic<pid_t> clientPid_{-1};
     std::atomic<bool> stopRequested_{false};

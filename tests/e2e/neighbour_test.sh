@@ -116,11 +116,13 @@ first_daemon=$(cat "$prefix/run/clamd.pid")
 
 echo "== Its clamd killed: the relaunch is the prefix's daemon again"
 kill -KILL "$first_daemon"
-write_as "$user" "$watched/after-crash.txt" "written after the crash"
+eicar_as "$user" "$watched/after-crash.com"
 expect_logged_for "$user" 120 "clamd appears to have died - attempting restart..." "the dead daemon was not noticed"
 relaunched() { clamd_processes | awk -v old="$first_daemon" '$1 != old {found = 1} END {exit !found}'; }
 wait_for 60 relaunched || fail "clamd was not launched again"
 check_daemons
+# The batch that found the daemon dead is scanned again on the new one.
+expect_logged_for "$user" 120 "$watched/after-crash.com$finding" "the file written while clamd was dead was never scanned"
 eicar_as "$user" "$watched/after-relaunch.com"
 expect_logged_for "$user" 120 "$watched/after-relaunch.com$finding" "no finding after the relaunch"
 
