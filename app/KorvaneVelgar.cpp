@@ -515,7 +515,10 @@ bool KorvaneVelgar::clamdStillAlive() { return clamd_.clamdStillAlive(); }
 
 bool KorvaneVelgar::clamdSocketTrusted(const std::optional<std::string>& socket)
 {
-    return !socket || clamd_.clamdController().socketPeerTrusted(*socket);
+    if (socket)
+        return clamd_.clamdController().socketPeerTrusted(*socket);
+    const std::optional<TcpEngine> remote = clamd_.remoteEngine();
+    return !remote || clamd_.clamdController().tcpEnginePeerTrusted(*remote);
 }
 
 bool KorvaneVelgar::recoverFromCrashedClamd(uint64_t generation)

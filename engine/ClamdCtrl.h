@@ -48,10 +48,22 @@ public:
     static std::string untrustedPeer(int socketFd);
 
     // Connects to the socket and checks its peer, sending nothing. True
-    // when the peer is trusted or nothing answers at all (the daemon is
-    // down, which the scan itself reports); false, after a log line, for a
-    // socket another user serves.
+    // when the peer is trusted, or when nothing answers (the daemon is down,
+    // which the scan itself reports) and no other user could take the path
+    // (its folders are the user's, root's or clamav's, and only sticky ones
+    // are writable by others); false, after a log line, otherwise.
     bool socketPeerTrusted(const std::string& pathToSocket);
+
+    // Why the clamd behind a TCP connection is not to be trusted: on this
+    // machine (loopback, or one of its own addresses) any user may listen on
+    // a free port, so its listener must belong to the user, root or clamav.
+    // "" for those and for a server on another machine.
+    static std::string untrustedLocalTcpServer(int socketFd);
+
+    // Connects and checks the server as above, sending nothing. True when
+    // it is trusted or nothing answers (the scan reports that); false, after
+    // a log line, for another user's listener on this machine.
+    bool tcpEnginePeerTrusted(const TcpEngine& engine);
 
     // True when the socket is served by the system's clamd service (a
     // daemon run by root or the clamav system user, not by the user) and it

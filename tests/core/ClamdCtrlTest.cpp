@@ -128,6 +128,14 @@ TEST(ClamdCtrl, TalksOnlyToTheUserRootOrClamav)
         EXPECT_TRUE(log.contains("Refusing the clamd socket " + (dir / "neighbour.sock") + ": it is served by user nobody"));
         EXPECT_FALSE(client.socketPeerTrusted(dir / "neighbour.sock"));
         EXPECT_FALSE(kv::ClamdCtrl::systemServiceAnswers(dir / "neighbour.sock"));
+        // Where nobody answers, only a path no one else could take is
+        // left to clamdscan: here the neighbour could listen by then.
+        EXPECT_FALSE(client.socketPeerTrusted(dir / "silent.sock"));
+        EXPECT_TRUE(log.contains("Refusing the clamd socket " + (dir / "silent.sock") + ": nobody answers, and " +
+                                 dir.path() + " may be written by other users"));
+        kvtest::TempDir own;
+        ::chmod(own.path().c_str(), 0700);
+        EXPECT_TRUE(client.socketPeerTrusted(own / "silent.sock")) << "a daemon that is down is the scan's to report";
     }
     {
         // The distribution's service runs as clamav.
@@ -142,7 +150,6 @@ TEST(ClamdCtrl, TalksOnlyToTheUserRootOrClamav)
         OneShotListener own(dir / "own.sock", true);
         EXPECT_FALSE(kv::ClamdCtrl::systemServiceAnswers(dir / "own.sock"));
     }
-    EXPECT_TRUE(client.socketPeerTrusted(dir / "nothing-there.sock")) << "a dead daemon is the scan's to report";
 }
 
 // A listener on 127.0.0.1 that answers each connection's first message with
@@ -248,6 +255,76 @@ TEST(ClamdCtrl, ExchangesOverTcp)
     std::string problem;
     EXPECT_FALSE(kv::ClamdCtrl::tcpEngineAnswers({{"127.0.0.1"}, silent.port()}, &problem));
     EXPECT_NE(problem.find("no PONG"), std::string::npos) << problem;
+}
+
+// Any user may listen on a free port of this machine: a clamd reached over
+// TCP on it counts only when the user, root or clamav listens, whether on
+// an IPv4 socket or on a dual-stack IPv6 one.
+TEST(ClamdCtrl, ALocalTcpServerOfAnotherUserIsRefused)
+{
+    const passwd* account = ::getpwnam("nobody");
+    ASSERT_NE(account, nullptr);
+    // Copied: the next lookup of any account overwrites the entry.
+    const uid_t uid = account->pw_uid;
+    const gid_t gid = account->pw_gid;
+    for (const bool dualStack : {false, true}) {
+        const uint16_t port = kvtest::freeTcpPort();
+        int ready[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        const pid_t server = ::fork();
+        if (server == 0) {
+            // System calls only: the test process may run threads.
+            if (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)
+                ::_exit(2);
+            int fd;
+            if (dualStack) {
+                fd = ::socket(AF_INET6, SOCK_STREAM, 0);
+                const int no = 0;
+                ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
+                sockaddr_in6 address{};
+                address.sin6_family = AF_INET6;
+                address.sin6_port = htons(port);
+                address.sin6_addr = in6addr_any;
+                if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+                    ::_exit(3);
+            } else {
+                fd = ::socket(AF_INET, SOCK_STREAM, 0);
+                sockaddr_in address{};
+                address.sin_family = AF_INET;
+                address.sin_port = htons(port);
+                address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+                    ::_exit(3);
+            }
+            if (::listen(fd, 4) != 0 || ::write(ready[1], "1", 1) != 1)
+                ::_exit(4);
+            for (;;) {
+                const int client = ::accept(fd, nullptr, nullptr);
+                char buffer[16];
+                if (::read(client, buffer, sizeof buffer) > 0)
+                    (void)!::send(client, "PONG\n", 5, MSG_NOSIGNAL);
+                ::close(client);
+            }
+        }
+        ::close(ready[1]);
+        char byte;
+        const bool listening = ::read(ready[0], &byte, 1) == 1;
+        ::close(ready[0]);
+        if (listening) {
+            const kv::TcpEngine engine{{"127.0.0.1"}, port};
+            kv::ClamdCtrl client;
+            kvtest::LogCapture log;
+            EXPECT_FALSE(client.communicateWithTcpEngine(engine, "PING")) << dualStack;
+            EXPECT_TRUE(log.contains("Refusing the clamd at " + engine.describe() +
+                                     ": on this machine it is served by user nobody"))
+                << dualStack;
+            EXPECT_FALSE(client.tcpEnginePeerTrusted(engine)) << dualStack;
+            EXPECT_FALSE(kv::ClamdCtrl::tcpEngineAnswers(engine)) << dualStack;
+        }
+        ::kill(server, SIGKILL);
+        ::waitpid(server, nullptr, 0);
+        EXPECT_TRUE(listening) << "nobody's listener could not start, dual stack: " << dualStack;
+    }
 }
 
 TEST(ClamdCtrl, ASilentServerDoesNotHoldTheCaller)
