@@ -45,6 +45,10 @@ constexpr int kLongestPauseMs = 8000;
 constexpr int kLongestPauseCannotWatchMs = 5 * 60 * 1000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
+// Walks of the watched folders after lost events start at least this far
+// apart: any user can overflow the kernel's queue, and must not be able to
+// keep every agent walking without end.
+constexpr auto kWalkSpacing = std::chrono::seconds(30);
 
 std::string parentOf(const std::string& path)
 {
@@ -363,6 +367,7 @@ void FSEventWatcher::walkFolders()
     }
     const auto goesOn = [&loop] { return !loop || loop->isWatching; };
     for (;;) {
+        const Clock::time_point began = Clock::now();
         // The list of the moment: a restart while walking hands over a new one.
         watchList()->forEachAdmittedFile([this, &goesOn](std::vector<std::string>& files) {
             if (!goesOn())
@@ -370,14 +375,18 @@ void FSEventWatcher::walkFolders()
             queue_.addToItemList(files);
             return true;
         });
-        std::lock_guard<std::mutex> held(mutex_);
-        if (!walkAgain_ || !goesOn()) {
-            walking_ = walkAgain_ = false;
-            --runningLoops_;
-            changed_.notify_all();
-            return;
+        {
+            std::lock_guard<std::mutex> held(mutex_);
+            if (!walkAgain_ || !goesOn()) {
+                walking_ = walkAgain_ = false;
+                --runningLoops_;
+                changed_.notify_all();
+                return;
+            }
+            walkAgain_ = false;
         }
-        walkAgain_ = false;
+        while (goesOn() && Clock::now() - began < kWalkSpacing)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
 

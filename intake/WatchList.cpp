@@ -84,24 +84,33 @@ void WatchList::forEachAdmittedFile(const std::function<bool(std::vector<std::st
     constexpr size_t kGroup = 1000;
     std::vector<std::string> group;
     for (const Entry& entry : entries_) {
-        std::error_code error;
-        fs::recursive_directory_iterator walk(entry.folder, fs::directory_options::skip_permission_denied, error);
-        for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
-            const fs::directory_entry& found = *walk;
-            std::error_code typeError;
-            if (found.is_directory(typeError) && !found.is_symlink(typeError)) {
-                const std::string& folder = found.path().native();
-                if (!entry.subdirs || (!quarantineDir_.empty() && (folder + '/').starts_with(quarantineDir_)))
-                    walk.disable_recursion_pending();
-                continue;
-            }
-            if (!found.is_regular_file(typeError) || found.is_symlink(typeError) || !admits(found.path().native()))
-                continue;
-            group.push_back(found.path().native());
-            if (group.size() == kGroup) {
-                if (!take(group))
-                    return;
-                group.clear();
+        // Folder by folder, so that one that vanishes or cannot be read
+        // costs only its own entries, never the rest of the tree.
+        std::vector<std::string> folders{entry.folder};
+        while (!folders.empty()) {
+            const std::string folder = std::move(folders.back());
+            folders.pop_back();
+            std::error_code error;
+            for (fs::directory_iterator walk(folder, fs::directory_options::skip_permission_denied, error);
+                 !error && walk != fs::directory_iterator(); walk.increment(error)) {
+                const std::string& path = walk->path().native();
+                std::error_code typeError;
+                const fs::file_status status = walk->symlink_status(typeError);
+                if (typeError)
+                    continue;
+                if (fs::is_directory(status)) {
+                    if (entry.subdirs && (quarantineDir_.empty() || !(path + '/').starts_with(quarantineDir_)))
+                        folders.push_back(path);
+                    continue;
+                }
+                if (!fs::is_regular_file(status) || !admits(path))
+                    continue;
+                group.push_back(path);
+                if (group.size() == kGroup) {
+                    if (!take(group))
+                        return;
+                    group.clear();
+                }
             }
         }
     }

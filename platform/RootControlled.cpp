@@ -68,6 +68,10 @@ UniqueFd openRootControlled(const std::string& path, std::string* why)
             return refuse(cannotExamine(place));
         if (opened.st_dev != info.st_dev || opened.st_ino != info.st_ino)
             return refuse(place + " changed while it was examined");
+        // A second name elsewhere, made while links to others' files were
+        // allowed, would share the mode given to this one.
+        if (opened.st_nlink != 1)
+            return refuse(place + " has other names (hard links)");
         return file;
     }
 }

@@ -435,6 +435,9 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
              fs::create_symlink(root + "/real", root + helper);
          },
          {}, {}, 1},
+        {"helper with a second name",
+         [&](const std::string& root) { EXPECT_EQ(::link((root + helper).c_str(), (root + "/second").c_str()), 0); }, {},
+         {}, 1},
         {"a path given", [](const std::string&) {}, {"/etc/shadow"}, {}, 2},
         {"run by an ordinary user", [](const std::string&) {}, {}, kvtest::asUser("nobody"), 2},
     };
