@@ -48,6 +48,8 @@ class Chooser:
         self.menus = []  # menus seen popping up, newest last
         self.failure = None
         self.deadline = time.monotonic() + limit
+        self.reopen = None  # clicks the icon again
+        self.opened = time.monotonic()
 
     def on_event(self, event):
         source = event.source
@@ -86,6 +88,12 @@ class Chooser:
             if not self.titles:
                 pyatspi.Registry.stop()
                 return False
+        elif not self.menus and self.reopen and time.monotonic() - self.opened > 3:
+            # No menu announced itself since the click: the click may have
+            # come before the icon took clicks, or before the registry
+            # passed events on. A menu already open would have been seen.
+            self.opened = time.monotonic()
+            self.reopen()
         elif time.monotonic() > self.deadline:
             what = "is not enabled" if item else "was not found in an open menu"
             self.failure = f'choose_menu_item: the item "{title}" of {self.name} {what}; {self.describe()}'
@@ -119,8 +127,13 @@ def main():
         chooser.on_event, "window:create", "object:state-changed:showing", "object:state-changed:focused",
         "focus:")
 
-    def open_menu():
+    def click_icon():
         subprocess.run(["xdotool", "mousemove", x, y, "click", "1"], check=True)
+
+    def open_menu():
+        click_icon()
+        chooser.opened = time.monotonic()
+        chooser.reopen = click_icon
         GLib.timeout_add(100, chooser.step)
         return False
 
