@@ -1,10 +1,13 @@
 #include "engine/ClamdProcessList.h"
 
-#include <dirent.h>
+#include "platform/UniqueFd.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 namespace kv {
@@ -16,19 +19,46 @@ std::string baseName(const std::string& path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// A file of a process's /proc folder, whole; nothing once the process has
+// gone, which it may do half-way through (the read then fails with ESRCH,
+// which a stream would throw as an exception).
+std::optional<std::string> readProcFile(const std::string& path)
+{
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return std::nullopt;
+    std::string text;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(file.get(), buffer, sizeof buffer);
+        if (got == 0)
+            return text;
+        if (got < 0 && errno != EINTR)
+            return std::nullopt;
+        if (got > 0)
+            text.append(buffer, static_cast<size_t>(got));
+    }
+}
+
 bool readStatus(const std::string& folder, ProcessEntry* entry)
 {
-    std::ifstream status(folder + "/status");
+    const std::optional<std::string> status = readProcFile(folder + "/status");
+    if (!status)
+        return false;
     bool haveUid = false;
-    std::string line;
-    while (std::getline(status, line)) {
+    for (size_t start = 0; start < status->size();) {
+        size_t end = status->find('\n', start);
+        if (end == std::string::npos)
+            end = status->size();
+        const std::string line = status->substr(start, end - start);
+        start = end + 1;
         if (line.starts_with("State:"))
             entry->zombie = line.find('Z', 6) != std::string::npos;
         else if (line.starts_with("Uid:")) {
             // Real, effective, saved and file-system user: the real one.
-            char* end = nullptr;
-            const unsigned long uid = std::strtoul(line.c_str() + 4, &end, 10);
-            haveUid = end != line.c_str() + 4;
+            char* parsed = nullptr;
+            const unsigned long uid = std::strtoul(line.c_str() + 4, &parsed, 10);
+            haveUid = parsed != line.c_str() + 4;
             entry->realUid = static_cast<uid_t>(uid);
         }
     }
@@ -53,8 +83,10 @@ std::vector<ProcessEntry> readProcessTable(const std::string& proc)
         entry.pid = static_cast<pid_t>(pid);
         if (!readStatus(path, &entry))
             continue;
-        std::ifstream cmdline(path + "/cmdline", std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
+        const std::optional<std::string> cmdline = readProcFile(path + "/cmdline");
+        if (!cmdline)
+            continue;
+        const std::string& bytes = *cmdline;
         // Arguments end in NUL; the last may lack it when a process rewrote
         // its own command line.
         size_t start = 0;
