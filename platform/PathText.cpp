@@ -1,0 +1,53 @@
+#include "platform/PathText.h"
+
+#include "platform/Utf8.h"
+
+namespace kv {
+namespace {
+
+// The length of the well-formed UTF-8 sequence that starts the text, or 0.
+size_t sequenceLength(std::string_view text)
+{
+    const auto lead = static_cast<unsigned char>(text.front());
+    const size_t length = lead < 0xc0 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf8 ? 4 : 0;
+    if (length == 0 || text.size() < length)
+        return 0;
+    return isValidUtf8(text.substr(0, length)) ? length : 0;
+}
+
+} // namespace
+
+std::string displayText(std::string_view bytes)
+{
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size());
+    while (!bytes.empty()) {
+        const auto byte = static_cast<unsigned char>(bytes.front());
+        if (byte >= 0x80) {
+            if (const size_t length = sequenceLength(bytes)) {
+                text.append(bytes.substr(0, length));
+                bytes.remove_prefix(length);
+                continue;
+            }
+        }
+        bytes.remove_prefix(1);
+        switch (byte) {
+        case '\n': text += "\\n"; continue;
+        case '\r': text += "\\r"; continue;
+        case '\t': text += "\\t"; continue;
+        case '\\': text += "\\\\"; continue;
+        default: break;
+        }
+        if (byte < 0x20 || byte >= 0x7f) {
+            text += "\\x";
+            text += kHex[byte >> 4];
+            text += kHex[byte & 0xf];
+        } else {
+            text += static_cast<char>(byte);
+        }
+    }
+    return text;
+}
+
+} // namespace kv

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+// A path (or a line that holds one) as the log, dialogs and notifications
+// show it. A Linux name is any bytes but "/" and NUL, so a name could hold a
+// line break that starts a forged log line, or bytes no text can show:
+// line breaks, returns and tabs become \n, \r and \t, other control
+// characters and every byte that is not part of well-formed UTF-8 become
+// \xNN, and the backslash itself becomes \\, so the text names exactly one
+// path. Everything else, other scripts included, is shown as it is.
+std::string displayText(std::string_view bytes);
+
+} // namespace kv
