@@ -5,6 +5,7 @@
 #include "platform/UniqueFd.h"
 
 #include <netdb.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -504,6 +505,167 @@ bool ClamdCtrl::communicateWithSocket(const std::optional<std::string>& pathToSo
         return false;
     }
     return sendCommand(socketFd.get(), command, "UNIX");
+}
+
+} // namespace kv
+
+namespace kv {
+namespace {
+
+bool sendAll(int socketFd, const char* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t sent = ::send(socketFd, data, size, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent <= 0)
+            return false;
+        data += sent;
+        size -= static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+// The reply up to its NUL end; nothing when the daemon hangs up or stays
+// silent past the limit.
+std::optional<std::string> readReply(int socketFd)
+{
+    std::string reply;
+    char buffer[512];
+    for (;;) {
+        const ssize_t received = ::recv(socketFd, buffer, sizeof buffer, 0);
+        if (received < 0 && errno == EINTR)
+            continue;
+        if (received <= 0)
+            return reply.empty() ? std::nullopt : std::optional<std::string>(reply);
+        reply.append(buffer, static_cast<size_t>(received));
+        if (const size_t end = reply.find('\0'); end != std::string::npos) {
+            reply.resize(end);
+            return reply;
+        }
+        if (reply.size() > 64 * 1024)
+            return reply;
+    }
+}
+
+// zFILDES: the command, then one byte carrying the descriptor.
+bool sendDescriptor(int socketFd, int fileFd)
+{
+    static constexpr char kCommand[] = "zFILDES";
+    if (!sendAll(socketFd, kCommand, sizeof kCommand))
+        return false;
+    char byte = 0;
+    iovec data{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(header), &fileFd, sizeof fileFd);
+    ssize_t sent;
+    do {
+        sent = ::sendmsg(socketFd, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent == 1;
+}
+
+// zINSTREAM: the contents in chunks, each after its length (four bytes,
+// most significant first), then a length of zero. Read from the start with
+// pread(2), so the descriptor's own offset does not matter.
+bool sendContents(int socketFd, int fileFd)
+{
+    static constexpr char kCommand[] = "zINSTREAM";
+    if (!sendAll(socketFd, kCommand, sizeof kCommand))
+        return false;
+    std::unique_ptr<char[]> chunk(new char[4 + 64 * 1024]);
+    for (off_t offset = 0;;) {
+        const ssize_t length = ::pread(fileFd, chunk.get() + 4, 64 * 1024, offset);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length < 0)
+            return false;
+        const uint32_t size = htonl(static_cast<uint32_t>(length));
+        std::memcpy(chunk.get(), &size, 4);
+        // A daemon past its StreamMaxLength stops reading and says so: its
+        // reply is still read below.
+        if (!sendAll(socketFd, chunk.get(), 4 + static_cast<size_t>(length)))
+            return length == 0 ? false : true;
+        if (length == 0)
+            return true;
+        offset += length;
+    }
+}
+
+} // namespace
+
+ClamdCtrl::FileVerdict ClamdCtrl::parseVerdict(std::string_view reply)
+{
+    FileVerdict verdict;
+    const size_t colon = reply.find(": ");
+    const std::string_view said = colon == std::string_view::npos ? reply : reply.substr(colon + 2);
+    if (said == "OK") {
+        verdict.kind = FileVerdict::Clean;
+    } else if (said.ends_with(" FOUND") && said.size() > 6) {
+        verdict.kind = FileVerdict::Found;
+        verdict.detail = said.substr(0, said.size() - 6);
+    } else {
+        verdict.kind = FileVerdict::Error;
+        verdict.detail = said.ends_with(" ERROR") ? said.substr(0, said.size() - 6) : said;
+        if (verdict.detail.empty())
+            verdict.detail = "no answer";
+    }
+    return verdict;
+}
+
+ClamdCtrl::FileVerdict ClamdCtrl::scanOpenFile(int fileFd, const std::optional<std::string>& pathToSocket,
+                                               const std::optional<TcpEngine>& tcpEngine)
+{
+    FileVerdict verdict;
+    UniqueFd socketFd;
+    std::string refusal;
+    if (pathToSocket) {
+        socketFd = connectedTo(*pathToSocket);
+        if (!socketFd) {
+            verdict.detail = "ERROR: Could not connect to clamd on LocalSocket " + *pathToSocket + ": " +
+                             std::strerror(errno);
+            return verdict;
+        }
+        refusal = untrustedPeer(socketFd.get());
+    } else if (tcpEngine) {
+        std::string problem;
+        socketFd = connectedOverTcp(*tcpEngine, &problem);
+        if (!socketFd) {
+            verdict.detail = "ERROR: Could not connect to clamd on " + problem;
+            return verdict;
+        }
+        refusal = untrustedLocalTcpServer(socketFd.get());
+    } else {
+        verdict.detail = "ERROR: Could not connect to clamd: no engine is configured";
+        return verdict;
+    }
+    if (!refusal.empty()) {
+        verdict.kind = FileVerdict::Untrusted;
+        verdict.detail = refusal;
+        return verdict;
+    }
+    const bool sent = pathToSocket ? sendDescriptor(socketFd.get(), fileFd) : sendContents(socketFd.get(), fileFd);
+    limitWaits(socketFd.get(), std::chrono::seconds(kFileScanLimitSeconds));
+    std::optional<std::string> reply = readReply(socketFd.get());
+    if (!reply) {
+        // A daemon that ends the connection without a word has most likely
+        // died under the file: reported as unreachable, so it is recovered
+        // and the file scanned again.
+        verdict.detail = "ERROR: Could not connect to clamd on " +
+                         (pathToSocket ? "LocalSocket " + *pathToSocket : tcpEngine->describe()) + ": " +
+                         (sent ? "the connection ended without an answer" : "the file could not be sent");
+        return verdict;
+    }
+    return parseVerdict(*reply);
 }
 
 } // namespace kv

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kv {
 
@@ -78,6 +79,30 @@ public:
     // True when the daemon at the TCP engine's address answers PING with
     // PONG; otherwise *problem (when given) says what went wrong.
     static bool tcpEngineAnswers(const TcpEngine& engine, std::string* problem = nullptr);
+
+    // What the daemon said about one file scanned by scanOpenFile().
+    struct FileVerdict {
+        enum Kind { Clean, Found, Error, Unreachable, Untrusted } kind = Unreachable;
+        // Found: the signature. Error: the daemon's reason. Unreachable: the
+        // line clamdscan prints for a daemon it cannot reach. Untrusted: why.
+        std::string detail;
+    };
+
+    // How long a daemon may take over one file before the scan is given up.
+    static constexpr int kFileScanLimitSeconds = 600;
+
+    // Scans an open regular file without naming it, so a name of any bytes
+    // and any length is scanned as it is: the descriptor itself is passed
+    // over the local socket (zFILDES), which also lets a daemon of another
+    // user (the system's service) read a file in a private folder; a daemon
+    // on another machine gets the contents (zINSTREAM). Nothing is sent to
+    // a peer that is not trusted (see untrustedPeer, untrustedLocalTcpServer).
+    static FileVerdict scanOpenFile(int fileFd, const std::optional<std::string>& pathToSocket,
+                                    const std::optional<TcpEngine>& tcpEngine);
+
+    // The verdict in a reply of clamd's NUL-ended protocol: "NAME: OK",
+    // "NAME: SIGNATURE FOUND" or "NAME: REASON ERROR".
+    static FileVerdict parseVerdict(std::string_view reply);
 };
 
 } // namespace kv
