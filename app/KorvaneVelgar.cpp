@@ -78,6 +78,9 @@ KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
     firstPatientScanner_.setController(this);
     secondPatientScanner_.setMyName("secondPatientScanner");
     secondPatientScanner_.setController(this);
+    const auto findings = std::make_shared<FindingMemory>();
+    firstPatientScanner_.setFindingMemory(findings);
+    secondPatientScanner_.setFindingMemory(findings);
     if (parts_.redirectToScanLog)
         logAllToScanLog();
 }

@@ -1,6 +1,7 @@
 #include "queue/Dispatcher.h"
 
 #include "platform/Log.h"
+#include "platform/LongPath.h"
 #include "platform/Paths.h"
 
 #include <sys/stat.h>
@@ -23,11 +24,12 @@ struct Probe {
 
 // One stat(2) answers both questions a pass asks, so the existence and the
 // size always describe the same object. stat follows symbolic links: a link
-// is measured by its target, and a dangling link does not exist.
+// is measured by its target, and a dangling link does not exist. A path
+// longer than PATH_MAX is measured like any other.
 Probe probe(const std::string& path)
 {
     struct stat info{};
-    if (::stat(path.c_str(), &info) == 0)
+    if (statPath(path, &info))
         return {true, S_ISDIR(info.st_mode), static_cast<std::int64_t>(info.st_size)};
     // The object is there but its attributes cannot be reported: it counts as
     // size 0, which keeps it pending without ever making it ready.

@@ -2,15 +2,21 @@
 
 #include "app/KorvaneVelgar.h"
 #include "app/StatusMenu.h"
+#include "engine/ClamdCtrl.h"
 #include "platform/FileWriting.h"
+#include "platform/FolderWalk.h"
 #include "platform/Log.h"
-#include "platform/Utf8.h"
+#include "platform/LongPath.h"
+#include "platform/PathText.h"
 #include "platform/Preferences.h"
 #include "queue/Dispatcher.h"
 #include "scan/ExclusionPatterns.h"
+#include "scan/Relocation.h"
 #include "scan/ScanAlerts.h"
 #include "scan/TrashInfo.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QJsonArray>
@@ -30,6 +36,20 @@ namespace {
 
 constexpr const char* kConnectWarning = "WARNING: Can't connect to clamd.";
 constexpr std::string_view kConnectError = "ERROR: Could not connect to clamd on";
+constexpr std::string_view kMoveOption = "--move=";
+// Output without a line break for this long is taken as a line of its own.
+constexpr size_t kLongestOutputLine = 64 * 1024;
+
+// The summary block after the results: its separators, counts, elapsed
+// time and (from ClamAV 1.x) start and end dates.
+bool isSummaryLine(std::string_view line)
+{
+    for (const std::string_view start : {"-----", "Time:", "Infec", "Total errors:", "Start Date:", "End Date:"}) {
+        if (line.starts_with(start))
+            return true;
+    }
+    return false;
+}
 
 std::string timeStamp()
 {
@@ -129,32 +149,56 @@ void PatientScanner::scanBatch(Dispatcher& dispatcher)
     getItemsToScan(dispatcher);
     takeConfigurationForRun();
     determineWhatToScan();
+    queueFilesOfFolders(dispatcher);
 
-    // Paths too long for the list file get a run of their own, after the
-    // listed ones, with the same arguments and output handling.
-    std::vector<std::string> longPaths;
-    std::erase_if(scanList_, [&longPaths](const std::string& path) {
-        if (path.size() < kLongestListedPath)
+    // Paths the list file cannot carry are scanned by descriptor, after
+    // the listed ones.
+    std::vector<std::string> byDescriptor;
+    std::erase_if(scanList_, [&byDescriptor](const std::string& path) {
+        if (listFileCanCarry(path))
             return false;
-        longPaths.push_back(path);
+        byDescriptor.push_back(path);
         return true;
     });
-    // A run that lost its daemon while another took over (the user's own
-    // standing in for the system's service), or while the user's own was
-    // launched again, is run once more on the new one: the files it held
-    // were never scanned.
-    const auto scan = [this](PathsGiven given) {
-        performScan(given);
+    if (!scanList_.empty()) {
+        performScan();
+        // A run that lost its daemon while another took over (the user's
+        // own standing in for the system's service), or while the user's
+        // own was launched again, is run once more on the new one: the
+        // files it held were never scanned.
         if (rerunOnNewEngine_)
-            performScan(given);
-    };
-    if (!scanList_.empty())
-        scan(PathsGiven::InListFile);
-    if (!longPaths.empty()) {
-        scanList_ = std::move(longPaths);
-        scan(PathsGiven::AsArguments);
+            performScan();
+    }
+    if (!byDescriptor.empty()) {
+        scanList_ = std::move(byDescriptor);
+        scanByDescriptor();
     }
     scanList_.clear();
+}
+
+void PatientScanner::queueFilesOfFolders(Dispatcher& dispatcher)
+{
+    // A folder in a batch (a volume's root) is scanned whole, file by file:
+    // its files join the queue like any others, so that every result line
+    // names a file the agent asked about, and no name inside a folder can
+    // forge one.
+    std::vector<std::string> files;
+    std::erase_if(scanList_, [&](const std::string& path) {
+        struct stat info{};
+        if (!statPath(path, &info) || !S_ISDIR(info.st_mode))
+            return false;
+        walkFiles(
+            {path}, [](const std::string&) { return true; },
+            [&](std::string&& file) {
+                files.push_back(std::move(file));
+                if (files.size() >= Dispatcher::kBatchLimit)
+                    dispatcher.addToItemList(files);
+                return !stopRequested_;
+            });
+        return true;
+    });
+    if (!files.empty())
+        dispatcher.addToItemList(files);
 }
 
 void PatientScanner::takeConfigurationForRun()
@@ -203,7 +247,7 @@ bool PatientScanner::writeListFile(const std::string& path, const std::string& t
     return written;
 }
 
-void PatientScanner::performScan(PathsGiven given)
+void PatientScanner::performScan()
 {
     KorvaneVelgar& controller = *korvaneVelgarController;
     controller.modifyScannerCountBy(1);
@@ -217,23 +261,23 @@ void PatientScanner::performScan(PathsGiven given)
     rerunOnNewEngine_ = false;
     relaunchedInRun_ = false;
     bool listWritten = false;
+    asked_.clear();
+    foundInRun_.clear();
+    partialLine_.clear();
 
     try {
         scanArguments = runConfiguration_.scanParams;
 
-        if (given == PathsGiven::InListFile) {
-            std::string listText;
-            for (const std::string& path : scanList_)
-                listText += path + "\n";
-            listWritten = writeListFile(listPath, listText);
+        std::string listText;
+        for (const std::string& path : scanList_) {
+            listText += path + "\n";
+            asked_.insert(path);
         }
+        listWritten = writeListFile(listPath, listText);
         if (faultInjectionForTesting)
             faultInjectionForTesting();
 
-        if (given == PathsGiven::InListFile)
-            scanArguments.push_back("--file-list=" + listPath);
-        else
-            scanArguments.insert(scanArguments.end(), scanList_.begin(), scanList_.end());
+        scanArguments.push_back("--file-list=" + listPath);
         if (!scanArguments.empty()) {
             scanCommandPath = scanArguments.front();
             scanArguments.erase(scanArguments.begin());
@@ -272,6 +316,7 @@ void PatientScanner::performScan(PathsGiven given)
                 dealWithOutput(chunk);
                 chunk.clear();
             }
+            finishOutput();
             // Leave the child unreaped until it is out of the abort list, so
             // an abort can never signal a recycled pid.
             scanCheckTask->waitForExitWithoutReaping();
@@ -295,10 +340,10 @@ void PatientScanner::performScan(PathsGiven given)
         nsLogf("Scanner v4 of 9: taskOutput: %s", scanCheckTask ? std::to_string(scanCheckTask->outputFd()).c_str() : "");
         nsLogf("Scanner v5 of 9: scanCheckTask: %s", scanCheckTask ? std::to_string(scanCheckTask->pid()).c_str() : "");
         nsLogf("Scanner v6 of 9: scanParams: %s", joined(runConfiguration_.scanParams).c_str());
-        nsLogf("Scanner v7 of 9: thePaths: %s", joined(scanList_).c_str());
+        nsLogf("Scanner v7 of 9: thePaths: %s", displayText(joined(scanList_)).c_str());
         nsLogf("Scanner v8 of 9: [scanArguments objectAtIndex:0]: %s",
                scanArguments.empty() ? "" : scanArguments.front().c_str());
-        nsLogf("Scanner v9 of 9: data: %s", data.c_str());
+        nsLogf("Scanner v9 of 9: data: %s", displayText(data).c_str());
     }
     if (clientPid_ > 0) {
         controller.unregisterScanClient(clientPid_);
@@ -322,73 +367,168 @@ void PatientScanner::alertEngineUnreachable()
     controller.displayGrowlDialog(KorvaneVelgar::kError, message);
 }
 
-int PatientScanner::getLastColon(const std::string& text)
-{
-    const size_t colon = text.rfind(':');
-    return colon == std::string::npos ? -1 : static_cast<int>(colon);
-}
-
 void PatientScanner::dealWithOutput(std::string_view chunk)
 {
-    const std::string stamp = timeStamp();
-    if (!isValidUtf8(chunk))
-        return;
-    const Configuration& config = runConfiguration_;
-
+    partialLine_.append(chunk);
     size_t start = 0;
-    while (start < chunk.size()) {
-        size_t end = chunk.find('\n', start);
-        if (end == std::string_view::npos)
-            end = chunk.size();
-        const std::string line(chunk.substr(start, end - start));
-        start = end + 1;
+    for (size_t end; (end = partialLine_.find('\n', start)) != std::string::npos; start = end + 1)
+        handleLine(std::string_view(partialLine_).substr(start, end - start));
+    partialLine_.erase(0, start);
+    if (partialLine_.size() >= kLongestOutputLine)
+        finishOutput();
+}
 
-        if (line.size() >= 6 && line.compare(line.size() - 6, 6, " FOUND") == 0)
-            raiseAlert(line, config);
-        if (config.quarantineOrTrash == "T") {
-            if (const std::optional<MovedLine> moved = parseMovedLine(line))
-                writeTrashInfo(*moved, std::time(nullptr));
-        }
+void PatientScanner::finishOutput()
+{
+    if (!partialLine_.empty())
+        handleLine(partialLine_);
+    partialLine_.clear();
+}
 
-        if (line.size() < 6) {
-            if (!line.empty())
-                logLine(stamp.c_str(), line);
-        } else if (line == kConnectWarning) {
-            recoverWithLine(stamp.c_str());
-        } else if (!sawConnectionError_ && line.compare(0, kConnectError.size(), kConnectError) == 0) {
-            // Current clamdscan reports an unreachable daemon this way, once
-            // per file: the first such line of a run starts the recovery.
-            sawConnectionError_ = true;
-            recoverWithLine(stamp.c_str());
-        } else if (line.compare(0, 5, "-----") == 0 || line.compare(0, 5, "Time:") == 0 ||
-                   line.compare(0, 5, "Infec") == 0) {
-            // The summary block's separators, elapsed time and count.
-        } else {
-            logLine(stamp.c_str(), line);
+void PatientScanner::handleLine(std::string_view line)
+{
+    const Configuration& config = runConfiguration_;
+    const std::string shown = displayText(line);
+
+    if (const std::optional<std::string> found = pathOfFinding(line)) {
+        if (!asked_.contains(*found)) {
+            logLine("Unexpected scanner output: " + shown);
+            return;
         }
+        foundInRun_.insert(*found);
+        raiseAlert(shown, *found, config);
+    }
+    if (const std::optional<MovedLine> moved = parseMovedLine(std::string(line))) {
+        // clamdscan moves only what it found; a move of anything else was
+        // written by a file name.
+        if (!foundInRun_.contains(moved->originalPath)) {
+            logLine("Unexpected scanner output: " + shown);
+            return;
+        }
+        if (config.quarantineOrTrash == "T")
+            writeTrashInfo(*moved, std::time(nullptr));
+    }
+
+    if (line.size() < 6) {
+        if (!line.empty())
+            logLine(shown);
+    } else if (line == kConnectWarning) {
+        recoverWithLine();
+    } else if (!sawConnectionError_ && line.starts_with(kConnectError)) {
+        // Current clamdscan reports an unreachable daemon this way, once
+        // per file: the first such line of a run starts the recovery.
+        sawConnectionError_ = true;
+        recoverWithLine();
+    } else if (!isSummaryLine(line)) {
+        logLine(shown);
     }
 }
 
-void PatientScanner::logLine(const char* stamp, const std::string& line)
+void PatientScanner::logLine(const std::string& text)
 {
-    std::fprintf(stdout, "%s %s\n", stamp, line.c_str());
+    std::fprintf(stdout, "%s %s\n", timeStamp().c_str(), text.c_str());
     std::fflush(stdout);
 }
 
-void PatientScanner::recoverWithLine(const char* stamp)
+void PatientScanner::recoverWithLine()
 {
     // Only a daemon of the user's own is restarted; the supervisor tells a
     // silent service or remote daemon once, in its own words.
     if (!korvaneVelgarController->recoverFromCrashedClamd(runGeneration_))
         return;
     relaunchedInRun_ = true;
-    std::fprintf(stdout, "%s clamd appears to have died - attempting restart...\n", stamp);
-    std::fflush(stdout);
+    logLine("clamd appears to have died - attempting restart...");
 }
 
-void PatientScanner::raiseAlert(const std::string& line, const Configuration& config)
+std::string PatientScanner::moveDestination() const
+{
+    for (const std::string& argument : runConfiguration_.scanParams) {
+        if (argument.starts_with(kMoveOption))
+            return argument.substr(kMoveOption.size());
+    }
+    return {};
+}
+
+void PatientScanner::scanByDescriptor()
+{
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    controller.modifyScannerCountBy(1);
+    sawConnectionError_ = false;
+    relaunchedInRun_ = false;
+    asked_.clear();
+    foundInRun_.clear();
+    asked_.insert(scanList_.begin(), scanList_.end());
+    bool unreachable = false;
+    for (const std::string& path : scanList_) {
+        if (scanOneByDescriptor(path))
+            continue;
+        // The first loss of a run starts the recovery (see handleLine); a
+        // daemon launched again, or another standing in, gets the file again.
+        if ((relaunchedInRun_ || controller.clamd().engineChangedSince(runGeneration_)) && scanOneByDescriptor(path)) {
+            relaunchedInRun_ = false;
+            continue;
+        }
+        unreachable = true;
+    }
+    if (unreachable && !controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
+        alertEngineUnreachable();
+    controller.modifyScannerCountBy(-1);
+}
+
+bool PatientScanner::scanOneByDescriptor(const std::string& path)
+{
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    // The last component may be a link, as in a list file; the move below
+    // then finds the name leads elsewhere and leaves it.
+    const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat info{};
+    if (!file || ::fstat(file.get(), &info) != 0) {
+        handleLine(path + ": " + std::strerror(errno) + " ERROR");
+        return true;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        handleLine(path + ": Not a regular file ERROR");
+        return true;
+    }
+    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
+                                                                       : runConfiguration_.scanParams.front();
+    const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(clamdscan);
+    runGeneration_ = engine.generation;
+    const ClamdCtrl::FileVerdict verdict =
+        ClamdCtrl::scanOpenFile(file.get(), engine.socket, engine.socket ? std::nullopt : controller.clamd().remoteEngine());
+    switch (verdict.kind) {
+    case ClamdCtrl::FileVerdict::Clean:
+        handleLine(path + ": OK");
+        return true;
+    case ClamdCtrl::FileVerdict::Error:
+        handleLine(path + ": " + verdict.detail + " ERROR");
+        return true;
+    case ClamdCtrl::FileVerdict::Untrusted:
+        nsLogf("%s is not scanned: the engine is not trusted (%s)", displayText(path).c_str(), verdict.detail.c_str());
+        return true;
+    case ClamdCtrl::FileVerdict::Unreachable:
+        handleLine(verdict.detail);
+        return false;
+    case ClamdCtrl::FileVerdict::Found:
+        break;
+    }
+    handleLine(path + ": " + verdict.detail + " FOUND");
+    const std::string folder = moveDestination();
+    if (!runConfiguration_.quarantineOrTrash || runConfiguration_.quarantineOrTrash->empty() || folder.empty())
+        return true;
+    std::string why;
+    if (const std::optional<std::string> moved = moveScannedFile(path, file.get(), folder, &why))
+        handleLine(path + ": moved to '" + *moved + "'");
+    else
+        logLine("ERROR: Can't move file " + displayText(path) + " to " + displayText(folder) + ": " + why);
+    return true;
+}
+
+void PatientScanner::raiseAlert(const std::string& line, const std::string& path, const Configuration& config)
 {
     if (!config.quarantineOrTrash)
+        return;
+    if (findings_ && !findings_->isNews(path))
         return;
     KorvaneVelgar& controller = *korvaneVelgarController;
     ScanAlerts* alerts = controller.scanAlerts();
@@ -398,14 +538,13 @@ void PatientScanner::raiseAlert(const std::string& line, const Configuration& co
             nsLog("Error loading Nib for document!");
         controller.displayGrowlDialog(KorvaneVelgar::kQuarantined, line);
     } else if (mode.empty()) {
-        if (!alerts || !alerts->showWarningDialog(myName(), line)) {
+        if (!alerts || !alerts->showWarningDialog(myName(), line, path)) {
             nsLog("Error loading Nib for document!");
             return;
         }
         controller.displayGrowlDialog(KorvaneVelgar::kFound, line);
     } else if (mode == "T") {
-        const int colon = getLastColon(line);
-        controller.displayGrowlDialog(KorvaneVelgar::kRemoved, colon < 0 ? line : line.substr(0, static_cast<size_t>(colon)));
+        controller.displayGrowlDialog(KorvaneVelgar::kRemoved, displayText(path));
     }
 }
 

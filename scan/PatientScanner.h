@@ -1,10 +1,12 @@
 #pragma once
 
 #include "platform/ChildProcess.h"
+#include "scan/ScanResults.h"
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -29,7 +31,13 @@ struct ScanParameters {
 // one's mainLoop() on a thread of its own. A worker sleeps until the queue
 // has ready paths, takes a batch of at most 200, drops the excluded ones,
 // writes the rest to its list file and runs clamdscan over it, turning the
-// output into scan-log lines and alerts while the program runs.
+// output into scan-log lines and alerts while the program runs. Paths that
+// the list file or clamdscan's output cannot carry (listFileCanCarry) are
+// scanned by descriptor over clamd's own protocol instead, and the worker
+// writes the result lines and moves infected files itself.
+//
+// A result line acts (alert, Trash bookkeeping) only for a path the run
+// asked about; anything else is logged as unexpected output.
 //
 // setMenuAndParams() runs on the main thread, possibly while the worker is
 // busy; everything else runs on the worker's thread. The configuration is
@@ -65,23 +73,27 @@ public:
     void takeConfigurationForRun();
 
     void getItemsToScan(Dispatcher& dispatcher);
+    void queueFilesOfFolders(Dispatcher& dispatcher);
     void determineWhatToScan();
 
-    // How clamdscan is told the batch: a list file, or the paths as its
-    // arguments (for paths its list reader would cut, see scanBatch).
-    enum class PathsGiven { InListFile, AsArguments };
-    void performScan(PathsGiven given = PathsGiven::InListFile);
+    // Runs clamdscan over scanList_, given in the list file.
+    void performScan();
 
-    // clamdscan reads its list file in lines of about a kilobyte and takes
-    // the rest of a longer line for a path of its own. Paths of this length
-    // or more go to it as arguments instead.
-    static constexpr size_t kLongestListedPath = 1000;
+    // Scans each of scanList_ by descriptor (ClamdCtrl::scanOpenFile) and
+    // handles the result lines it writes for them as clamdscan's.
+    void scanByDescriptor();
 
     // Turns one chunk of clamdscan's output into scan-log lines and alerts.
+    // A line split between chunks waits for its end; finishOutput() takes
+    // a last line that has none.
     void dealWithOutput(std::string_view chunk);
+    void finishOutput();
 
-    // Index of the last ":" in the text, or -1.
-    static int getLastColon(const std::string& text);
+    // The paths of the current run, which its result lines may act on.
+    AskedPaths& askedPaths() { return asked_; }
+
+    // Shared by the scanners, so one finding gives one warning.
+    void setFindingMemory(std::shared_ptr<FindingMemory> memory) { findings_ = std::move(memory); }
 
     // The list file: KorvaneVelgarScanList_<name>.txt in the agent's private
     // temporary folder.
@@ -108,10 +120,13 @@ private:
 
     Configuration configuration() const;
     bool writeListFile(const std::string& path, const std::string& text);
-    void raiseAlert(const std::string& line, const Configuration& config);
-    void logLine(const char* stamp, const std::string& line);
-    void recoverWithLine(const char* stamp);
+    void handleLine(std::string_view line);
+    bool scanOneByDescriptor(const std::string& path);
+    void raiseAlert(const std::string& line, const std::string& path, const Configuration& config);
+    void logLine(const std::string& text);
+    void recoverWithLine();
     void alertEngineUnreachable();
+    std::string moveDestination() const;
 
     KorvaneVelgar* korvaneVelgarController = nullptr;
     std::vector<std::string> scanList_; // the current batch; worker thread only
@@ -126,6 +141,10 @@ private:
     uint64_t runGeneration_ = 0;     // the daemon the run began with (see ClamdSupervisor)
     bool rerunOnNewEngine_ = false;  // the run lost its daemon to a new one
     bool relaunchedInRun_ = false;   // the run's daemon died and was launched again
+    AskedPaths asked_;
+    std::unordered_set<std::string> foundInRun_;
+    std::string partialLine_;        // output after the last line break
+    std::shared_ptr<FindingMemory> findings_ = std::make_shared<FindingMemory>();
 
     std::atomic<pid_t> clientPid_{-1};
     std::atomic<bool> stopRequested_{false};

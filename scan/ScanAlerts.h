@@ -19,9 +19,11 @@ public:
     // dialog first).
     virtual bool showQuarantinedDialog(const std::string& ownerName, const std::string& quarantineFolder) = 0;
 
-    // "WarningDialog" with the finding's whole output line as its message,
-    // and a FileRemover that carries out the user's choice.
-    virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine) = 0;
+    // "WarningDialog" with the finding's whole output line as its message
+    // (as the log shows it, odd bytes escaped), and a FileRemover that
+    // carries out the user's choice on foundPath, the file's real name.
+    virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
+                                   const std::string& foundPath) = 0;
 
     // "QuarantinedDialog" used for an unreachable engine: the message
     // replaces the dialog's own text and its action button, titled

@@ -1,7 +1,13 @@
 #include "scan/TrashInfo.h"
 
-#include "platform/FileWriting.h"
+#include "platform/LongPath.h"
 #include "platform/Paths.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 
 namespace kv {
@@ -58,7 +64,14 @@ bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime)
     if (moved.destination.compare(0, files.size(), files) != 0)
         return false;
     const std::string name = moved.destination.substr(files.size());
-    if (name.empty() || name.find('/') != std::string::npos)
+    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..")
+        return false;
+    // Only a move that happened: the file is in the Trash and gone from
+    // where it was.
+    struct stat info{};
+    if (::lstat(moved.destination.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+        return false;
+    if (statPath(moved.originalPath, &info, false) || errno != ENOENT)
         return false;
 
     std::tm local{};
@@ -68,8 +81,14 @@ bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime)
     const std::string text =
         "[Trash Info]\nPath=" + percentEncodePath(moved.originalPath) + "\nDeletionDate=" + date + "\n";
 
+    // A new file or none: an entry the desktop already knows is never
+    // rewritten, and a link planted there is never followed.
     const std::string infoPath = joinPath(trashFolder(), "info/" + name + ".trashinfo");
-    return writeFileNoFollow(infoPath, text);
+    const int fd = ::open(infoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return false;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    return ::close(fd) == 0 && written;
 }
 
 } // namespace kv

@@ -27,8 +27,10 @@ std::string percentEncodePath(const std::string& path);
 
 // Writes info/<name>.trashinfo for a file that now lies at files/<name>, so
 // the desktop can show where it came from and restore it. False when the
-// destination is not inside the Trash's files folder or the file cannot be
-// written. Never follows a link planted at the .trashinfo path.
+// destination is not a file inside the Trash's files folder, when the
+// original path still exists (nothing was moved), or when the .trashinfo
+// exists already (it is created, never overwritten, and a link planted
+// there is never followed).
 bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime);
 
 } // namespace kv

@@ -5,15 +5,14 @@
 
 #include <QDialog>
 #include <QGuiApplication>
-#include <QLabel>
 #include <QPushButton>
 
 namespace kv {
 
-FileRemover::FileRemover(QDialog* dialog, QLabel* message, QPushButton* delete_, QPushButton* ignore,
+FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* delete_, QPushButton* ignore,
                          KorvaneVelgar& controller, Workspace& workspace)
-    : QObject(dialog), theDialog(dialog), theMessage(message), deleteButton(delete_), controller_(controller),
-      workspace_(workspace)
+    : QObject(dialog), theDialog(dialog), deleteButton(delete_), foundPath_(std::move(foundPath)),
+      controller_(controller), workspace_(workspace)
 {
     for (QPushButton* button : {delete_, ignore}) {
         if (button)
@@ -33,24 +32,11 @@ FileRemover::~FileRemover()
         controller_.removeFromDialogList(this);
 }
 
-int FileRemover::getLastColon(const std::string& text)
-{
-    const size_t colon = text.rfind(':');
-    return colon == std::string::npos ? -1 : static_cast<int>(colon);
-}
-
-std::string FileRemover::foundPath() const
-{
-    const std::string message = theMessage ? theMessage->text().toStdString() : std::string();
-    const int colon = getLastColon(message);
-    return colon < 0 ? message : message.substr(0, static_cast<size_t>(colon));
-}
-
 void FileRemover::moveToTrash(const QObject* sender, Qt::KeyboardModifiers modifiers)
 {
     if (!listed_)
         return;
-    const std::string path = foundPath();
+    const std::string& path = foundPath_;
     if (sender && sender == deleteButton.data()) {
         if (!workspace_.recycleFile(path))
             workspace_.beep();

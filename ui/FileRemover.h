@@ -8,7 +8,6 @@
 #include <string>
 
 class QDialog;
-class QLabel;
 class QPushButton;
 
 namespace kv {
@@ -28,7 +27,9 @@ class FileRemover : public QObject, public DialogListEntry {
     Q_OBJECT
 public:
     // Connects the dialog's buttons and joins the controller's dialog list.
-    FileRemover(QDialog* theDialog, QLabel* theMessage, QPushButton* deleteButton, QPushButton* ignoreButton,
+    // foundPath is the file's name as it is on disk; the dialog's message
+    // shows it escaped, so it is never read back from there.
+    FileRemover(QDialog* theDialog, std::string foundPath, QPushButton* deleteButton, QPushButton* ignoreButton,
                 KorvaneVelgar& controller, Workspace& workspace);
     ~FileRemover() override;
 
@@ -38,17 +39,13 @@ public:
 
     void ignoreWarning() override;
 
-    // Index of the last ":" in the text, or -1 when there is none.
-    static int getLastColon(const std::string& text);
-
-    // The found file: the message up to its last colon.
-    std::string foundPath() const;
+    const std::string& foundPath() const { return foundPath_; }
 
 private:
     void closeDialog();
 
     QPointer<QDialog> theDialog;
-    QPointer<QLabel> theMessage;
+    std::string foundPath_;
     QPointer<QPushButton> deleteButton;
     KorvaneVelgar& controller_;
     Workspace& workspace_;

@@ -108,21 +108,25 @@ bool InfectionDialogs::showEngineUnreachableDialog(const std::string& ownerName,
     });
 }
 
-bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std::string& outputLine)
+bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std::string& outputLine,
+                                         const std::string& foundPath)
 {
-    return onMainThread([this, ownerName, outputLine] {
+    return onMainThread([this, ownerName, outputLine, foundPath] {
         if (!controller_)
             return false;
         QDialog* dialog = loadDialogFile(resourcesFolder_, "WarningDialog.ui");
         if (!dialog)
             return false;
         auto* message = dialog->findChild<QLabel*>("theMessage");
-        if (message)
+        if (message) {
+            // A file name is no markup: "<img src=...>" stays text.
+            message->setTextFormat(Qt::PlainText);
             message->setText(QString::fromStdString(outputLine));
+        }
         Owner& owner = owners_[ownerName];
         owner.outlets.theDialog = dialog;
         owner.outlets.theMessage = message;
-        new FileRemover(dialog, message, dialog->findChild<QPushButton*>("deleteButton"),
+        new FileRemover(dialog, foundPath, dialog->findChild<QPushButton*>("deleteButton"),
                         dialog->findChild<QPushButton*>("ignoreButton"), *controller_, workspace_);
         orderFrontRegardless(dialog);
         return true;

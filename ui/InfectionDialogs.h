@@ -39,7 +39,8 @@ public:
     void setKorvaneVelgarController(KorvaneVelgar* controller) { controller_ = controller; }
 
     bool showQuarantinedDialog(const std::string& ownerName, const std::string& quarantineFolder) override;
-    bool showWarningDialog(const std::string& ownerName, const std::string& outputLine) override;
+    bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
+                           const std::string& foundPath) override;
     bool showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
                                      const std::string& quitTitle) override;
 

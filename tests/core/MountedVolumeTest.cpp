@@ -103,6 +103,10 @@ TEST_F(MountedVolumes, NewVolumeIsScannedWholeWhenAsked)
     kv::Dispatcher& queue = agent.theDispatcher();
     queue.runOneCycle();
     EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{volume.path()}) << "the volume is one item";
+    // ... scanned file by file: its files join the queue.
+    kvtest::captureStandardStreams([&] { agent.firstPatientScanner().scanBatch(queue); });
+    queue.runOneCycle();
+    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{volume.path() + "/eicar.com"});
     const std::string output = kvtest::captureStandardStreams([&] { agent.firstPatientScanner().scanBatch(queue); });
     EXPECT_NE(output.find(volume.path() + "/eicar.com: "), std::string::npos) << output;
     EXPECT_NE(output.find(" FOUND"), std::string::npos) << output;

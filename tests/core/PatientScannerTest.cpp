@@ -2,6 +2,7 @@
 // output: log lines, alerts by handling mode, recovery of a lost daemon.
 
 #include "app/KorvaneVelgar.h"
+#include "platform/PathText.h"
 #include "scan/ExclusionPatterns.h"
 #include "scan/TrashInfo.h"
 #include "tests/support/TestSupport.h"
@@ -165,6 +166,96 @@ TEST_F(Scanning, FaultInARunIsReportedAndTheCountRestored)
     EXPECT_EQ(controller_->scannerCount(), 0);
 }
 
+// Names that clamdscan's list or output cannot carry are scanned by
+// descriptor, exactly as they are, and handled by mode like any other; a
+// name built to look like result lines acts on nothing.
+TEST_F(Scanning, EveryNameIsScannedAsItIsAndNoNameForgesAResult)
+{
+    namespace fs = std::filesystem;
+    const std::string watched = home_ / "watched";
+    const std::string trashFiles = kv::trashFilesFolder();
+    const std::string trashInfo = kv::trashFolder() + "/info";
+    const std::string finding = ": Eicar-Test-Signature.UNOFFICIAL FOUND";
+    const std::string victim = file("victim.txt", "clean\n");
+    const std::string evil = file("evil", "clean neighbour\n");
+    // Infected files whose folders spell result lines: one that claims the
+    // victim is infected, one that claims it was moved to the Trash.
+    const std::vector<std::string> forgers = {watched + "/a\n" + victim + finding + "\n/z.com",
+                                              watched + "/b\n" + victim + ": moved to '" + trashFiles +
+                                                  "/victim.txt'\n/z.com"};
+    struct ModeCase {
+        const char* name;
+        QJsonObject preferences;
+        std::string movedTo;  // "" when infected files stay
+    };
+    const std::vector<ModeCase> modes = {
+        {"quarantine", {{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(home_ / "Q")}},
+         home_ / "Q"},
+        {"Trash", {{"VelgarTrashFiles", true}}, trashFiles},
+        {"warn", {}, ""},
+    };
+    for (const ModeCase& mode : modes) {
+        start(mode.preferences);
+        std::vector<std::string> infected = {watched + "/evil\r", watched + "/line\nbreak.com",
+                                             watched + "/latin1-\xe9t\xe9.com",
+                                             watched + "/" + std::string(250, 'l') + "/" + std::string(250, 'l') + "/" +
+                                                 std::string(250, 'l') + "/" + std::string(250, 'l') + "/long.com"};
+        infected.insert(infected.end(), forgers.begin(), forgers.end());
+        for (const std::string& path : infected) {
+            fs::create_directories(fs::path(path).parent_path());
+            kvtest::writeFile(path, kvtest::eicar());
+        }
+        const size_t dialogsBefore = alerts_.shown().size();
+        const std::string log = scan(infected);
+
+        for (const std::string& path : infected) {
+            const std::string shown = kv::displayText(path);
+            EXPECT_NE(log.find(shown + finding + "\n"), std::string::npos) << mode.name << ": " << shown << "\n" << log;
+            EXPECT_EQ(kvtest::exists(path), mode.movedTo.empty()) << mode.name << ": " << shown;
+        }
+        EXPECT_EQ(kvtest::readFile(victim), "clean\n") << mode.name;
+        EXPECT_EQ(kvtest::readFile(evil), "clean neighbour\n") << mode.name;
+        EXPECT_FALSE(kvtest::exists(trashInfo + "/victim.txt.trashinfo")) << mode.name;
+        for (const std::string& line : linesOf(log))
+            EXPECT_FALSE(line.substr(20).starts_with(victim)) << mode.name << ": " << line;
+        for (size_t i = dialogsBefore; i < alerts_.shown().size(); ++i) {
+            EXPECT_NE(alerts_.shown()[i].path, victim) << mode.name;
+            if (alerts_.shown()[i].dialog == "Warning")
+                EXPECT_TRUE(std::find(infected.begin(), infected.end(), alerts_.shown()[i].path) != infected.end());
+        }
+        if (mode.movedTo == trashFiles) {
+            // Each trashed file can be put back where it was.
+            for (const std::string& path : infected) {
+                const std::string encoded = "Path=" + kv::percentEncodePath(path) + "\n";
+                bool recorded = false;
+                for (const auto& entry : fs::directory_iterator(trashInfo))
+                    recorded = recorded || kvtest::readFile(entry.path()).find(encoded) != std::string::npos;
+                EXPECT_TRUE(recorded) << kv::displayText(path);
+            }
+        }
+        if (!mode.movedTo.empty())
+            EXPECT_NE(log.find(kv::displayText(infected[0] + ": moved to '" + mode.movedTo + "/evil\r'")),
+                      std::string::npos) << log;
+        for (const std::string& path : infected)
+            fs::remove(path);
+    }
+}
+
+// The same unchanged file reported twice warns once; changed, it warns again.
+TEST_F(Scanning, OneFindingOneWarning)
+{
+    start();
+    const std::string path = file("twice.com", kvtest::eicar());
+    scan({path});
+    scan({path});
+    EXPECT_EQ(alerts_.shown().size(), 1u);
+    EXPECT_EQ(notifier_.sent().size(), 1u);
+    kvtest::writeFile(path, kvtest::eicar() + "changed");
+    scan({path});
+    EXPECT_EQ(alerts_.shown().size(), 2u);
+    EXPECT_EQ(notifier_.sent().size(), 2u);
+}
+
 // Output handling, chunk by chunk, with the worker configured in each mode.
 class OutputHandling : public Scanning {};
 
@@ -178,21 +269,34 @@ struct OutputCase {
 TEST_F(OutputHandling, ChunksBecomeLinesAndAlerts)
 {
     start();
-    controller_->firstPatientScanner().takeConfigurationForRun();
+    kv::PatientScanner& scanner = controller_->firstPatientScanner();
+    scanner.takeConfigurationForRun();
+    for (const char* asked : {"/a", "/long/path", "/1", "/2", "/3", "/4: E FOUND", "/odd\xff", "/x"})
+        scanner.askedPaths().insert(asked);
     const std::vector<OutputCase> cases = {
         {"one line", {"/a: OK\n"}, {"/a: OK"}, 0},
-        {"split line logged as two parts", {"/long/pa", "th: OK\n"}, {"/long/pa", "th: OK"}, 0},
-        {"cut inside a multi-byte character", {"/caf\xc3", "\xa9: OK\n"}, {}, 0},
+        {"a line split between reads is one line", {"/long/pa", "th: OK\n"}, {"/long/path: OK"}, 0},
+        {"cut inside a multi-byte character", {"/caf\xc3", "\xa9: OK\n"}, {"/caf\xc3\xa9: OK"}, 0},
+        {"a line that is not UTF-8 hides no other", {"/odd\xff: E FOUND\n/3: E FOUND\n"},
+         {"/odd\\xff: E FOUND", "/3: E FOUND"}, 2},
         {"short lines", {"a\nab\nabcde\n\n-----\nTime:\n"}, {"a", "ab", "abcde", "-----", "Time:"}, 0},
         {"summary skipped",
-         {"\n----------- SCAN SUMMARY -----------\nInfected files: 1\nTotal errors: 1\nTime: 0.1 sec\n"},
-         {"Total errors: 1"},
+         {"\n----------- SCAN SUMMARY -----------\nInfected files: 1\nTotal errors: 1\nTime: 0.1 sec\n"
+          "Start Date: 2026:11:23 18:52:10\nEnd Date:   2026:11:23 18:52:10\n"},
+         {},
          0},
         {"FOUND not at the end", {"/x: FOUND it OK\n"}, {"/x: FOUND it OK"}, 0},
         {"three findings in one chunk",
-         {"/1: E.UNOFFICIAL FOUND\n/2: E.UNOFFICIAL FOUND\n/3: E.UNOFFICIAL FOUND\n"},
-         {"/1: E.UNOFFICIAL FOUND", "/2: E.UNOFFICIAL FOUND", "/3: E.UNOFFICIAL FOUND"},
+         {"/1: E.UNOFFICIAL FOUND\n/2: E.UNOFFICIAL FOUND\n/4: E FOUND: E.UNOFFICIAL FOUND\n"},
+         {"/1: E.UNOFFICIAL FOUND", "/2: E.UNOFFICIAL FOUND", "/4: E FOUND: E.UNOFFICIAL FOUND"},
          3},
+        {"a finding for a path not asked about only logged",
+         {"/elsewhere: E.UNOFFICIAL FOUND\n/a: E FOUND: OK\n"},
+         {"Unexpected scanner output: /elsewhere: E.UNOFFICIAL FOUND", "/a: E FOUND: OK"},
+         0},
+        {"a move of a file not found only logged", {"/a: moved to '/t/files/a'\n"},
+         {"Unexpected scanner output: /a: moved to '/t/files/a'"}, 0},
+        {"control characters escaped", {"/b\r\t\\: OK\n"}, {"/b\\r\\t\\\\: OK"}, 0},
         {"warning with trailing text is an ordinary line",
          {"WARNING: Can't connect to clamd. Retrying\n"},
          {"WARNING: Can't connect to clamd. Retrying"},
@@ -202,7 +306,8 @@ TEST_F(OutputHandling, ChunksBecomeLinesAndAlerts)
         const size_t alertsBefore = alerts_.shown().size();
         const std::string log = kvtest::captureStandardStreams([&] {
             for (const std::string& chunk : c.chunks)
-                controller_->firstPatientScanner().dealWithOutput(chunk);
+                scanner.dealWithOutput(chunk);
+            scanner.finishOutput();
         });
         std::vector<std::string> texts;
         for (const std::string& line : linesOf(log)) {
@@ -262,6 +367,7 @@ TEST_F(OutputHandling, DialogsByModeAndSwitch)
         const size_t notificationsBefore = notifier_.sent().size();
         kvtest::LogCapture capture;
         controller_->firstPatientScanner().takeConfigurationForRun();
+        controller_->firstPatientScanner().askedPaths().insert("/q/e.com");
         kvtest::captureStandardStreams([&] { controller_->firstPatientScanner().dealWithOutput(line + "\n"); });
         std::vector<std::string> dialogs, notifications;
         for (size_t i = dialogsBefore; i < alerts_.shown().size(); ++i)

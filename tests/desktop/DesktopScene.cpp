@@ -141,7 +141,7 @@ int main(int argc, char* argv[])
                 mainMenu.theMenu()->popup(icon.isValid() ? icon.bottomLeft() : QPoint(0, 0));
                 answer(command);
             } else if (command == "warning") {
-                dialogs.showWarningDialog("firstPatientScanner", argument);
+                dialogs.showWarningDialog("firstPatientScanner", argument, argument.substr(0, argument.rfind(": ")));
                 answer(command);
             } else if (command == "notify") {
                 controller.displayGrowlDialog(kv::KorvaneVelgar::kFound, argument);

@@ -35,7 +35,7 @@ protected:
         for (const char* name : {"invoice.pdf.exe", "setup.com", "notes:2024.doc"}) {
             files_.push_back(data_ / ("Downloads/" + std::string(name)));
             kvtest::writeFile(files_.back(), kvtest::eicar());
-            ASSERT_TRUE(dialogs_.showWarningDialog("firstPatientScanner", files_.back() + ": Eicar-Signature FOUND"));
+            ASSERT_TRUE(dialogs_.showWarningDialog("firstPatientScanner", files_.back() + ": Eicar-Signature FOUND", files_.back()));
             windows_.push_back(dialogs_.outletsOf("firstPatientScanner").theDialog);
         }
     }
@@ -168,8 +168,8 @@ TEST(InfectionDialogs, ScannerThreadGetsItsDialogOrFalseWhenTheFileIsMissing)
     // running while the scanner waits.
     std::atomic<int> results{-1};
     std::thread scanner([&] {
-        const bool shown = dialogs.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND");
-        const bool notShown = missing.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND");
+        const bool shown = dialogs.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com");
+        const bool notShown = missing.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com");
         results = (shown ? 1 : 0) + (notShown ? 2 : 0);
     });
     EXPECT_TRUE(QTest::qWaitFor([&] { return results >= 0; }, 10000));

@@ -333,9 +333,9 @@ bool RecordingAlerts::showQuarantinedDialog(const std::string& owner, const std:
     return record({"Quarantined", owner, folder, {}});
 }
 
-bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line)
+bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line, const std::string& path)
 {
-    return record({"Warning", owner, line, {}});
+    return record({"Warning", owner, line, {}, path});
 }
 
 bool RecordingAlerts::showEngineUnreachableDialog(const std::string& owner, const std::string& message,

@@ -171,10 +171,11 @@ public:
         std::string owner;
         std::string text;    // quarantine folder, output line or message
         std::string quitTitle;
+        std::string path;    // the found file's real name, for a warning
     };
     bool loads = true;  // false: the interface files cannot be loaded
     bool showQuarantinedDialog(const std::string& owner, const std::string& folder) override;
-    bool showWarningDialog(const std::string& owner, const std::string& line) override;
+    bool showWarningDialog(const std::string& owner, const std::string& line, const std::string& path) override;
     bool showEngineUnreachableDialog(const std::string& owner, const std::string& message,
                                      const std::string& quitTitle) override;
     std::vector<Shown> shown() const;

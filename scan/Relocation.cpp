@@ -1,0 +1,105 @@
+#include "scan/Relocation.h"
+
+#include "platform/LongPath.h"
+#include "platform/UniqueFd.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace kv {
+namespace {
+
+// The name with the numbered ending, shortened when the whole would be
+// longer than a name may be.
+std::string candidate(const std::string& name, int number)
+{
+    if (number == 0)
+        return name;
+    char ending[8];
+    std::snprintf(ending, sizeof ending, ".%03d", number);
+    return name.substr(0, NAME_MAX - std::strlen(ending)) + ending;
+}
+
+bool copyContents(int from, int to)
+{
+    char buffer[64 * 1024];
+    for (off_t offset = 0;;) {
+        const ssize_t length = ::pread(from, buffer, sizeof buffer, offset);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length <= 0)
+            return length == 0;
+        for (ssize_t written = 0; written < length;) {
+            const ssize_t n = ::write(to, buffer + written, static_cast<size_t>(length - written));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return false;
+            written += n;
+        }
+        offset += length;
+    }
+}
+
+} // namespace
+
+std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
+                                           std::string* why)
+{
+    struct stat scanned{};
+    struct stat named{};
+    const ParentAndName source = openParent(path);
+    if (!source.folder || ::fstat(scannedFd, &scanned) != 0 ||
+        ::fstatat(source.folder.get(), source.name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        *why = std::strerror(errno);
+        return std::nullopt;
+    }
+    if (named.st_dev != scanned.st_dev || named.st_ino != scanned.st_ino) {
+        *why = "the name no longer leads to the file that was scanned";
+        return std::nullopt;
+    }
+    const UniqueFd target = openPath(folder, O_PATH | O_DIRECTORY);
+    if (!target) {
+        *why = folder + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    const std::string destination = folder.ends_with('/') ? folder : folder + "/";
+    for (int number = 0; number < 1000; ++number) {
+        const std::string name = candidate(source.name, number);
+        if (::renameat2(source.folder.get(), source.name.c_str(), target.get(), name.c_str(), RENAME_NOREPLACE) == 0)
+            return destination + name;
+        if (errno == EEXIST)
+            continue;
+        if (errno != EXDEV) {
+            *why = std::strerror(errno);
+            return std::nullopt;
+        }
+        // Another file system: a copy of what was scanned, then the name
+        // goes. The copy is made private; the original's mode says nothing
+        // about who should read a quarantined file.
+        UniqueFd copy(::openat(target.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!copy && errno == EEXIST)
+            continue;
+        if (!copy || !copyContents(scannedFd, copy.get()) || ::fsync(copy.get()) != 0) {
+            *why = std::strerror(errno);
+            if (copy)
+                ::unlinkat(target.get(), name.c_str(), 0);
+            return std::nullopt;
+        }
+        if (::unlinkat(source.folder.get(), source.name.c_str(), 0) != 0) {
+            *why = std::string("copied, but the original could not be removed: ") + std::strerror(errno);
+            return destination + name;
+        }
+        return destination + name;
+    }
+    *why = "every name in " + folder + " is taken";
+    return std::nullopt;
+}
+
+} // namespace kv

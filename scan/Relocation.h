@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace kv {
+
+// Moves an infected file that was scanned by descriptor into a folder (the
+// quarantine folder or the Trash's files folder), the way clamdscan's
+// --move does for the files it names: under its own name, or NAME.001,
+// NAME.002, ... when that is taken; nothing is ever replaced.
+//
+// Only the file that was scanned is moved: the name must still lead to the
+// same file (device and inode of scannedFd), or it is left where it is. A
+// move across file systems copies the scanned contents, then removes the
+// name. Returns the new path, or nothing with *why set.
+std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
+                                           std::string* why);
+
+} // namespace kv
