@@ -5,10 +5,10 @@
 #include "eventhelper/HelperOutput.h"
 #include "platform/ChildProcess.h"
 #include "platform/Log.h"
+#include "platform/PathText.h"
 #include "platform/Paths.h"
 #include "platform/RootControlled.h"
 #include "platform/UniqueFd.h"
-#include "platform/Utf8.h"
 #include "queue/Dispatcher.h"
 
 #include <poll.h>
@@ -49,6 +49,7 @@ constexpr auto kTerminateGrace = std::chrono::seconds(2);
 // apart: any user can overflow the kernel's queue, and must not be able to
 // keep every agent walking without end.
 constexpr auto kWalkSpacing = std::chrono::seconds(30);
+constexpr size_t kLongestRecord = 1024 * 1024;
 
 std::string parentOf(const std::string& path)
 {
@@ -210,6 +211,9 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         return RunEnd::Ended;
     }
     const pid_t pid = task->pid();
+    partialRecord_.clear();
+    fieldsOf_.clear();
+    fields_.clear();
     bool registered = false;
     {
         std::lock_guard<std::mutex> held(mutex_);
@@ -304,48 +308,115 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
 
 void FSEventWatcher::taskDataAvailable(std::string_view chunk)
 {
-    if (chunk.empty() || !isValidUtf8(chunk))
-        return;
     const std::shared_ptr<const WatchList> list = watchList();
+    partialRecord_.append(chunk);
     size_t start = 0;
-    while (start < chunk.size()) {
-        const size_t end = std::min(chunk.find('\n', start), chunk.size());
-        const std::string_view line = chunk.substr(start, end - start);
-        start = end + 1;
-        if (line.starts_with('/')) {
-            if (list->admits(line))
-                queue_.addStringToItemList(std::string(line));
-        } else if (line == gfs::kQueueOverflowed) {
-            scanWatchedFoldersWhole();
-        } else if (line.starts_with(gfs::kDiagnosticPrefix)) {
-            std::unique_lock<std::mutex> held(mutex_);
-            if (diagnosticsLogged_.insert(std::string(line)).second) {
-                held.unlock();
-                nsLog(std::string(line));
-            }
-        }
+    for (size_t end; (end = partialRecord_.find(gfs::kRecordEnd, start)) != std::string::npos; start = end + 1)
+        handleRecord(std::string_view(partialRecord_).substr(start, end - start), *list);
+    partialRecord_.erase(0, start);
+    // No path is this long: text without record ends (a sanitizer's report
+    // in a test build) is dropped rather than kept without bound.
+    if (partialRecord_.size() > kLongestRecord)
+        partialRecord_.clear();
+}
+
+void FSEventWatcher::handleRecord(std::string_view record, const WatchList& list)
+{
+    if (!fieldsOf_.empty()) {
+        fields_.emplace_back(record);
+        if (fields_.size() == 2)
+            handleFields(list);
+        return;
     }
+    if (record.starts_with('/')) {
+        if (list.admits(record))
+            queue_.addStringToItemList(std::string(record));
+    } else if (record == gfs::kQueueOverflowed) {
+        scanWatchedFoldersWhole();
+    } else if (record == gfs::kFolderArrived || record == gfs::kUnresolved) {
+        fieldsOf_ = record;
+    } else if (record.starts_with(gfs::kDiagnosticPrefix)) {
+        if (record.ends_with('\n'))
+            record.remove_suffix(1);
+        logOnce(displayText(record));
+    }
+}
+
+void FSEventWatcher::handleFields(const WatchList& list)
+{
+    const std::string kind = std::exchange(fieldsOf_, std::string());
+    const std::vector<std::string> fields = std::exchange(fields_, {});
+    if (kind == gfs::kFolderArrived) {
+        const std::string& from = fields[0];
+        const std::string& to = fields[1];
+        // Its files raised no events of their own as it arrived; they were
+        // scanned already only if they were watched where it came from.
+        if (!to.starts_with('/') || (from.starts_with('/') && list.watchesWholeTree(from)))
+            return;
+        scanFolderWhole(to);
+        return;
+    }
+    const std::string& reason = fields[0];
+    const std::string& folder = fields[1];
+    if (!folder.starts_with('/')) {
+        logOnce("gfslogger could not give the path of a file event (" + displayText(reason) + ")");
+        return;
+    }
+    logOnce("gfslogger could not give the path of a file event (" + displayText(reason) + "), so the folder " +
+            displayText(folder) + " is scanned whole");
+    scanFolderWhole(folder);
+}
+
+void FSEventWatcher::logOnce(const std::string& line)
+{
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        if (!diagnosticsLogged_.insert(line).second)
+            return;
+    }
+    nsLog(line);
 }
 
 void FSEventWatcher::scanWatchedFoldersWhole()
 {
     {
         std::lock_guard<std::mutex> held(mutex_);
-        if (walking_) {
-            walkAgain_ = true;
+        if (overflowWalkDue_)
             return;
-        }
-        walking_ = true;
-        ++runningLoops_;
+        overflowWalkDue_ = true;
     }
     nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
           "scanned");
+    startWalking();
+}
+
+void FSEventWatcher::scanFolderWhole(const std::string& folder)
+{
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        if (std::find(foldersToWalk_.begin(), foldersToWalk_.end(), folder) != foldersToWalk_.end())
+            return;
+        foldersToWalk_.push_back(folder);
+    }
+    startWalking();
+}
+
+void FSEventWatcher::startWalking()
+{
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        if (walking_)
+            return;
+        walking_ = true;
+        ++runningLoops_;
+    }
     try {
         std::thread([this] { walkFolders(); }).detach();
     } catch (const std::exception& error) {
         nsLogf("The folder walk cannot be started: %s", error.what());
         std::lock_guard<std::mutex> held(mutex_);
-        walking_ = false;
+        walking_ = overflowWalkDue_ = false;
+        foldersToWalk_.clear();
         --runningLoops_;
         changed_.notify_all();
     }
@@ -359,34 +430,51 @@ bool FSEventWatcher::isWalkingFolders() const
 
 void FSEventWatcher::walkFolders()
 {
-    // A stop of the loop that read the overflow ends the walk.
+    // A stop of the loop that was watching ends the walk.
     std::shared_ptr<Loop> loop;
     {
         std::lock_guard<std::mutex> held(mutex_);
         loop = current_;
     }
     const auto goesOn = [&loop] { return !loop || loop->isWatching; };
+    // Any user can overflow the kernel's queue: walks of every watched
+    // folder start at least kWalkSpacing apart, so no one can keep every
+    // agent walking without end. Folders moved in are walked at once.
+    Clock::time_point nextWholeWalk = Clock::now();
     for (;;) {
-        const Clock::time_point began = Clock::now();
+        std::vector<std::string> roots;
+        {
+            std::lock_guard<std::mutex> held(mutex_);
+            const bool wholeWalkNow = overflowWalkDue_ && Clock::now() >= nextWholeWalk;
+            if (!goesOn() || (foldersToWalk_.empty() && !overflowWalkDue_)) {
+                walking_ = overflowWalkDue_ = false;
+                foldersToWalk_.clear();
+                --runningLoops_;
+                changed_.notify_all();
+                return;
+            }
+            if (!foldersToWalk_.empty()) {
+                roots.swap(foldersToWalk_);
+            } else if (wholeWalkNow) {
+                overflowWalkDue_ = false;
+                nextWholeWalk = Clock::now() + kWalkSpacing;
+                roots = {std::string()};  // stands for every watched folder
+            }
+        }
+        if (roots.empty()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            continue;
+        }
         // The list of the moment: a restart while walking hands over a new one.
-        watchList()->forEachAdmittedFile([this, &goesOn](std::vector<std::string>& files) {
+        const std::shared_ptr<const WatchList> list = watchList();
+        if (roots.size() == 1 && roots.front().empty())
+            roots = list->folders();
+        list->forEachAdmittedFileIn(roots, [this, &goesOn](std::vector<std::string>& files) {
             if (!goesOn())
                 return false;
             queue_.addToItemList(files);
             return true;
         });
-        {
-            std::lock_guard<std::mutex> held(mutex_);
-            if (!walkAgain_ || !goesOn()) {
-                walking_ = walkAgain_ = false;
-                --runningLoops_;
-                changed_.notify_all();
-                return;
-            }
-            walkAgain_ = false;
-        }
-        while (goesOn() && Clock::now() - began < kWalkSpacing)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
 

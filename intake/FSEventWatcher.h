@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kv {
 
@@ -18,8 +19,11 @@ class Dispatcher;
 class KorvaneVelgar;
 
 // The agent's file-event intake. Runs the helper gfslogger (from the
-// resources folder), reads the paths it prints, keeps those that lie in the
-// watched folders and hands them to the scan queue. The helper is started
+// resources folder), reads the records it prints (eventhelper/HelperOutput.h),
+// keeps the paths that lie in the watched folders and hands them to the scan
+// queue. A folder moved in from where its files were not watched, and the
+// folder above an event the helper could not name, are walked and their
+// files queued. The helper is started
 // again whenever it ends; when it ends with status 1 (it lacks root's
 // rights) the watcher has an administrator make it set-user-ID root,
 // through install-gfslogger and pkexec, and asks the controller for a new
@@ -59,17 +63,23 @@ public:
     bool isWatching() const;
 
     // Watcher thread (tests call it directly): one chunk of helper output.
-    // Each line in the watched folders goes to the queue once; a chunk that
-    // is not valid UTF-8 gives no lines. A line of the helper's standard
-    // error is logged the first time it is read; the overflow line starts a
-    // walk of the watched folders (scanWatchedFoldersWhole).
+    // Each path in the watched folders goes to the queue, whatever its
+    // bytes; a record split between chunks waits for its end. A diagnostic
+    // of the helper is logged the first time it is read; the overflow
+    // record starts a walk of the watched folders (scanWatchedFoldersWhole),
+    // a folder arrival or an unresolved event one of a folder (scanFolderWhole).
     void taskDataAvailable(std::string_view chunk);
 
-    // Queues every file the watch list admits, on a thread of its own. An
-    // overflow that arrives during a walk makes one more walk follow it.
+    // Queues every file the watch list admits, on the walking thread. An
+    // overflow that arrives during a walk makes one more walk follow it, at
+    // least kWalkSpacing after the last one began.
     void scanWatchedFoldersWhole();
 
-    // Whether a walk started by scanWatchedFoldersWhole() is still running.
+    // Queues every file the watch list admits below the folder, on the
+    // walking thread.
+    void scanFolderWhole(const std::string& folder);
+
+    // Whether the walking thread still has folders to walk.
     bool isWalkingFolders() const;
 
     // True when the path lies inside a Trash folder: the home Trash
@@ -89,6 +99,10 @@ private:
     enum class RunEnd { Ended, Installed };
 
     void mainLoop(const std::shared_ptr<Loop>& loop);
+    void handleRecord(std::string_view record, const WatchList& list);
+    void handleFields(const WatchList& list);
+    void logOnce(const std::string& line);
+    void startWalking();
     void walkFolders();
     RunEnd startWatching(Loop& loop);
     void installHelper(Loop& loop, const std::string& helper);
@@ -101,8 +115,14 @@ private:
     std::shared_ptr<Loop> current_;             // guarded by mutex_: the loop a stop ends
     pid_t scanCheckTask_ = -1;                  // guarded by mutex_: the running helper
     int runningLoops_ = 0;                      // guarded by mutex_: watch loops and walks
-    bool walking_ = false;                      // guarded by mutex_
-    bool walkAgain_ = false;                    // guarded by mutex_
+    bool walking_ = false;                      // guarded by mutex_: the walking thread runs
+    bool overflowWalkDue_ = false;              // guarded by mutex_
+    std::vector<std::string> foldersToWalk_;    // guarded by mutex_
+    // Watcher thread only: a record not yet ended, and a record kind that
+    // takes fields with the fields read so far.
+    std::string partialRecord_;
+    std::string fieldsOf_;
+    std::vector<std::string> fields_;
     std::set<std::string, std::less<>> diagnosticsLogged_; // guarded by mutex_
     std::shared_ptr<const WatchList> watchList_; // guarded by mutex_
 };

@@ -1,12 +1,11 @@
 #include "intake/WatchList.h"
 
 #include "intake/FSEventWatcher.h"
+#include "platform/FolderWalk.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 
-#include <filesystem>
 #include <optional>
-#include <system_error>
 
 namespace kv {
 namespace {
@@ -78,43 +77,64 @@ bool WatchList::admits(std::string_view line) const
     return false;
 }
 
-void WatchList::forEachAdmittedFile(const std::function<bool(std::vector<std::string>&)>& take) const
+std::vector<std::string> WatchList::folders() const
 {
-    namespace fs = std::filesystem;
+    std::vector<std::string> folders;
+    for (const Entry& entry : entries_)
+        folders.push_back(entry.folder);
+    return folders;
+}
+
+bool WatchList::watchesWholeTree(const std::string& folder) const
+{
+    const std::string inside = folder.ends_with('/') ? folder : folder + '/';
+    if (!quarantineDir_.empty() && inside.starts_with(quarantineDir_))
+        return false;
+    for (const Entry& entry : entries_) {
+        if (entry.subdirs && inside.starts_with(entry.folder + '/'))
+            return !FSEventWatcher::isTrashedFileAtPath(inside + '.');
+    }
+    return false;
+}
+
+bool WatchList::mayHoldAdmitted(const std::string& folder) const
+{
+    const std::string inside = folder == "/" ? folder : folder + '/';
+    if (!quarantineDir_.empty() && inside.starts_with(quarantineDir_))
+        return false;
+    for (const Entry& entry : entries_) {
+        const std::string entryInside = entry.folder == "/" ? entry.folder : entry.folder + '/';
+        // The folder itself, one on the way to it, or one below it that
+        // its subfolders setting takes in.
+        if (folder == entry.folder || entryInside.starts_with(inside) || (entry.subdirs && inside.starts_with(entryInside)))
+            return true;
+    }
+    return false;
+}
+
+void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, const Take& take) const
+{
     constexpr size_t kGroup = 1000;
     std::vector<std::string> group;
-    for (const Entry& entry : entries_) {
-        // Folder by folder, so that one that vanishes or cannot be read
-        // costs only its own entries, never the rest of the tree.
-        std::vector<std::string> folders{entry.folder};
-        while (!folders.empty()) {
-            const std::string folder = std::move(folders.back());
-            folders.pop_back();
-            std::error_code error;
-            for (fs::directory_iterator walk(folder, fs::directory_options::skip_permission_denied, error);
-                 !error && walk != fs::directory_iterator(); walk.increment(error)) {
-                const std::string& path = walk->path().native();
-                std::error_code typeError;
-                const fs::file_status status = walk->symlink_status(typeError);
-                if (typeError)
-                    continue;
-                if (fs::is_directory(status)) {
-                    if (entry.subdirs && (quarantineDir_.empty() || !(path + '/').starts_with(quarantineDir_)))
-                        folders.push_back(path);
-                    continue;
-                }
-                if (!fs::is_regular_file(status) || !admits(path))
-                    continue;
-                group.push_back(path);
-                if (group.size() == kGroup) {
-                    if (!take(group))
-                        return;
-                    group.clear();
-                }
-            }
-        }
+    std::vector<std::string> walked;
+    for (const std::string& root : roots) {
+        if (mayHoldAdmitted(root))
+            walked.push_back(root);
     }
-    if (!group.empty())
+    bool goesOn = true;
+    walkFiles(
+        walked, [this](const std::string& folder) { return mayHoldAdmitted(folder); },
+        [&](std::string&& path) {
+            if (!admits(path))
+                return true;
+            group.push_back(std::move(path));
+            if (group.size() < kGroup)
+                return true;
+            goesOn = take(group);
+            group.clear();
+            return goesOn;
+        });
+    if (goesOn && !group.empty())
         take(group);
 }
 

@@ -36,17 +36,29 @@ public:
     // folder watched alone takes only the objects directly inside it.
     bool admits(std::string_view line) const;
 
-    // Every regular file the list admits now, found by walking the watched
-    // folders (without following links, and skipping the quarantine folder
-    // and what cannot be read), handed to take in groups until take returns
-    // false. For when file events were lost and nobody knows which files
-    // changed.
-    void forEachAdmittedFile(const std::function<bool(std::vector<std::string>&)>& take) const;
+    // Every regular file the list admits now below the given folders,
+    // found by walking them (without following links, skipping the
+    // quarantine folder, folders that cannot hold admitted files and what
+    // cannot be read, with paths of any length), handed to take in groups
+    // until take returns false. For folders whose files raised no events:
+    // every watched folder when events were lost, a folder moved in whole.
+    using Take = std::function<bool(std::vector<std::string>&)>;
+    void forEachAdmittedFileIn(const std::vector<std::string>& folders, const Take& take) const;
+
+    // The watched folders themselves, for a walk of all of them.
+    std::vector<std::string> folders() const;
+
+    // Whether every file below the folder has been watched: it lies in a
+    // folder watched with its subfolders, outside the quarantine folder and
+    // the Trash. A folder moved from there has been scanned already.
+    bool watchesWholeTree(const std::string& folder) const;
 
     const std::string& quarantineDir() const { return quarantineDir_; }
     size_t size() const { return entries_.size(); }
 
 private:
+    bool mayHoldAdmitted(const std::string& folder) const;
+
     struct Entry {
         std::string path;    // as listed: a folder ends in "/"
         std::string folder;  // the same without the trailing "/"

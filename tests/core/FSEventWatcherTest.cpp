@@ -5,11 +5,13 @@
 #include "app/KorvaneVelgar.h"
 #include "intake/FSEventWatcher.h"
 #include "platform/ChildProcess.h"
+#include "platform/LongPath.h"
 #include "platform/Paths.h"
 #include "platform/RootControlled.h"
 #include "queue/Dispatcher.h"
 #include "tests/support/TestSupport.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,30 +38,46 @@ std::string at(std::string text, const std::string& folder)
     return text;
 }
 
+// The helper's records, each ended by a NUL byte.
+std::string records(std::initializer_list<std::string> items)
+{
+    std::string text;
+    for (const std::string& item : items)
+        text += item + '\0';
+    return text;
+}
+
 struct FilterCase {
     const char* name;
     std::vector<std::pair<std::string, bool>> watched;  // path and subdirectory flag
     std::string quarantine;
-    std::string chunk;
+    std::vector<std::string> chunks;
     std::vector<std::string> queued;
 };
 
-TEST(EventFilter, HandsTheQueueEachWatchedLineOnce)
+TEST(EventFilter, HandsTheQueueEachWatchedPathOnce)
 {
     const std::vector<FilterCase> cases = {
-        {"flag false: only the folder's own objects", {{"@/W/", false}}, "", "@/W/a.txt\n@/W/sub/a.txt\n", {"@/W/a.txt"}},
-        {"flag true: the whole tree", {{"@/W/", true}}, "", "@/W/a.txt\n@/W/sub/a.txt\n", {"@/W/a.txt", "@/W/sub/a.txt"}},
-        {"nothing from a Trash", {{"@/", true}}, "", "@/data/Trash/files/a.txt\n@/home/.Trash/b.txt\n@/home/c.txt\n",
-         {"@/home/c.txt"}},
-        {"quarantine is a text prefix", {{"@/", true}}, "@/Q", "@/Q/a.txt\n@/Q2/a.txt\n@/R/a.txt\n", {"@/R/a.txt"}},
-        {"no resource forks", {{"@/W/", true}}, "", "@/W/a.txt/..namedfork/rsrc\n", {}},
+        {"flag false: only the folder's own objects", {{"@/W/", false}}, "", {records({"@/W/a.txt", "@/W/sub/a.txt"})},
+         {"@/W/a.txt"}},
+        {"flag true: the whole tree", {{"@/W/", true}}, "", {records({"@/W/a.txt", "@/W/sub/a.txt"})},
+         {"@/W/a.txt", "@/W/sub/a.txt"}},
+        {"nothing from a Trash", {{"@/", true}}, "",
+         {records({"@/data/Trash/files/a.txt", "@/home/.Trash/b.txt", "@/home/c.txt"})}, {"@/home/c.txt"}},
+        {"quarantine is a text prefix", {{"@/", true}}, "@/Q", {records({"@/Q/a.txt", "@/Q2/a.txt", "@/R/a.txt"})},
+         {"@/R/a.txt"}},
+        {"no resource forks", {{"@/W/", true}}, "", {records({"@/W/a.txt/..namedfork/rsrc"})}, {}},
         {"first taker wins, once", {{"@/W/", false}, {"@/W/sub/", true}, {"@/W/", true}}, "",
-         "@/W/a.txt\n@/W/sub/a.txt\n", {"@/W/a.txt", "@/W/sub/a.txt"}},
-        {"/Wx is not in /W/", {{"@/W/", true}}, "", "@/Wx/a.txt\n", {}},
-        {"invalid UTF-8 drops the chunk", {{"@/W/", true}}, "", "@/W/a.txt\n@/W/\xff.txt\n", {}},
-        {"blank lines, last line unended", {{"@/W/", false}}, "", "\n@/W/a.txt\n\n@/W/b.txt", {"@/W/a.txt", "@/W/b.txt"}},
+         {records({"@/W/a.txt", "@/W/sub/a.txt"})}, {"@/W/a.txt", "@/W/sub/a.txt"}},
+        {"/Wx is not in /W/", {{"@/W/", true}}, "", {records({"@/Wx/a.txt"})}, {}},
+        {"any bytes: line breaks, returns, Latin-1", {{"@/W/", true}}, "",
+         {records({"@/W/a\n@/W/b.txt: E FOUND", "@/W/evil\r", "@/W/\xe9t\xe9.txt", "@/W/b.txt"})},
+         {"@/W/a\n@/W/b.txt: E FOUND", "@/W/evil\r", "@/W/\xe9t\xe9.txt", "@/W/b.txt"}},
+        {"a record split between reads waits for its end", {{"@/W/", false}}, "",
+         {"@/W/a.t", records({"xt", "@/W/b.txt"}) + "@/W/c", records({".txt"})},
+         {"@/W/a.txt", "@/W/b.txt", "@/W/c.txt"}},
         {"the helper's own messages are no paths", {{"@/", true}}, "",
-         "gfslogger: cannot watch @/W: No such device\n@/W/a.txt\n", {"@/W/a.txt"}},
+         {records({"gfslogger: cannot watch @/W: No such device\n", "@/W/a.txt"})}, {"@/W/a.txt"}},
     };
     kvtest::TempDir folder;
     kvtest::ScopedEnv home("HOME", folder / "home");
@@ -76,13 +94,15 @@ TEST(EventFilter, HandsTheQueueEachWatchedLineOnce)
         std::set<std::string> queued;
         for (const std::string& line : c.queued) {
             queued.insert(at(line, folder.path()));
+            fs::create_directories(fs::path(at(line, folder.path())).parent_path());
             kvtest::writeFile(at(line, folder.path()), "x");
         }
         kv::Dispatcher queue{[] {}};
         kv::FSEventWatcher watcher(queue);
         watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, quarantine));
 
-        watcher.taskDataAvailable(at(c.chunk, folder.path()));
+        for (const std::string& chunk : c.chunks)
+            watcher.taskDataAvailable(at(chunk, folder.path()));
 
         EXPECT_EQ(queue.lengthOfBothItemLists(), static_cast<int32_t>(queued.size())) << c.name;
         queue.runOneCycle();
@@ -90,33 +110,88 @@ TEST(EventFilter, HandsTheQueueEachWatchedLineOnce)
     }
 }
 
-// After the kernel lost events, every file the watch list admits is queued,
-// found by walking the watched folders; the helper's reasons are logged
-// once however often it repeats them.
-TEST(EventFilter, LostEventsQueueEveryAdmittedFile)
+// Files that raised no events of their own are found by walking: every
+// watched folder after the kernel lost events, a folder moved in from where
+// its files were not watched, the folder above an event the helper could
+// not name. The helper's reasons are logged once however often it repeats
+// them.
+TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
 {
     kvtest::TempDir folder;
     kvtest::ScopedEnv home("HOME", folder / "home");
     kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "W/data");
-    kvtest::LogCapture log;
-    for (const char* file : {"W/a", "W/sub/deep/b", "W/Q/quarantined", "W/data/Trash/files/c", "V/d", "V/sub/e", "outside"})
-        kvtest::writeFile(folder / file, "x");
-    fs::create_symlink(folder / "outside", folder / "W/link");
-    fs::create_directory_symlink(folder.path(), folder / "W/loop");
-    std::vector<std::string> watched = {folder / "W/", folder / "V/"};
-    std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}};
+    const std::vector<std::string> watched = {folder / "W/", folder / "V/"};
+    const std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}};
 
+    // A folder nested deeper than PATH_MAX, made a step at a time.
+    std::string deep = folder / "W/deep";
+    fs::create_directories(deep);
+    for (int level = 0; deep.size() < 4300; ++level) {
+        const std::string name(200, static_cast<char>('a' + level % 26));
+        const kv::UniqueFd parent = kv::openPath(deep, O_PATH | O_DIRECTORY);
+        ASSERT_EQ(::mkdirat(parent.get(), name.c_str(), 0755), 0);
+        deep += "/" + name;
+    }
+
+    struct WalkCase {
+        const char* name;
+        std::vector<std::string> files;  // made before the records arrive
+        std::string chunk;
+        std::set<std::string> queued;
+    };
+    const std::vector<WalkCase> cases = {
+        {"lost events: every admitted file",
+         {"W/a", "W/sub/deep/b", "W/Q/quarantined", "W/data/Trash/files/c", "V/d", "V/sub/e", "outside"},
+         records({"gfslogger: cannot watch /x: Operation not permitted\n", "!queue-overflowed",
+                  "gfslogger: cannot watch /x: Operation not permitted\n"}),
+         {"W/a", "W/sub/deep/b", "V/d"}},
+        {"a folder moved in from outside", {"W/in/f", "W/in/sub/g", "V/in/h"},
+         records({"!folder-arrived", "@/elsewhere/in", "@/W/in", "!folder-arrived", "", "@/V/in"}), {"W/in/f", "W/in/sub/g"}},
+        {"a folder moved within the watched tree", {"W/moved/f"},
+         records({"!folder-arrived", "@/W/before", "@/W/moved"}), {}},
+        {"a folder moved out of the quarantine folder", {"W/out/f"},
+         records({"!folder-arrived", "@/W/Q/out", "@/W/out"}), {"W/out/f"}},
+    };
+    for (const WalkCase& c : cases) {
+        kvtest::LogCapture log;
+        std::set<std::string> queued;
+        for (const std::string& file : c.files)
+            kvtest::writeFile(folder / file, "x");
+        for (const std::string& file : c.queued)
+            queued.insert(folder / file);
+        kv::Dispatcher queue{[] {}};
+        kv::FSEventWatcher watcher(queue);
+        watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, folder / "W/Q"));
+        watcher.taskDataAvailable(at(c.chunk, folder.path()));
+        ASSERT_TRUE(kvtest::waitFor([&] { return !watcher.isWalkingFolders(); }, 10000)) << c.name;
+        queue.runOneCycle();
+        EXPECT_EQ(queue.snapshotOfScannableList(), queued) << c.name;
+        EXPECT_LE(log.count("gfslogger: cannot watch /x"), 1u) << c.name;
+        for (const std::string& file : c.files)
+            fs::remove(folder / file);
+    }
+
+    // The deep file is found, and queued whole, from the nearest folder the
+    // helper could name.
+    const std::string deepFile = deep + "/infected.com";
+    {
+        const kv::UniqueFd parent = kv::openPath(deep, O_PATH | O_DIRECTORY);
+        ASSERT_TRUE(parent);
+        const kv::UniqueFd file(::openat(parent.get(), "infected.com", O_WRONLY | O_CREAT, 0644));
+        ASSERT_EQ(::write(file.get(), "x", 1), 1);
+    }
+    kvtest::LogCapture log;
     kv::Dispatcher queue{[] {}};
     kv::FSEventWatcher watcher(queue);
     watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, folder / "W/Q"));
-    const std::string diagnostic = "gfslogger: cannot watch /x: Operation not permitted\n";
-    watcher.taskDataAvailable(diagnostic + "!queue-overflowed\n" + diagnostic);
+    watcher.taskDataAvailable(records({"!unresolved", "its path is longer than 4096 bytes", folder / "W/deep"}));
     ASSERT_TRUE(kvtest::waitFor([&] { return !watcher.isWalkingFolders(); }, 10000));
     queue.runOneCycle();
-    EXPECT_EQ(queue.snapshotOfScannableList(),
-              (std::set<std::string>{folder / "W/a", folder / "W/sub/deep/b", folder / "V/d"}));
-    EXPECT_EQ(log.count("File events were lost"), 1u);
-    EXPECT_EQ(log.count("gfslogger: cannot watch /x"), 1u);
+    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{deepFile});
+    EXPECT_EQ(log.count("its path is longer than 4096 bytes), so the folder " + (folder / "W/deep") + " is scanned whole"),
+              1u);
+    // Too deep for the folder's own removal, which works by path.
+    kv::runAndWait({"rm", "-rf", folder / "W/deep"}, kv::ChildProcess::Output::Inherit);
 }
 
 TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
