@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace kv::gfs {
@@ -76,9 +77,8 @@ std::string parentFolder(const std::string& path)
     return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
 }
 
-// Tells the agent, which then scans its watched folders whole. The line is
-// no path (it does not start with "/"), so no file name can forge it.
-bool reportOverflow(LineWriter& output)
+// Tells the agent, which then scans its watched folders whole.
+bool reportOverflow(RecordWriter& output)
 {
     ::syslog(LOG_WARNING, "the kernel's event queue overflowed; file events were lost");
     return output.add(kQueueOverflowed);
@@ -206,17 +206,17 @@ bool FanotifyWatch::open(std::string* message)
     const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
     handleGroup_.reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
     if (!handleGroup_) {
-        *message = std::string("gfslogger: fanotify with file handles: ") + std::strerror(errno);
+        *message = std::string("fanotify with file handles: ") + std::strerror(errno);
         return false;
     }
     descriptorGroup_.reset(::fanotify_init(common, eventFlags));
     if (!descriptorGroup_) {
-        *message = std::string("gfslogger: fanotify: ") + std::strerror(errno);
+        *message = std::string("fanotify: ") + std::strerror(errno);
         return false;
     }
     mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
     if (!mountTable_) {
-        *message = std::string("gfslogger: /proc/self/mountinfo: ") + std::strerror(errno);
+        *message = std::string("/proc/self/mountinfo: ") + std::strerror(errno);
         return false;
     }
     return true;
@@ -293,10 +293,10 @@ FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
 void FanotifyWatch::reportOnce(const std::string& mountPoint, const char* what, int error)
 {
     if (reported_[mountPoint]++ == 0)
-        std::fprintf(stderr, "gfslogger: %s %s: %s\n", what, mountPoint.c_str(), std::strerror(error));
+        printDiagnostic(std::string(what) + " " + mountPoint + ": " + std::strerror(error));
 }
 
-FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
+FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
 {
     ssize_t length;
     do {
@@ -335,13 +335,14 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
         if (path != "/")
             path += '/';
         path += name;
-        if (!output.add(path))
+        const bool written = (event.mask & FAN_ONDIR) ? output.add({kFolderArrived, "", path}) : output.add(path);
+        if (!written)
             return ReadResult::OutputClosed;
     }
     return ReadResult::Ok;
 }
 
-FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(LineWriter& output)
+FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(RecordWriter& output)
 {
     ssize_t length;
     {

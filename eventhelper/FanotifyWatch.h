@@ -1,9 +1,9 @@
 #pragma once
 
 #include "eventhelper/HelperOutput.h"
-#include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
 #include "eventhelper/Privileges.h"
+#include "eventhelper/RecordWriter.h"
 #include "platform/UniqueFd.h"
 
 #include <cstdint>
@@ -14,7 +14,8 @@
 namespace kv::gfs {
 
 // gfslogger's window on the kernel: fanotify over every mounted file system,
-// including those mounted while it runs, turned into full paths.
+// including those mounted while it runs, turned into the records of
+// HelperOutput.h.
 //
 // Two groups. The main one marks whole file systems and names objects by
 // file handles, so it sees files created, closed after writing and moved in,
@@ -22,6 +23,8 @@ namespace kv::gfs {
 // that cannot encode file handles (some FUSE mounts, btrfs subvolumes) are
 // marked mount by mount in a second group, which hands over an open file
 // for each file closed after writing.
+//
+// Only what the real user may list is reported (Privileges).
 //
 // Single-threaded: main() polls the three descriptors and calls in.
 class FanotifyWatch {
@@ -45,9 +48,9 @@ public:
     int mountTable() const { return mountTable_.get(); }
 
     // Each reads one batch of waiting events from its group and adds the
-    // path of every reported object the real user may know of to output.
-    ReadResult readHandleEvents(LineWriter& output);
-    ReadResult readDescriptorEvents(LineWriter& output);
+    // records of every event the real user may know of to output.
+    ReadResult readHandleEvents(RecordWriter& output);
+    ReadResult readDescriptorEvents(RecordWriter& output);
 
     // What one mount of the table became.
     struct MarkedMount {

@@ -28,7 +28,7 @@ bool isKept(int capability)
 
 std::string failure(const char* step)
 {
-    return std::string("gfslogger: ") + step + ": " + std::strerror(errno);
+    return std::string(step) + ": " + std::strerror(errno);
 }
 
 // True when our own program file is owned by root and set-user-ID, so that
@@ -101,11 +101,11 @@ Privileges::Outcome Privileges::establish(std::string* message)
 {
     if (::geteuid() != 0) {
         if (programIsSetUidRoot()) {
-            *message = "gfslogger: installed set-user-ID root, but started without root's rights "
+            *message = "installed set-user-ID root, but started without root's rights "
                        "(is its file system mounted nosuid?)";
             return Outcome::Failed;
         }
-        *message = "gfslogger: needs root's rights to read file-system events; install it set-user-ID root";
+        *message = "needs root's rights to read file-system events; install it set-user-ID root";
         return Outcome::LacksPrivileges;
     }
 
