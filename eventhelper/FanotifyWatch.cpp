@@ -22,9 +22,15 @@ namespace {
 // One read takes thousands of events at once.
 constexpr size_t kEventBufferSize = 256 * 1024;
 
-// Whole-file-system marks: files created, closed after writing, moved in;
-// FAN_ONDIR adds folders, of which only those moved in are reported.
-constexpr std::uint64_t kHandleMask = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ONDIR;
+// Whole-file-system marks: files created, closed after writing, moved in or
+// changed in their attributes (made readable, say, after a scan that could
+// not read them). FAN_ONDIR adds folders for every one of these events, as
+// the kernel knows no per-event flag, but only folders moved in are
+// reported: by FAN_RENAME, which names where they were too, or on a kernel
+// without it by FAN_MOVED_TO. A file's FAN_RENAME goes unreported, as its
+// FAN_MOVED_TO reports it already.
+constexpr std::uint64_t kFileEvents = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ATTRIB;
+constexpr std::uint64_t kHandleMask = kFileEvents | FAN_ONDIR;
 constexpr std::uint64_t kDescriptorMask = FAN_CLOSE_WRITE;
 
 std::uint64_t fsidKey(const __kernel_fsid_t& fsid)
@@ -43,16 +49,9 @@ std::uint64_t fsidKey(const struct statfs& info)
     return key;
 }
 
-bool wanted(std::uint64_t mask)
-{
-    if (mask & FAN_ONDIR)
-        return mask & FAN_MOVED_TO;
-    return mask & (FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE);
-}
-
 // The path of an open descriptor, as the kernel names it in our mount
 // namespace; nothing for an object that has been deleted or lies outside
-// our root.
+// our root, or whose path is too long to have.
 std::optional<std::string> pathOf(int fd)
 {
     char link[32];
@@ -94,8 +93,17 @@ public:
     {
     }
 
-    // The folder that a file handle names, when the real user may list it.
-    const std::optional<std::string>& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
+    // What the real user may learn of a folder that events name.
+    struct Folder {
+        enum Kind {
+            Hidden,    // gone, outside our root, or not the real user's business
+            Listable,  // path is the folder's
+        } kind = Hidden;
+        std::string path;
+    };
+
+    // The folder that a file handle names.
+    Folder& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
     {
         std::string key(reinterpret_cast<const char*>(&fsid), sizeof fsid);
         key.append(reinterpret_cast<const char*>(handle), sizeof *handle + handle->handle_bytes);
@@ -110,8 +118,10 @@ public:
         if (!folder)
             return slot->second;
         std::optional<std::string> path = pathOf(folder.get());
-        if (path && privileges_.realUserCanList(*path))
-            slot->second = std::move(path);
+        if (path && privileges_.realUserCanList(*path)) {
+            slot->second.kind = Folder::Listable;
+            slot->second.path = std::move(*path);
+        }
         return slot->second;
     }
 
@@ -136,7 +146,7 @@ private:
 
     const std::unordered_map<std::uint64_t, std::string>& mountPoints_;
     const Privileges& privileges_;
-    std::unordered_map<std::string, std::optional<std::string>> folders_;
+    std::unordered_map<std::string, Folder> folders_;
     std::unordered_map<std::uint64_t, UniqueFd> mountFds_;
 };
 
@@ -167,22 +177,74 @@ private:
     const char* end_;
 };
 
-// The record naming the folder and entry of an event, if it has one. The
-// records need no more than four-byte alignment.
-const fanotify_event_info_fid* folderRecord(const char* bytes, const fanotify_event_metadata& event)
+// A folder and the name of an entry in it, as an event's record gives them.
+struct Entry {
+    const __kernel_fsid_t* fsid;
+    const file_handle* folder;
+    const char* name;
+};
+
+// The entry that an event's record of the given type (FAN_EVENT_INFO_TYPE_
+// DFID_NAME, or for a rename OLD_DFID_NAME and NEW_DFID_NAME) names, if the
+// event has one. The records need no more than four-byte alignment.
+std::optional<Entry> entryOf(const char* bytes, const fanotify_event_metadata& event, std::uint8_t type)
 {
     const char* record = bytes + event.metadata_len;
     const char* end = bytes + event.event_len;
     while (record + sizeof(fanotify_event_info_header) <= end) {
         const auto* header = reinterpret_cast<const fanotify_event_info_header*>(record);
         if (header->len < sizeof *header || record + header->len > end)
-            return nullptr;
-        if (header->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
-            header->len >= sizeof(fanotify_event_info_fid) + sizeof(file_handle))
-            return reinterpret_cast<const fanotify_event_info_fid*>(record);
-        record += header->len;
+            return std::nullopt;
+        const char* recordEnd = record + header->len;
+        if (header->info_type == type && header->len >= sizeof(fanotify_event_info_fid) + sizeof(file_handle)) {
+            const auto* info = reinterpret_cast<const fanotify_event_info_fid*>(record);
+            const auto* handle = reinterpret_cast<const file_handle*>(info->handle);
+            const char* name = reinterpret_cast<const char*>(handle->f_handle) + handle->handle_bytes;
+            if (name >= recordEnd || !std::memchr(name, '\0', static_cast<size_t>(recordEnd - name)))
+                return std::nullopt;
+            return Entry{&info->fsid, handle, name};
+        }
+        record = recordEnd;
     }
-    return nullptr;
+    return std::nullopt;
+}
+
+std::string pathIn(const std::string& folder, const char* name)
+{
+    std::string path = folder;
+    if (path != "/")
+        path += '/';
+    path += name;
+    return path;
+}
+
+// Adds an event on the entry name of folder: the entry's path, or, given
+// from, the arrival of a folder from there.
+bool addEvent(RecordWriter& output, Batch::Folder& folder, const char* name, const std::string* from = nullptr)
+{
+    if (folder.kind != Batch::Folder::Listable)
+        return true;
+    const std::string path = pathIn(folder.path, name);
+    return from ? output.add({kFolderArrived, *from, path}) : output.add(path);
+}
+
+// A folder renamed: into the place that the event's NEW record names, from
+// the one its OLD record names. Where it was is "" when that folder has no
+// path the real user may list.
+bool reportFolderMove(Batch& batch, const char* bytes, const fanotify_event_metadata& event, RecordWriter& output)
+{
+    const std::optional<Entry> to = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_NEW_DFID_NAME);
+    if (!to)
+        return true;
+    Batch::Folder& folder = batch.folder(*to->fsid, to->folder);
+    std::string from;
+    const std::optional<Entry> old = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_OLD_DFID_NAME);
+    if (folder.kind == Batch::Folder::Listable && old) {
+        const Batch::Folder& oldFolder = batch.folder(*old->fsid, old->folder);
+        if (oldFolder.kind == Batch::Folder::Listable)
+            from = pathIn(oldFolder.path, old->name);
+    }
+    return addEvent(output, folder, to->name, &from);
 }
 
 } // namespace
@@ -266,8 +328,18 @@ FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
     if (::stat(entry.mountPoint.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
         return marked;
 
-    if (::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kHandleMask, AT_FDCWD,
-                        entry.mountPoint.c_str()) == 0) {
+    const auto markFileSystem = [&](std::uint64_t mask) {
+        return ::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                               entry.mountPoint.c_str()) == 0;
+    };
+    bool markedWhole = markFileSystem(renameEvents_ ? kHandleMask | FAN_RENAME : kHandleMask);
+    if (!markedWhole && errno == EINVAL && renameEvents_ && markFileSystem(kHandleMask)) {
+        // A kernel older than 5.17, which refuses the flag on every file
+        // system alike: folders moved in are reported without their origin.
+        renameEvents_ = false;
+        markedWhole = true;
+    }
+    if (markedWhole) {
         struct statfs fs{};
         if (::statfs(entry.mountPoint.c_str(), &fs) == 0) {
             marked.kind = MarkedMount::WholeFileSystem;
@@ -306,7 +378,6 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
         return ReadResult::Ok;
 
     Batch batch(mountPointOfFsid_, privileges_);
-    std::string path;
     fanotify_event_metadata event;
     const char* bytes;
     for (HandleEvents events(events_.get(), length); events.next(event, bytes);) {
@@ -319,23 +390,21 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
                 return ReadResult::OutputClosed;
             continue;
         }
-        if (!wanted(event.mask))
-            continue;
-        const fanotify_event_info_fid* record = folderRecord(bytes, event);
-        if (!record)
-            continue;
-        const auto* handle = reinterpret_cast<const file_handle*>(record->handle);
-        const char* name = reinterpret_cast<const char*>(handle->f_handle + handle->handle_bytes);
-        if (std::strcmp(name, ".") == 0)
-            continue;
-        const std::optional<std::string>& folder = batch.folder(record->fsid, handle);
-        if (!folder)
-            continue;
-        path.assign(*folder);
-        if (path != "/")
-            path += '/';
-        path += name;
-        const bool written = (event.mask & FAN_ONDIR) ? output.add({kFolderArrived, "", path}) : output.add(path);
+        const bool onFolder = event.mask & FAN_ONDIR;
+        bool written = true;
+        if (event.mask & FAN_RENAME) {
+            // Never merged with other events: the kernel keeps renames apart.
+            if (onFolder)
+                written = reportFolderMove(batch, bytes, event, output);
+        } else if (onFolder ? (event.mask & FAN_MOVED_TO) && !renameEvents_ : (event.mask & kFileEvents) != 0) {
+            const std::optional<Entry> entry = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_DFID_NAME);
+            // "." names the folder of an event on the folder itself.
+            if (entry && std::strcmp(entry->name, ".") != 0) {
+                const std::string unknownOrigin;
+                written = addEvent(output, batch.folder(*entry->fsid, entry->folder), entry->name,
+                                   onFolder ? &unknownOrigin : nullptr);
+            }
+        }
         if (!written)
             return ReadResult::OutputClosed;
     }

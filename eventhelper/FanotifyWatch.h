@@ -18,11 +18,13 @@ namespace kv::gfs {
 // HelperOutput.h.
 //
 // Two groups. The main one marks whole file systems and names objects by
-// file handles, so it sees files created, closed after writing and moved in,
-// and folders moved in, from every mount of the file system. File systems
-// that cannot encode file handles (some FUSE mounts, btrfs subvolumes) are
-// marked mount by mount in a second group, which hands over an open file
-// for each file closed after writing.
+// file handles, so it sees, from every mount of the file system, files
+// created, closed after writing, moved in or whose attributes changed, and
+// folders moved in together with where they came from (FAN_RENAME; a kernel
+// older than 5.17 says only where they went). File systems that cannot
+// encode file handles (some FUSE mounts, btrfs subvolumes) are marked mount
+// by mount in a second group, which hands over an open file for each file
+// closed after writing.
 //
 // Only what the real user may list is reported (Privileges).
 //
@@ -74,6 +76,9 @@ private:
     // its own root, so that a folder's path comes out the way users see it.
     std::unordered_map<std::uint64_t, std::string> mountPointOfFsid_;
     std::unordered_map<std::string, int> reported_;
+    // Whether the kernel reports renames with both places (FAN_RENAME, Linux
+    // 5.17); false once it has refused the flag.
+    bool renameEvents_ = true;
     std::unique_ptr<char[]> events_;
 };
 

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -194,10 +195,13 @@ void expectRightsAtRest(pid_t pid)
 TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
 {
     TempFolder folder;
-    fs::create_directories(folder / "in");
-    fs::create_directories(folder / "out/folder");
-    for (const char* made : {"out/file", "in/old"})
+    TempFolder elsewhere;
+    for (const char* made : {"in/swap-a", "in/swap-folder", "out/folder", "out/swap-b"})
+        fs::create_directories(folder / made);
+    fs::create_directories(elsewhere / "made");
+    for (const char* made : {"out/file", "in/old", "in/unreadable", "in/swap-file"})
         writeFile(folder / made);
+    ::chmod((folder / "in/unreadable").c_str(), 0);
     HelperRun helper({kHelper});
     ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
 
@@ -209,10 +213,17 @@ TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
     fs::rename(folder / "in/old", folder / "in/renamed");
     fs::rename(folder / "out/file", folder / "in/file");
     fs::rename(folder / "out/folder", folder / "in/folder");
+    fs::rename(elsewhere / "made", folder / "in/made");
     for (const char* name : {"in/two\nlines", "in/latin-\xe9"})
         ASSERT_EQ(::mknod((folder / name).c_str(), S_IFREG | 0644, 0), 0);
-    // Reported by none: a new folder, reading, and what happens outside.
+    ::chmod((folder / "in/unreadable").c_str(), 0644);
+    // Swapped places: both sides land somewhere new.
+    for (const auto& [one, other] : {std::pair{"in/swap-a", "out/swap-b"}, {"in/swap-folder", "in/swap-file"}})
+        ASSERT_EQ(::renameat2(AT_FDCWD, (folder / one).c_str(), AT_FDCWD, (folder / other).c_str(), RENAME_EXCHANGE), 0);
+    // Reported by none: a new folder, a folder's attributes, reading, and
+    // what happens outside.
     fs::create_directories(folder / "in/new-folder");
+    ::chmod((folder / "in/new-folder").c_str(), 0700);
     std::ifstream(folder / "in/renamed").get();
     ASSERT_EQ(::mknod((folder / "end").c_str(), S_IFREG | 0644, 0), 0);
     ASSERT_TRUE(helper.waitFor({folder / "end"}));
@@ -223,9 +234,15 @@ TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
         {in + "created"},
         {in + "renamed"},
         {in + "file"},
-        {kArrived, "", in + "folder"},
+        {kArrived, folder / "out/folder", in + "folder"},
+        {kArrived, elsewhere / "made", in + "made"},
         {in + "two\nlines"},
         {in + "latin-\xe9"},
+        {in + "unreadable"},
+        {kArrived, in + "swap-a", folder / "out/swap-b"},
+        {kArrived, folder / "out/swap-b", in + "swap-a"},
+        {kArrived, in + "swap-folder", in + "swap-file"},
+        {in + "swap-folder"},
     };
     EXPECT_EQ(helper.eventsWith(in), expected);
     expectRightsAtRest(helper.child().pid());
@@ -287,7 +304,7 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     ASSERT_EQ(::chmod(installed.c_str(), 04755), 0);
     fs::create_directories(folder / "shared");
     ::chmod((folder / "shared").c_str(), 0777);
-    fs::create_directories(folder / "private");
+    fs::create_directories(folder / "private/moved");
     ::chmod((folder / "private").c_str(), 0700);
 
     std::vector<std::string> argv = kvtest::asUser("nobody");
@@ -303,6 +320,9 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     writer.insert(writer.end(), {"/bin/sh", "-c", "echo mine > " + (folder / "shared/mine")});
     ASSERT_EQ(kv::runAndWait(writer), 0);
     EXPECT_TRUE(helper.waitFor({folder / "shared/mine"}));
+    // Where a folder came from is told only if the user may list it.
+    fs::rename(folder / "private/moved", folder / "shared/moved");
+    EXPECT_TRUE(helper.waitFor({kArrived, "", folder / "shared/moved"}));
     writeFile(folder / "shared/end");
     ASSERT_TRUE(helper.waitFor({folder / "shared/end"}));
     EXPECT_TRUE(helper.eventsWith(folder / "private").empty());
