@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace kv::gfs {
 namespace {
@@ -32,6 +33,9 @@ constexpr size_t kEventBufferSize = 256 * 1024;
 constexpr std::uint64_t kFileEvents = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ATTRIB;
 constexpr std::uint64_t kHandleMask = kFileEvents | FAN_ONDIR;
 constexpr std::uint64_t kDescriptorMask = FAN_CLOSE_WRITE;
+
+// Said of an event in a folder whose path is too long to have.
+const std::string kPathTooLong = "its folder's path is " + std::to_string(PATH_MAX) + " bytes or longer";
 
 std::uint64_t fsidKey(const __kernel_fsid_t& fsid)
 {
@@ -51,13 +55,17 @@ std::uint64_t fsidKey(const struct statfs& info)
 
 // The path of an open descriptor, as the kernel names it in our mount
 // namespace; nothing for an object that has been deleted or lies outside
-// our root, or whose path is too long to have.
-std::optional<std::string> pathOf(int fd)
+// our root, or whose path is too long to have, which sets *tooLong.
+std::optional<std::string> pathOf(int fd, bool* tooLong = nullptr)
 {
     char link[32];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     char target[PATH_MAX];
     const ssize_t length = ::readlink(link, target, sizeof target);
+    // The kernel names no path longer than a page: ENAMETOOLONG, or with
+    // pages larger than PATH_MAX, a name that fills our buffer.
+    if (tooLong)
+        *tooLong = (length < 0 && errno == ENAMETOOLONG) || length == static_cast<ssize_t>(sizeof target);
     if (length <= 0 || length == static_cast<ssize_t>(sizeof target) || target[0] != '/')
         return std::nullopt;
     std::string path(target, static_cast<size_t>(length));
@@ -98,8 +106,12 @@ public:
         enum Kind {
             Hidden,    // gone, outside our root, or not the real user's business
             Listable,  // path is the folder's
+            TooLong,   // it has no path; path is the deepest folder above it that
+                       // has one, or "" when the real user may not list that
         } kind = Hidden;
         std::string path;
+        // For TooLong: whether the reader has been told in this batch.
+        bool announced = false;
     };
 
     // The folder that a file handle names.
@@ -117,15 +129,48 @@ public:
         UniqueFd folder(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), O_PATH | O_CLOEXEC));
         if (!folder)
             return slot->second;
-        std::optional<std::string> path = pathOf(folder.get());
+        bool tooLong = false;
+        std::optional<std::string> path = pathOf(folder.get(), &tooLong);
         if (path && privileges_.realUserCanList(*path)) {
             slot->second.kind = Folder::Listable;
             slot->second.path = std::move(*path);
+        } else if (tooLong) {
+            findNamedAncestor(folder.get(), slot->second);
         }
         return slot->second;
     }
 
 private:
+    // Walks up from a folder with no path to the first one above it that
+    // has one, as long as the real user may reach the folder: it must be
+    // able to pass through every folder on the way and to list the folder
+    // itself, as for any other folder whose names we report.
+    void findNamedAncestor(int folderFd, Folder& folder)
+    {
+        if (!privileges_.realUserCanList(folderFd))
+            return;
+        UniqueFd at;
+        for (int below = folderFd;; below = at.get()) {
+            at.reset(::openat(below, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+            if (!at)
+                return;
+            // Each step up shortens the path, and a folder that is its own
+            // parent is a root, whose path is short: the walk ends.
+            bool tooLong = false;
+            std::optional<std::string> path = pathOf(at.get(), &tooLong);
+            if (path) {
+                if (!privileges_.realUserCanSearch(*path))
+                    return;
+                folder.kind = Folder::TooLong;
+                if (privileges_.realUserCanList(*path))
+                    folder.path = std::move(*path);
+                return;
+            }
+            if (!tooLong || !privileges_.realUserCanSearch(at.get()))
+                return;
+        }
+    }
+
     int mountFdFor(std::uint64_t fsid)
     {
         auto [slot, inserted] = mountFds_.try_emplace(fsid);
@@ -219,11 +264,20 @@ std::string pathIn(const std::string& folder, const char* name)
 }
 
 // Adds an event on the entry name of folder: the entry's path, or, given
-// from, the arrival of a folder from there.
+// from, the arrival of a folder from there. An event in a folder with no
+// path is told as unresolved instead, once per batch.
 bool addEvent(RecordWriter& output, Batch::Folder& folder, const char* name, const std::string* from = nullptr)
 {
-    if (folder.kind != Batch::Folder::Listable)
+    switch (folder.kind) {
+    case Batch::Folder::Hidden:
         return true;
+    case Batch::Folder::TooLong:
+        if (std::exchange(folder.announced, true))
+            return true;
+        return output.add({kUnresolved, kPathTooLong, folder.path});
+    case Batch::Folder::Listable:
+        break;
+    }
     const std::string path = pathIn(folder.path, name);
     return from ? output.add({kFolderArrived, *from, path}) : output.add(path);
 }

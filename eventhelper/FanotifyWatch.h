@@ -21,10 +21,11 @@ namespace kv::gfs {
 // file handles, so it sees, from every mount of the file system, files
 // created, closed after writing, moved in or whose attributes changed, and
 // folders moved in together with where they came from (FAN_RENAME; a kernel
-// older than 5.17 says only where they went). File systems that cannot
-// encode file handles (some FUSE mounts, btrfs subvolumes) are marked mount
-// by mount in a second group, which hands over an open file for each file
-// closed after writing.
+// older than 5.17 says only where they went). A folder whose path is too
+// long to have is reported as unresolved, with the deepest folder above it
+// that has one. File systems that cannot encode file handles (some FUSE
+// mounts, btrfs subvolumes) are marked mount by mount in a second group,
+// which hands over an open file for each file closed after writing.
 //
 // Only what the real user may list is reported (Privileges).
 //

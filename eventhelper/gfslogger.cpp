@@ -2,8 +2,9 @@
 // terminated, as the NUL-ended records of HelperOutput.h: the full path of
 // every file created, closed after writing, moved in or changed in its
 // attributes, whatever bytes its name holds; every folder moved in, with
-// where it was before; and that events were lost, when the kernel's event
-// queue overflowed. Its diagnostics on standard error are
+// where it was before; an event whose folder has no path, with the deepest
+// folder above it that has one; and that events were lost, when the
+// kernel's event queue overflowed. Its diagnostics on standard error are
 // records too. The agent runs it and reads both streams in one pipe; see
 // intake/FSEventWatcher.h for the other side.
 //

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -42,7 +43,8 @@ public:
         path_ = ::mkdtemp(pattern);
         ::chmod(path_.c_str(), 0755);
     }
-    ~TempFolder() { fs::remove_all(path_); }
+    // rm walks down by descriptors, through folders deeper than a path reaches.
+    ~TempFolder() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
 private:
@@ -152,6 +154,30 @@ private:
     std::string partial_;
 };
 
+// A chain of folders under base that reaches deeper than a path can name,
+// made one level at a time (mkdir refuses paths that long).
+struct DeepFolder {
+    explicit DeepFolder(const std::string& base)
+    {
+        const std::string name(100, 'd');
+        fs::create_directories(base);
+        kv::UniqueFd at(::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        for (std::string path = base; path.size() < PATH_MAX + 400; path += "/" + name) {
+            if (path.size() < PATH_MAX) {
+                named.reset(::dup(at.get()));
+                namedPath = path;
+            }
+            ::mkdirat(at.get(), name.c_str(), 0755);
+            at.reset(::openat(at.get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
+        deepest = std::move(at);
+    }
+
+    kv::UniqueFd named;  // the deepest folder with a path
+    std::string namedPath;
+    kv::UniqueFd deepest;  // a few levels below it
+};
+
 // A field of /proc/PID/status, such as "CapEff".
 std::string statusField(pid_t pid, const std::string& name)
 {
@@ -248,6 +274,26 @@ TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
     expectRightsAtRest(helper.child().pid());
 }
 
+// The agent scans the deepest folder that has a path instead; a name that
+// makes a path longer than PATH_MAX is no obstacle, as the agent opens
+// files folder by folder.
+TEST(Gfslogger, AnEventDeeperThanAPathNamesTheDeepestFolderWithOne)
+{
+    TempFolder folder;
+    const DeepFolder deep(folder / "deep");
+    const std::string longName(255, 'f');
+    HelperRun helper({kHelper});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+
+    ASSERT_EQ(::mknodat(deep.deepest.get(), "file", S_IFREG | 0644, 0), 0);
+    ASSERT_EQ(::mknodat(deep.named.get(), longName.c_str(), S_IFREG | 0644, 0), 0);
+    EXPECT_TRUE(helper.waitFor({deep.namedPath + "/" + longName}));
+    const std::vector<HelperRun::Event> unresolved = helper.eventsWith(std::string(kv::gfs::kUnresolved));
+    ASSERT_EQ(unresolved.size(), 1u);
+    EXPECT_NE(unresolved[0][1], "");
+    EXPECT_EQ(unresolved[0][2], deep.namedPath);
+}
+
 // A helper that does not read (stopped here, as any user may stop their own
 // process) costs the kernel at most its queue; the events it lost are
 // reported as such, and the helper goes on.
@@ -306,6 +352,8 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     ::chmod((folder / "shared").c_str(), 0777);
     fs::create_directories(folder / "private/moved");
     ::chmod((folder / "private").c_str(), 0700);
+    const DeepFolder hidden(folder / "private/deep");
+    const DeepFolder reachable(folder / "shared/deep");
 
     std::vector<std::string> argv = kvtest::asUser("nobody");
     argv.push_back(installed);
@@ -323,9 +371,14 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     // Where a folder came from is told only if the user may list it.
     fs::rename(folder / "private/moved", folder / "shared/moved");
     EXPECT_TRUE(helper.waitFor({kArrived, "", folder / "shared/moved"}));
+    for (const DeepFolder* deep : {&hidden, &reachable})
+        ASSERT_EQ(::mknodat(deep->deepest.get(), "file", S_IFREG | 0644, 0), 0);
     writeFile(folder / "shared/end");
     ASSERT_TRUE(helper.waitFor({folder / "shared/end"}));
     EXPECT_TRUE(helper.eventsWith(folder / "private").empty());
+    const std::vector<HelperRun::Event> unresolved = helper.eventsWith(std::string(kv::gfs::kUnresolved));
+    ASSERT_EQ(unresolved.size(), 1u);
+    EXPECT_EQ(unresolved[0].back(), reachable.namedPath);
 }
 #endif
 
