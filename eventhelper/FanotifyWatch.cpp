@@ -13,7 +13,9 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
 
 namespace kv::gfs {
 namespace {
@@ -21,10 +23,19 @@ namespace {
 // One read takes thousands of events at once.
 constexpr size_t kEventBufferSize = 256 * 1024;
 
-// Whole-file-system marks: files created, closed after writing, moved in;
-// FAN_ONDIR adds folders, of which only those moved in are reported.
-constexpr std::uint64_t kHandleMask = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ONDIR;
+// Whole-file-system marks: files created, closed after writing, moved in or
+// changed in their attributes (made readable, say, after a scan that could
+// not read them). FAN_ONDIR adds folders for every one of these events, as
+// the kernel knows no per-event flag, but only folders moved in are
+// reported: by FAN_RENAME, which names where they were too, or on a kernel
+// without it by FAN_MOVED_TO. A file's FAN_RENAME goes unreported, as its
+// FAN_MOVED_TO reports it already.
+constexpr std::uint64_t kFileEvents = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ATTRIB;
+constexpr std::uint64_t kHandleMask = kFileEvents | FAN_ONDIR;
 constexpr std::uint64_t kDescriptorMask = FAN_CLOSE_WRITE;
+
+// Said of an event in a folder whose path is too long to have.
+const std::string kPathTooLong = "its folder's path is " + std::to_string(PATH_MAX) + " bytes or longer";
 
 std::uint64_t fsidKey(const __kernel_fsid_t& fsid)
 {
@@ -42,22 +53,19 @@ std::uint64_t fsidKey(const struct statfs& info)
     return key;
 }
 
-bool wanted(std::uint64_t mask)
-{
-    if (mask & FAN_ONDIR)
-        return mask & FAN_MOVED_TO;
-    return mask & (FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE);
-}
-
 // The path of an open descriptor, as the kernel names it in our mount
 // namespace; nothing for an object that has been deleted or lies outside
-// our root.
-std::optional<std::string> pathOf(int fd)
+// our root, or whose path is too long to have, which sets *tooLong.
+std::optional<std::string> pathOf(int fd, bool* tooLong = nullptr)
 {
     char link[32];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     char target[PATH_MAX];
     const ssize_t length = ::readlink(link, target, sizeof target);
+    // The kernel names no path longer than a page: ENAMETOOLONG, or with
+    // pages larger than PATH_MAX, a name that fills our buffer.
+    if (tooLong)
+        *tooLong = (length < 0 && errno == ENAMETOOLONG) || length == static_cast<ssize_t>(sizeof target);
     if (length <= 0 || length == static_cast<ssize_t>(sizeof target) || target[0] != '/')
         return std::nullopt;
     std::string path(target, static_cast<size_t>(length));
@@ -76,9 +84,8 @@ std::string parentFolder(const std::string& path)
     return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
 }
 
-// Tells the agent, which then scans its watched folders whole. The line is
-// no path (it does not start with "/"), so no file name can forge it.
-bool reportOverflow(LineWriter& output)
+// Tells the agent, which then scans its watched folders whole.
+bool reportOverflow(RecordWriter& output)
 {
     ::syslog(LOG_WARNING, "the kernel's event queue overflowed; file events were lost");
     return output.add(kQueueOverflowed);
@@ -94,8 +101,21 @@ public:
     {
     }
 
-    // The folder that a file handle names, when the real user may list it.
-    const std::optional<std::string>& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
+    // What the real user may learn of a folder that events name.
+    struct Folder {
+        enum Kind {
+            Hidden,    // gone, outside our root, or not the real user's business
+            Listable,  // path is the folder's
+            TooLong,   // it has no path; path is the deepest folder above it that
+                       // has one, or "" when the real user may not list that
+        } kind = Hidden;
+        std::string path;
+        // For TooLong: whether the reader has been told in this batch.
+        bool announced = false;
+    };
+
+    // The folder that a file handle names.
+    Folder& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
     {
         std::string key(reinterpret_cast<const char*>(&fsid), sizeof fsid);
         key.append(reinterpret_cast<const char*>(handle), sizeof *handle + handle->handle_bytes);
@@ -109,13 +129,48 @@ public:
         UniqueFd folder(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), O_PATH | O_CLOEXEC));
         if (!folder)
             return slot->second;
-        std::optional<std::string> path = pathOf(folder.get());
-        if (path && privileges_.realUserCanList(*path))
-            slot->second = std::move(path);
+        bool tooLong = false;
+        std::optional<std::string> path = pathOf(folder.get(), &tooLong);
+        if (path && privileges_.realUserCanList(*path)) {
+            slot->second.kind = Folder::Listable;
+            slot->second.path = std::move(*path);
+        } else if (tooLong) {
+            findNamedAncestor(folder.get(), slot->second);
+        }
         return slot->second;
     }
 
 private:
+    // Walks up from a folder with no path to the first one above it that
+    // has one, as long as the real user may reach the folder: it must be
+    // able to pass through every folder on the way and to list the folder
+    // itself, as for any other folder whose names we report.
+    void findNamedAncestor(int folderFd, Folder& folder)
+    {
+        if (!privileges_.realUserCanList(folderFd))
+            return;
+        UniqueFd at;
+        for (int below = folderFd;; below = at.get()) {
+            at.reset(::openat(below, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+            if (!at)
+                return;
+            // Each step up shortens the path, and a folder that is its own
+            // parent is a root, whose path is short: the walk ends.
+            bool tooLong = false;
+            std::optional<std::string> path = pathOf(at.get(), &tooLong);
+            if (path) {
+                if (!privileges_.realUserCanSearch(*path))
+                    return;
+                folder.kind = Folder::TooLong;
+                if (privileges_.realUserCanList(*path))
+                    folder.path = std::move(*path);
+                return;
+            }
+            if (!tooLong || !privileges_.realUserCanSearch(at.get()))
+                return;
+        }
+    }
+
     int mountFdFor(std::uint64_t fsid)
     {
         auto [slot, inserted] = mountFds_.try_emplace(fsid);
@@ -136,7 +191,7 @@ private:
 
     const std::unordered_map<std::uint64_t, std::string>& mountPoints_;
     const Privileges& privileges_;
-    std::unordered_map<std::string, std::optional<std::string>> folders_;
+    std::unordered_map<std::string, Folder> folders_;
     std::unordered_map<std::uint64_t, UniqueFd> mountFds_;
 };
 
@@ -167,22 +222,83 @@ private:
     const char* end_;
 };
 
-// The record naming the folder and entry of an event, if it has one. The
-// records need no more than four-byte alignment.
-const fanotify_event_info_fid* folderRecord(const char* bytes, const fanotify_event_metadata& event)
+// A folder and the name of an entry in it, as an event's record gives them.
+struct Entry {
+    const __kernel_fsid_t* fsid;
+    const file_handle* folder;
+    const char* name;
+};
+
+// The entry that an event's record of the given type (FAN_EVENT_INFO_TYPE_
+// DFID_NAME, or for a rename OLD_DFID_NAME and NEW_DFID_NAME) names, if the
+// event has one. The records need no more than four-byte alignment.
+std::optional<Entry> entryOf(const char* bytes, const fanotify_event_metadata& event, std::uint8_t type)
 {
     const char* record = bytes + event.metadata_len;
     const char* end = bytes + event.event_len;
     while (record + sizeof(fanotify_event_info_header) <= end) {
         const auto* header = reinterpret_cast<const fanotify_event_info_header*>(record);
         if (header->len < sizeof *header || record + header->len > end)
-            return nullptr;
-        if (header->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
-            header->len >= sizeof(fanotify_event_info_fid) + sizeof(file_handle))
-            return reinterpret_cast<const fanotify_event_info_fid*>(record);
-        record += header->len;
+            return std::nullopt;
+        const char* recordEnd = record + header->len;
+        if (header->info_type == type && header->len >= sizeof(fanotify_event_info_fid) + sizeof(file_handle)) {
+            const auto* info = reinterpret_cast<const fanotify_event_info_fid*>(record);
+            const auto* handle = reinterpret_cast<const file_handle*>(info->handle);
+            const char* name = reinterpret_cast<const char*>(handle->f_handle) + handle->handle_bytes;
+            if (name >= recordEnd || !std::memchr(name, '\0', static_cast<size_t>(recordEnd - name)))
+                return std::nullopt;
+            return Entry{&info->fsid, handle, name};
+        }
+        record = recordEnd;
     }
-    return nullptr;
+    return std::nullopt;
+}
+
+std::string pathIn(const std::string& folder, const char* name)
+{
+    std::string path = folder;
+    if (path != "/")
+        path += '/';
+    path += name;
+    return path;
+}
+
+// Adds an event on the entry name of folder: the entry's path, or, given
+// from, the arrival of a folder from there. An event in a folder with no
+// path is told as unresolved instead, once per batch.
+bool addEvent(RecordWriter& output, Batch::Folder& folder, const char* name, const std::string* from = nullptr)
+{
+    switch (folder.kind) {
+    case Batch::Folder::Hidden:
+        return true;
+    case Batch::Folder::TooLong:
+        if (std::exchange(folder.announced, true))
+            return true;
+        return output.add({kUnresolved, kPathTooLong, folder.path});
+    case Batch::Folder::Listable:
+        break;
+    }
+    const std::string path = pathIn(folder.path, name);
+    return from ? output.add({kFolderArrived, *from, path}) : output.add(path);
+}
+
+// A folder renamed: into the place that the event's NEW record names, from
+// the one its OLD record names. Where it was is "" when that folder has no
+// path the real user may list.
+bool reportFolderMove(Batch& batch, const char* bytes, const fanotify_event_metadata& event, RecordWriter& output)
+{
+    const std::optional<Entry> to = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_NEW_DFID_NAME);
+    if (!to)
+        return true;
+    Batch::Folder& folder = batch.folder(*to->fsid, to->folder);
+    std::string from;
+    const std::optional<Entry> old = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_OLD_DFID_NAME);
+    if (folder.kind == Batch::Folder::Listable && old) {
+        const Batch::Folder& oldFolder = batch.folder(*old->fsid, old->folder);
+        if (oldFolder.kind == Batch::Folder::Listable)
+            from = pathIn(oldFolder.path, old->name);
+    }
+    return addEvent(output, folder, to->name, &from);
 }
 
 } // namespace
@@ -206,17 +322,17 @@ bool FanotifyWatch::open(std::string* message)
     const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
     handleGroup_.reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
     if (!handleGroup_) {
-        *message = std::string("gfslogger: fanotify with file handles: ") + std::strerror(errno);
+        *message = std::string("fanotify with file handles: ") + std::strerror(errno);
         return false;
     }
     descriptorGroup_.reset(::fanotify_init(common, eventFlags));
     if (!descriptorGroup_) {
-        *message = std::string("gfslogger: fanotify: ") + std::strerror(errno);
+        *message = std::string("fanotify: ") + std::strerror(errno);
         return false;
     }
     mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
     if (!mountTable_) {
-        *message = std::string("gfslogger: /proc/self/mountinfo: ") + std::strerror(errno);
+        *message = std::string("/proc/self/mountinfo: ") + std::strerror(errno);
         return false;
     }
     return true;
@@ -266,8 +382,18 @@ FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
     if (::stat(entry.mountPoint.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
         return marked;
 
-    if (::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kHandleMask, AT_FDCWD,
-                        entry.mountPoint.c_str()) == 0) {
+    const auto markFileSystem = [&](std::uint64_t mask) {
+        return ::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
+                               entry.mountPoint.c_str()) == 0;
+    };
+    bool markedWhole = markFileSystem(renameEvents_ ? kHandleMask | FAN_RENAME : kHandleMask);
+    if (!markedWhole && errno == EINVAL && renameEvents_ && markFileSystem(kHandleMask)) {
+        // A kernel older than 5.17, which refuses the flag on every file
+        // system alike: folders moved in are reported without their origin.
+        renameEvents_ = false;
+        markedWhole = true;
+    }
+    if (markedWhole) {
         struct statfs fs{};
         if (::statfs(entry.mountPoint.c_str(), &fs) == 0) {
             marked.kind = MarkedMount::WholeFileSystem;
@@ -293,10 +419,10 @@ FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
 void FanotifyWatch::reportOnce(const std::string& mountPoint, const char* what, int error)
 {
     if (reported_[mountPoint]++ == 0)
-        std::fprintf(stderr, "gfslogger: %s %s: %s\n", what, mountPoint.c_str(), std::strerror(error));
+        printDiagnostic(std::string(what) + " " + mountPoint + ": " + std::strerror(error));
 }
 
-FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
+FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
 {
     ssize_t length;
     do {
@@ -306,7 +432,6 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
         return ReadResult::Ok;
 
     Batch batch(mountPointOfFsid_, privileges_);
-    std::string path;
     fanotify_event_metadata event;
     const char* bytes;
     for (HandleEvents events(events_.get(), length); events.next(event, bytes);) {
@@ -319,29 +444,28 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(LineWriter& output)
                 return ReadResult::OutputClosed;
             continue;
         }
-        if (!wanted(event.mask))
-            continue;
-        const fanotify_event_info_fid* record = folderRecord(bytes, event);
-        if (!record)
-            continue;
-        const auto* handle = reinterpret_cast<const file_handle*>(record->handle);
-        const char* name = reinterpret_cast<const char*>(handle->f_handle + handle->handle_bytes);
-        if (std::strcmp(name, ".") == 0)
-            continue;
-        const std::optional<std::string>& folder = batch.folder(record->fsid, handle);
-        if (!folder)
-            continue;
-        path.assign(*folder);
-        if (path != "/")
-            path += '/';
-        path += name;
-        if (!output.add(path))
+        const bool onFolder = event.mask & FAN_ONDIR;
+        bool written = true;
+        if (event.mask & FAN_RENAME) {
+            // Never merged with other events: the kernel keeps renames apart.
+            if (onFolder)
+                written = reportFolderMove(batch, bytes, event, output);
+        } else if (onFolder ? (event.mask & FAN_MOVED_TO) && !renameEvents_ : (event.mask & kFileEvents) != 0) {
+            const std::optional<Entry> entry = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_DFID_NAME);
+            // "." names the folder of an event on the folder itself.
+            if (entry && std::strcmp(entry->name, ".") != 0) {
+                const std::string unknownOrigin;
+                written = addEvent(output, batch.folder(*entry->fsid, entry->folder), entry->name,
+                                   onFolder ? &unknownOrigin : nullptr);
+            }
+        }
+        if (!written)
             return ReadResult::OutputClosed;
     }
     return ReadResult::Ok;
 }
 
-FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(LineWriter& output)
+FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(RecordWriter& output)
 {
     ssize_t length;
     {

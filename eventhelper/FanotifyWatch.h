@@ -1,9 +1,9 @@
 #pragma once
 
 #include "eventhelper/HelperOutput.h"
-#include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
 #include "eventhelper/Privileges.h"
+#include "eventhelper/RecordWriter.h"
 #include "platform/UniqueFd.h"
 
 #include <cstdint>
@@ -14,14 +14,20 @@
 namespace kv::gfs {
 
 // gfslogger's window on the kernel: fanotify over every mounted file system,
-// including those mounted while it runs, turned into full paths.
+// including those mounted while it runs, turned into the records of
+// HelperOutput.h.
 //
 // Two groups. The main one marks whole file systems and names objects by
-// file handles, so it sees files created, closed after writing and moved in,
-// and folders moved in, from every mount of the file system. File systems
-// that cannot encode file handles (some FUSE mounts, btrfs subvolumes) are
-// marked mount by mount in a second group, which hands over an open file
-// for each file closed after writing.
+// file handles, so it sees, from every mount of the file system, files
+// created, closed after writing, moved in or whose attributes changed, and
+// folders moved in together with where they came from (FAN_RENAME; a kernel
+// older than 5.17 says only where they went). A folder whose path is too
+// long to have is reported as unresolved, with the deepest folder above it
+// that has one. File systems that cannot encode file handles (some FUSE
+// mounts, btrfs subvolumes) are marked mount by mount in a second group,
+// which hands over an open file for each file closed after writing.
+//
+// Only what the real user may list is reported (Privileges).
 //
 // Single-threaded: main() polls the three descriptors and calls in.
 class FanotifyWatch {
@@ -45,9 +51,9 @@ public:
     int mountTable() const { return mountTable_.get(); }
 
     // Each reads one batch of waiting events from its group and adds the
-    // path of every reported object the real user may know of to output.
-    ReadResult readHandleEvents(LineWriter& output);
-    ReadResult readDescriptorEvents(LineWriter& output);
+    // records of every event the real user may know of to output.
+    ReadResult readHandleEvents(RecordWriter& output);
+    ReadResult readDescriptorEvents(RecordWriter& output);
 
     // What one mount of the table became.
     struct MarkedMount {
@@ -71,6 +77,9 @@ private:
     // its own root, so that a folder's path comes out the way users see it.
     std::unordered_map<std::uint64_t, std::string> mountPointOfFsid_;
     std::unordered_map<std::string, int> reported_;
+    // Whether the kernel reports renames with both places (FAN_RENAME, Linux
+    // 5.17); false once it has refused the flag.
+    bool renameEvents_ = true;
     std::unique_ptr<char[]> events_;
 };
 

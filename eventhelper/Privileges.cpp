@@ -28,7 +28,7 @@ bool isKept(int capability)
 
 std::string failure(const char* step)
 {
-    return std::string("gfslogger: ") + step + ": " + std::strerror(errno);
+    return std::string(step) + ": " + std::strerror(errno);
 }
 
 // True when our own program file is owned by root and set-user-ID, so that
@@ -101,11 +101,11 @@ Privileges::Outcome Privileges::establish(std::string* message)
 {
     if (::geteuid() != 0) {
         if (programIsSetUidRoot()) {
-            *message = "gfslogger: installed set-user-ID root, but started without root's rights "
+            *message = "installed set-user-ID root, but started without root's rights "
                        "(is its file system mounted nosuid?)";
             return Outcome::Failed;
         }
-        *message = "gfslogger: needs root's rights to read file-system events; install it set-user-ID root";
+        *message = "needs root's rights to read file-system events; install it set-user-ID root";
         return Outcome::LacksPrivileges;
     }
 
@@ -158,11 +158,31 @@ Privileges::Raised::~Raised()
 
 bool Privileges::realUserCanList(const std::string& folder) const
 {
+    return realUserMay(AT_FDCWD, folder.c_str(), R_OK | X_OK, 0);
+}
+
+bool Privileges::realUserCanSearch(const std::string& folder) const
+{
+    return realUserMay(AT_FDCWD, folder.c_str(), X_OK, 0);
+}
+
+bool Privileges::realUserCanList(int folderFd) const
+{
+    return realUserMay(folderFd, "", R_OK | X_OK, AT_EMPTY_PATH);
+}
+
+bool Privileges::realUserCanSearch(int folderFd) const
+{
+    return realUserMay(folderFd, "", X_OK, AT_EMPTY_PATH);
+}
+
+bool Privileges::realUserMay(int dirFd, const char* path, int mode, int flags) const
+{
     if (realUid_ == 0)
         return true;
     // access(2) without AT_EACCESS checks with the real ids and, for a
-    // non-root user, without our capabilities.
-    return ::faccessat(AT_FDCWD, folder.c_str(), R_OK | X_OK, 0) == 0;
+    // non-root user, without our capabilities, even inside a Raised scope.
+    return ::faccessat(dirFd, path, mode, flags) == 0;
 }
 
 } // namespace kv::gfs

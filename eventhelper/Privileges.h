@@ -53,8 +53,18 @@ public:
     // with the real user id: the names in a folder that user cannot list
     // are none of their business. Always true for root.
     bool realUserCanList(const std::string& folder) const;
+    // Whether that user may pass through the folder to what lies below.
+    bool realUserCanSearch(const std::string& folder) const;
+
+    // The same checks for a folder open as folderFd (O_PATH will do), by
+    // that folder's own permissions alone: for a folder with no path, whose
+    // caller checks the folders above it one by one.
+    bool realUserCanList(int folderFd) const;
+    bool realUserCanSearch(int folderFd) const;
 
 private:
+    bool realUserMay(int dirFd, const char* path, int mode, int flags) const;
+
     uid_t realUid_;
 };
 

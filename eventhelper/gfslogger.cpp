@@ -1,24 +1,26 @@
-// gfslogger: prints the full path of every file created, closed after
-// writing or moved in, and of every folder moved in, on any mounted file
-// system, one path a line, until it is terminated; when the kernel's event
-// queue overflowed, the line kQueueOverflowed (HelperOutput.h) instead. The
-// agent runs it and reads its output; see intake/FSEventWatcher.h for the
-// other side.
+// gfslogger: reports file events on every mounted file system until it is
+// terminated, as the NUL-ended records of HelperOutput.h: the full path of
+// every file created, closed after writing, moved in or changed in its
+// attributes, whatever bytes its name holds; every folder moved in, with
+// where it was before; an event whose folder has no path, with the deepest
+// folder above it that has one; and that events were lost, when the
+// kernel's event queue overflowed. Its diagnostics on standard error are
+// records too. The agent runs it and reads both streams in one pipe; see
+// intake/FSEventWatcher.h for the other side.
 //
 // Takes no arguments. Exits 1 when it lacks root's rights, which the agent
 // answers by installing it set-user-ID root.
 
 #include "eventhelper/ExitStatus.h"
 #include "eventhelper/FanotifyWatch.h"
-#include "eventhelper/LineWriter.h"
 #include "eventhelper/Privileges.h"
+#include "eventhelper/RecordWriter.h"
 
 #include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <string>
 
 using namespace kv::gfs;
@@ -35,7 +37,7 @@ namespace {
 
 int fail(ExitStatus status, const std::string& message)
 {
-    std::fprintf(stderr, "%s\n", message.c_str());
+    printDiagnostic(message);
     return status;
 }
 
@@ -59,7 +61,7 @@ int main()
         return fail(kCannotWatch, message);
     watch.markMounts();
 
-    LineWriter output(STDOUT_FILENO);
+    RecordWriter output(STDOUT_FILENO);
     enum { kHandles, kDescriptors, kMounts, kOutput };
     pollfd watched[] = {
         {watch.handleGroup(), POLLIN, 0},
@@ -73,7 +75,7 @@ int main()
         if (::poll(watched, std::size(watched), -1) < 0) {
             if (errno == EINTR)
                 continue;
-            return fail(kCannotWatch, "gfslogger: poll failed");
+            return fail(kCannotWatch, "poll failed");
         }
         if (watched[kOutput].revents & (POLLERR | POLLHUP | POLLNVAL))
             return kOutputClosed;
@@ -94,7 +96,7 @@ int main()
         if (result == FanotifyWatch::ReadResult::Ok && (watched[kDescriptors].revents & POLLIN))
             result = watch.readDescriptorEvents(output);
         if (result == FanotifyWatch::ReadResult::Unusable)
-            return fail(kCannotWatch, "gfslogger: the kernel reports events in a format this helper does not know");
+            return fail(kCannotWatch, "the kernel reports events in a format this helper does not know");
         if (result == FanotifyWatch::ReadResult::OutputClosed || !output.flush())
             return kOutputClosed;
     }

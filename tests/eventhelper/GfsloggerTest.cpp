@@ -3,8 +3,8 @@
 // set-user-ID root for an ordinary user.
 
 #include "eventhelper/HelperOutput.h"
-#include "eventhelper/LineWriter.h"
 #include "eventhelper/MountTable.h"
+#include "eventhelper/RecordWriter.h"
 #include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -21,6 +21,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -31,6 +33,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 const std::string kHelper = GFSLOGGER_PATH;
+const std::string kArrived(kv::gfs::kFolderArrived);
 
 class TempFolder {
 public:
@@ -40,7 +43,8 @@ public:
         path_ = ::mkdtemp(pattern);
         ::chmod(path_.c_str(), 0755);
     }
-    ~TempFolder() { fs::remove_all(path_); }
+    // rm walks down by descriptors, through folders deeper than a path reaches.
+    ~TempFolder() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
 private:
@@ -49,9 +53,12 @@ private:
 
 void writeFile(const std::string& path, const std::string& text = "x") { std::ofstream(path) << text; }
 
-// One helper run and the lines it has printed so far.
+// One helper run and what it has reported so far, as events: a path, or a
+// kind and its fields.
 class HelperRun {
 public:
+    using Event = std::vector<std::string>;
+
     explicit HelperRun(std::vector<std::string> argv)
         : child_(kv::ChildProcess::spawn(argv, kv::ChildProcess::Output::Pipe))
     {
@@ -62,11 +69,11 @@ public:
             ::kill(child_->pid(), SIGKILL);
     }
 
-    // Reads output until the line has arrived; false after timeoutMs.
-    bool waitForLine(const std::string& line, int timeoutMs = 5000)
+    // Reads output until the event has arrived; false after timeoutMs.
+    bool waitFor(const Event& event, int timeoutMs = 5000)
     {
         const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (count(line) == 0) {
+        while (std::count(events_.begin(), events_.end(), event) == 0) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
             if (left <= 0 || !readFor(static_cast<int>(left)))
                 return false;
@@ -80,18 +87,20 @@ public:
     {
         for (int attempt = 0; attempt < 100; ++attempt) {
             writeFile(probe);
-            if (waitForLine(probe, 50))
+            if (waitFor({probe}, 50))
                 return true;
         }
         return false;
     }
 
-    size_t count(const std::string& line) const { return std::count(lines_.begin(), lines_.end(), line); }
-    std::vector<std::string> linesUnder(const std::string& folder) const
+    // The events one of whose records starts with prefix, such as a folder
+    // or a kind.
+    std::vector<Event> eventsWith(const std::string& prefix) const
     {
-        std::vector<std::string> found;
-        std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
-                     [&](const std::string& line) { return line.starts_with(folder); });
+        std::vector<Event> found;
+        std::copy_if(events_.begin(), events_.end(), std::back_inserter(found), [&](const Event& event) {
+            return std::any_of(event.begin(), event.end(), [&](const std::string& r) { return r.starts_with(prefix); });
+        });
         return found;
     }
 
@@ -120,17 +129,53 @@ private:
         if (n <= 0)
             return false;
         for (char c : std::string_view(buffer, static_cast<size_t>(n))) {
-            if (c == '\n')
-                lines_.push_back(std::exchange(partial_, {}));
+            if (c == kv::gfs::kRecordEnd)
+                take(std::exchange(partial_, {}));
             else
                 partial_ += c;
         }
         return true;
     }
 
+    void take(std::string record)
+    {
+        if (fieldsLeft_ == 0) {
+            events_.emplace_back();
+            fieldsLeft_ = record == kv::gfs::kFolderArrived || record == kv::gfs::kUnresolved ? 2 : 0;
+        } else {
+            --fieldsLeft_;
+        }
+        events_.back().push_back(std::move(record));
+    }
+
     std::optional<kv::ChildProcess> child_;
-    std::vector<std::string> lines_;
+    std::vector<Event> events_;
+    int fieldsLeft_ = 0;
     std::string partial_;
+};
+
+// A chain of folders under base that reaches deeper than a path can name,
+// made one level at a time (mkdir refuses paths that long).
+struct DeepFolder {
+    explicit DeepFolder(const std::string& base)
+    {
+        const std::string name(100, 'd');
+        fs::create_directories(base);
+        kv::UniqueFd at(::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        for (std::string path = base; path.size() < PATH_MAX + 400; path += "/" + name) {
+            if (path.size() < PATH_MAX) {
+                named.reset(::dup(at.get()));
+                namedPath = path;
+            }
+            ::mkdirat(at.get(), name.c_str(), 0755);
+            at.reset(::openat(at.get(), name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
+        deepest = std::move(at);
+    }
+
+    kv::UniqueFd named;  // the deepest folder with a path
+    std::string namedPath;
+    kv::UniqueFd deepest;  // a few levels below it
 };
 
 // A field of /proc/PID/status, such as "CapEff".
@@ -173,40 +218,86 @@ void expectRightsAtRest(pid_t pid)
         EXPECT_EQ(flag & 0x30u, 0u) << "unlimited queue or marks: " << std::hex << flag;
 }
 
-TEST(Gfslogger, ReportsEachCreatedWrittenAndMovedInObjectOnce)
+TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
 {
     TempFolder folder;
-    fs::create_directories(folder / "in");
-    fs::create_directories(folder / "out/folder");
-    writeFile(folder / "out/file");
-    writeFile(folder / "in/old");
+    TempFolder elsewhere;
+    for (const char* made : {"in/swap-a", "in/swap-folder", "out/folder", "out/swap-b"})
+        fs::create_directories(folder / made);
+    fs::create_directories(elsewhere / "made");
+    for (const char* made : {"out/file", "in/old", "in/unreadable", "in/swap-file"})
+        writeFile(folder / made);
+    ::chmod((folder / "in/unreadable").c_str(), 0);
     HelperRun helper({kHelper});
     ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
 
     // Each action below causes exactly one reported event.
     ASSERT_EQ(::mknod((folder / "in/created").c_str(), S_IFREG | 0644, 0), 0);
     // The kernel merges two events on one file while the first is unread.
-    ASSERT_TRUE(helper.waitForLine(folder / "in/created"));
+    ASSERT_TRUE(helper.waitFor({folder / "in/created"}));
     writeFile(folder / "in/created", "written");
     fs::rename(folder / "in/old", folder / "in/renamed");
     fs::rename(folder / "out/file", folder / "in/file");
     fs::rename(folder / "out/folder", folder / "in/folder");
-    // Reported by none: a new folder, reading, and what happens outside.
+    fs::rename(elsewhere / "made", folder / "in/made");
+    for (const char* name : {"in/two\nlines", "in/latin-\xe9"})
+        ASSERT_EQ(::mknod((folder / name).c_str(), S_IFREG | 0644, 0), 0);
+    ::chmod((folder / "in/unreadable").c_str(), 0644);
+    // Swapped places: both sides land somewhere new.
+    for (const auto& [one, other] : {std::pair{"in/swap-a", "out/swap-b"}, {"in/swap-folder", "in/swap-file"}})
+        ASSERT_EQ(::renameat2(AT_FDCWD, (folder / one).c_str(), AT_FDCWD, (folder / other).c_str(), RENAME_EXCHANGE), 0);
+    // Reported by none: a new folder, a folder's attributes, reading, and
+    // what happens outside.
     fs::create_directories(folder / "in/new-folder");
+    ::chmod((folder / "in/new-folder").c_str(), 0700);
     std::ifstream(folder / "in/renamed").get();
     ASSERT_EQ(::mknod((folder / "end").c_str(), S_IFREG | 0644, 0), 0);
-    ASSERT_TRUE(helper.waitForLine(folder / "end"));
+    ASSERT_TRUE(helper.waitFor({folder / "end"}));
 
-    const std::vector<std::string> expected = {folder / "in/created", folder / "in/created", folder / "in/renamed",
-                                               folder / "in/file", folder / "in/folder"};
-    EXPECT_EQ(helper.linesUnder(folder / "in/"), expected);
+    const std::string in = folder / "in/";
+    const std::vector<HelperRun::Event> expected = {
+        {in + "created"},
+        {in + "created"},
+        {in + "renamed"},
+        {in + "file"},
+        {kArrived, folder / "out/folder", in + "folder"},
+        {kArrived, elsewhere / "made", in + "made"},
+        {in + "two\nlines"},
+        {in + "latin-\xe9"},
+        {in + "unreadable"},
+        {kArrived, in + "swap-a", folder / "out/swap-b"},
+        {kArrived, folder / "out/swap-b", in + "swap-a"},
+        {kArrived, in + "swap-folder", in + "swap-file"},
+        {in + "swap-folder"},
+    };
+    EXPECT_EQ(helper.eventsWith(in), expected);
     expectRightsAtRest(helper.child().pid());
+}
+
+// The agent scans the deepest folder that has a path instead; a name that
+// makes a path longer than PATH_MAX is no obstacle, as the agent opens
+// files folder by folder.
+TEST(Gfslogger, AnEventDeeperThanAPathNamesTheDeepestFolderWithOne)
+{
+    TempFolder folder;
+    const DeepFolder deep(folder / "deep");
+    const std::string longName(255, 'f');
+    HelperRun helper({kHelper});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+
+    ASSERT_EQ(::mknodat(deep.deepest.get(), "file", S_IFREG | 0644, 0), 0);
+    ASSERT_EQ(::mknodat(deep.named.get(), longName.c_str(), S_IFREG | 0644, 0), 0);
+    EXPECT_TRUE(helper.waitFor({deep.namedPath + "/" + longName}));
+    const std::vector<HelperRun::Event> unresolved = helper.eventsWith(std::string(kv::gfs::kUnresolved));
+    ASSERT_EQ(unresolved.size(), 1u);
+    EXPECT_NE(unresolved[0][1], "");
+    EXPECT_EQ(unresolved[0][2], deep.namedPath);
 }
 
 // A helper that does not read (stopped here, as any user may stop their own
 // process) costs the kernel at most its queue; the events it lost are
 // reported as such, and the helper goes on.
-TEST(Gfslogger, AFullQueueIsReportedAsAnOverflowLine)
+TEST(Gfslogger, AFullQueueIsReportedAsAnOverflow)
 {
     TempFolder folder;
     HelperRun helper({kHelper});
@@ -216,12 +307,12 @@ TEST(Gfslogger, AFullQueueIsReportedAsAnOverflowLine)
     for (int i = 0; i < 17000; ++i)
         ASSERT_EQ(::mknod((folder / std::to_string(i)).c_str(), S_IFREG | 0644, 0), 0);
     ASSERT_EQ(::kill(helper.child().pid(), SIGCONT), 0);
-    EXPECT_TRUE(helper.waitForLine(std::string(kv::gfs::kQueueOverflowed), 30000));
+    EXPECT_TRUE(helper.waitFor({std::string(kv::gfs::kQueueOverflowed)}, 30000));
     EXPECT_TRUE(helper.waitUntilWatching(folder / "after"));
 }
 
 // Runs as an ordinary user: a copy of the helper in a folder that user can
-// read, wherever the build tree is.
+// read, wherever the build tree is. Its diagnostic is a record of its own.
 TEST(Gfslogger, WithoutRootRightsExitsOneAtOnce)
 {
     ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
@@ -232,6 +323,10 @@ TEST(Gfslogger, WithoutRootRightsExitsOneAtOnce)
     argv.push_back(copy);
     HelperRun helper(argv);
     EXPECT_EQ(helper.exitStatusWithin(2000), 1);
+    const std::string output = helper.child().readAll();
+    EXPECT_TRUE(output.starts_with(kv::gfs::kDiagnosticPrefix) && output.ends_with(std::string("\n") + '\0') &&
+                std::count(output.begin(), output.end(), '\0') == 1)
+        << output;
 }
 
 TEST(Gfslogger, ExitsAtOnceWhenItsReaderGoesAway)
@@ -255,8 +350,10 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     ASSERT_EQ(::chmod(installed.c_str(), 04755), 0);
     fs::create_directories(folder / "shared");
     ::chmod((folder / "shared").c_str(), 0777);
-    fs::create_directories(folder / "private");
+    fs::create_directories(folder / "private/moved");
     ::chmod((folder / "private").c_str(), 0700);
+    const DeepFolder hidden(folder / "private/deep");
+    const DeepFolder reachable(folder / "shared/deep");
 
     std::vector<std::string> argv = kvtest::asUser("nobody");
     argv.push_back(installed);
@@ -270,10 +367,18 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     std::vector<std::string> writer = kvtest::asUser("nobody");
     writer.insert(writer.end(), {"/bin/sh", "-c", "echo mine > " + (folder / "shared/mine")});
     ASSERT_EQ(kv::runAndWait(writer), 0);
-    EXPECT_TRUE(helper.waitForLine(folder / "shared/mine"));
+    EXPECT_TRUE(helper.waitFor({folder / "shared/mine"}));
+    // Where a folder came from is told only if the user may list it.
+    fs::rename(folder / "private/moved", folder / "shared/moved");
+    EXPECT_TRUE(helper.waitFor({kArrived, "", folder / "shared/moved"}));
+    for (const DeepFolder* deep : {&hidden, &reachable})
+        ASSERT_EQ(::mknodat(deep->deepest.get(), "file", S_IFREG | 0644, 0), 0);
     writeFile(folder / "shared/end");
-    ASSERT_TRUE(helper.waitForLine(folder / "shared/end"));
-    EXPECT_TRUE(helper.linesUnder(folder / "private").empty());
+    ASSERT_TRUE(helper.waitFor({folder / "shared/end"}));
+    EXPECT_TRUE(helper.eventsWith(folder / "private").empty());
+    const std::vector<HelperRun::Event> unresolved = helper.eventsWith(std::string(kv::gfs::kUnresolved));
+    ASSERT_EQ(unresolved.size(), 1u);
+    EXPECT_EQ(unresolved[0].back(), reachable.namedPath);
 }
 #endif
 
@@ -331,22 +436,29 @@ TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
     EXPECT_TRUE(ramfs.unmount());
 }
 
-TEST(LineWriter, WithholdsNamesTheReaderCouldNotTakeWhole)
+TEST(RecordWriter, PassesEveryNameOnWholeAndInOrder)
 {
+    const std::vector<std::string> records = {
+        "/w/two\nlines", "/w/return\r", "/w/\xff\xfe", "/w/" + std::string(5000, 'x'), "/w/plain", kArrived, "", "/w/new",
+    };
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
-    kv::gfs::LineWriter writer(fds[1]);
-    for (const char* path : {"/w/plain name", "/w/two\nlines", "/w/latin-\xe9", "/w/caf\xc3\xa9", "/w/quote'\": colon"})
-        ASSERT_TRUE(writer.add(path));
+    kv::gfs::RecordWriter writer(fds[1]);
+    for (size_t i = 0; i < 5; ++i)
+        ASSERT_TRUE(writer.add(records[i]));
+    ASSERT_TRUE(writer.add({records[5], records[6], records[7]}));
     ASSERT_TRUE(writer.flush());
     ::close(fds[1]);
-    char buffer[256];
-    const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+    std::string output;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<size_t>(n));
     ::close(fds[0]);
-    // One read holds every line: a name that is not UTF-8 would have made the
-    // agent drop all of them.
-    EXPECT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0))),
-              "/w/plain name\n/w/caf\xc3\xa9\n/w/quote'\": colon\n");
+    ASSERT_TRUE(output.ends_with('\0'));
+    std::vector<std::string> read;
+    for (size_t start = 0, end; (end = output.find('\0', start)) != std::string::npos; start = end + 1)
+        read.push_back(output.substr(start, end - start));
+    EXPECT_EQ(read, records);
 }
 
 TEST(MountTable, ParsesMountInfoLines)
