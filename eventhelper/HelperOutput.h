@@ -27,9 +27,9 @@ inline constexpr std::string_view kQueueOverflowed = "!queue-overflowed";
 inline constexpr std::string_view kFolderArrived = "!folder-arrived";
 
 // An event whose object has no path the helper can give (its path is longer
-// than PATH_MAX). Two fields: the reason in words, and the deepest folder
-// above it that has a path the real user may list ("" when there is none),
-// which the reader scans whole instead.
+// than PATH_MAX). Two fields: the reason in words, and the nearest folder
+// above it that has a path, which the reader scans whole instead; "" when
+// the real user may not list that folder or reach the event's folder from it.
 inline constexpr std::string_view kUnresolved = "!unresolved";
 
 // Diagnostics of the helper, which the agent reads in the same pipe as its
