@@ -418,7 +418,7 @@ TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
     const std::string helper = home_ / "resources/gfslogger";
     kvtest::writeFile(helper,
                       "#!/bin/sh\necho run >> " + (home_ / "runs") +
-                          "\necho 'gfslogger: fanotify: Function not implemented' >&2\nexit 2\n",
+                          "\nprintf 'gfslogger: fanotify: Function not implemented\\n\\0' >&2\nexit 2\n",
                       0755);
     resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
     kv::KorvaneVelgar& agent = controller();
