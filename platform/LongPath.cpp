@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <limits.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace kv {
@@ -37,8 +38,8 @@ size_t lastComponent(const std::string& path, size_t* length)
     size_t end = path.size();
     while (end > 1 && path[end - 1] == '/')
         --end;
-    const size_t slash = path.rfind('/', end - 1);
-    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    const size_t slash = end == 0 ? std::string::npos : path.rfind('/', end - 1);
+    const size_t start = slash == std::string::npos ? 0 : std::min(slash + 1, end);
     *length = end - start;
     return start;
 }
@@ -52,12 +53,13 @@ ParentAndName openParent(const std::string& path)
         return result;
     size_t length = 0;
     const size_t start = lastComponent(path, &length);
-    result.name = path.substr(start, length);
-    if (result.name.empty() || result.name == "/") {
-        result.name = ".";
+    // "/" (or "//"): the folder itself, named ".".
+    if (length == 0 || path[start] == '/') {
+        result.name.push_back('.');
         result.folder = walkFolders(path, path.size());
         return result;
     }
+    result.name = path.substr(start, length);
     if (start <= PATH_MAX - 1) {
         const std::string folder = start == 0 ? "." : path.substr(0, start);
         result.folder.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
