@@ -156,9 +156,12 @@ Privileges::Raised::~Raised()
         setKeptCapabilities(false);
 }
 
+// A folder of the user's own counts as listable even when its mode says
+// otherwise (a folder of mode 0300 still takes new files): its owner may
+// change the mode at any time, so its names are no secret from them.
 bool Privileges::realUserCanList(const std::string& folder) const
 {
-    return realUserMay(AT_FDCWD, folder.c_str(), R_OK | X_OK, 0);
+    return realUserMay(AT_FDCWD, folder.c_str(), R_OK | X_OK, 0) || realUserOwns(AT_FDCWD, folder.c_str(), 0);
 }
 
 bool Privileges::realUserCanSearch(const std::string& folder) const
@@ -168,7 +171,15 @@ bool Privileges::realUserCanSearch(const std::string& folder) const
 
 bool Privileges::realUserCanList(int folderFd) const
 {
-    return realUserMay(folderFd, "", R_OK | X_OK, AT_EMPTY_PATH);
+    return realUserMay(folderFd, "", R_OK | X_OK, AT_EMPTY_PATH) || realUserOwns(folderFd, "", AT_EMPTY_PATH);
+}
+
+bool Privileges::realUserOwns(int dirFd, const char* path, int flags) const
+{
+    // The way there must be open to the user all the same.
+    struct stat info{};
+    return realUserMay(dirFd, path, X_OK, flags) &&
+           ::fstatat(dirFd, path, &info, flags | AT_SYMLINK_NOFOLLOW) == 0 && info.st_uid == realUid_;
 }
 
 bool Privileges::realUserCanSearch(int folderFd) const

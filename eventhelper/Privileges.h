@@ -51,7 +51,8 @@ public:
 
     // Whether the user who started the helper may list the folder, checked
     // with the real user id: the names in a folder that user cannot list
-    // are none of their business. Always true for root.
+    // are none of their business. Always true for root, and for a folder
+    // the user owns and may reach (they may change its mode at any time).
     bool realUserCanList(const std::string& folder) const;
     // Whether that user may pass through the folder to what lies below.
     bool realUserCanSearch(const std::string& folder) const;
@@ -64,6 +65,7 @@ public:
 
 private:
     bool realUserMay(int dirFd, const char* path, int mode, int flags) const;
+    bool realUserOwns(int dirFd, const char* path, int flags) const;
 
     uid_t realUid_;
 };

@@ -368,6 +368,14 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
     writer.insert(writer.end(), {"/bin/sh", "-c", "echo mine > " + (folder / "shared/mine")});
     ASSERT_EQ(kv::runAndWait(writer), 0);
     EXPECT_TRUE(helper.waitFor({folder / "shared/mine"}));
+    // A folder of the user's own that they may not read still takes files,
+    // and may be read whenever they like: its files are no secret.
+    std::vector<std::string> unreadable = kvtest::asUser("nobody");
+    unreadable.insert(unreadable.end(), {"/bin/sh", "-c",
+                                         "mkdir -m 0300 " + (folder / "shared/unreadable") + " && echo mine > " +
+                                             (folder / "shared/unreadable/file")});
+    ASSERT_EQ(kv::runAndWait(unreadable), 0);
+    EXPECT_TRUE(helper.waitFor({folder / "shared/unreadable/file"}));
     // Where a folder came from is told only if the user may list it.
     fs::rename(folder / "private/moved", folder / "shared/moved");
     EXPECT_TRUE(helper.waitFor({kArrived, "", folder / "shared/moved"}));
