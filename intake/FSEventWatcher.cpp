@@ -50,6 +50,7 @@ constexpr auto kTerminateGrace = std::chrono::seconds(2);
 // keep every agent walking without end.
 constexpr auto kWalkSpacing = std::chrono::seconds(30);
 constexpr size_t kLongestRecord = 1024 * 1024;
+constexpr size_t kRememberedDiagnostics = 1000;
 
 std::string parentOf(const std::string& path)
 {
@@ -179,7 +180,12 @@ void FSEventWatcher::mainLoop(const std::shared_ptr<Loop>& loop)
         if (startWatching(*loop) == RunEnd::Installed)
             break;
         const int longest = loop->lastStatus == gfs::kCannotWatch ? kLongestPauseCannotWatchMs : kLongestPauseMs;
-        pauseMs = Clock::now() - began >= kSteadyRun ? 0 : std::clamp(pauseMs * 2, kFirstPauseMs, longest);
+        const bool wasWatching = Clock::now() - began >= kSteadyRun;
+        // A helper that watched and ended (killed, or crashed) missed what
+        // happened until its next start: the folders are walked.
+        if (wasWatching && loop->isWatching)
+            scanWatchedFoldersWhole(WhyWalk::HelperEnded);
+        pauseMs = wasWatching ? 0 : std::clamp(pauseMs * 2, kFirstPauseMs, longest);
         if (pauseMs > 0 && !pauseBeforeRestart(*loop, pauseMs))
             break;
     }
@@ -332,7 +338,7 @@ void FSEventWatcher::handleRecord(std::string_view record, const WatchList& list
         if (list.admits(record))
             queue_.addStringToItemList(std::string(record));
     } else if (record == gfs::kQueueOverflowed) {
-        scanWatchedFoldersWhole();
+        scanWatchedFoldersWhole(WhyWalk::QueueOverflowed);
     } else if (record == gfs::kFolderArrived || record == gfs::kUnresolved) {
         fieldsOf_ = record;
     } else if (record.starts_with(gfs::kDiagnosticPrefix)) {
@@ -347,13 +353,14 @@ void FSEventWatcher::handleFields(const WatchList& list)
     const std::string kind = std::exchange(fieldsOf_, std::string());
     const std::vector<std::string> fields = std::exchange(fields_, {});
     if (kind == gfs::kFolderArrived) {
-        const std::string& from = fields[0];
+        // Its files raised no events of their own as it arrived. Even from
+        // a watched folder it is walked: a file queued under its old path
+        // would be lost, and an excluded folder's files were never scanned.
+        // Files scanned before are scanned again, which costs time only:
+        // an unchanged finding warns once.
         const std::string& to = fields[1];
-        // Its files raised no events of their own as it arrived; they were
-        // scanned already only if they were watched where it came from.
-        if (!to.starts_with('/') || (from.starts_with('/') && list.watchesWholeTree(from)))
-            return;
-        scanFolderWhole(to);
+        if (to.starts_with('/') && list.mayHoldAdmitted(to))
+            scanFolderWhole(to);
         return;
     }
     const std::string& reason = fields[0];
@@ -362,6 +369,8 @@ void FSEventWatcher::handleFields(const WatchList& list)
         logOnce("gfslogger could not give the path of a file event (" + displayText(reason) + ")");
         return;
     }
+    if (!list.mayHoldAdmitted(folder))
+        return;
     logOnce("gfslogger could not give the path of a file event (" + displayText(reason) + "), so the folder " +
             displayText(folder) + " is scanned whole");
     scanFolderWhole(folder);
@@ -371,13 +380,17 @@ void FSEventWatcher::logOnce(const std::string& line)
 {
     {
         std::lock_guard<std::mutex> held(mutex_);
+        // Lines name folders: a helper that meets many is heard afresh
+        // rather than remembered without end.
+        if (diagnosticsLogged_.size() >= kRememberedDiagnostics)
+            diagnosticsLogged_.clear();
         if (!diagnosticsLogged_.insert(line).second)
             return;
     }
     nsLog(line);
 }
 
-void FSEventWatcher::scanWatchedFoldersWhole()
+void FSEventWatcher::scanWatchedFoldersWhole(WhyWalk why)
 {
     {
         std::lock_guard<std::mutex> held(mutex_);
@@ -385,8 +398,12 @@ void FSEventWatcher::scanWatchedFoldersWhole()
             return;
         overflowWalkDue_ = true;
     }
-    nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
-          "scanned");
+    if (why == WhyWalk::QueueOverflowed)
+        nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
+              "scanned");
+    else
+        nsLog("gfslogger ended while watching and file events may have been lost, so every file in the watched "
+              "folders is scanned");
     startWalking();
 }
 
@@ -467,14 +484,21 @@ void FSEventWatcher::walkFolders()
         }
         // The list of the moment: a restart while walking hands over a new one.
         const std::shared_ptr<const WatchList> list = watchList();
-        if (roots.size() == 1 && roots.front().empty())
+        // The watched folders may be links; a folder that arrived is
+        // walked only as itself, never through a link put in its place.
+        const bool watchedFolders = roots.size() == 1 && roots.front().empty();
+        if (watchedFolders)
             roots = list->folders();
-        list->forEachAdmittedFileIn(roots, [this, &goesOn](std::vector<std::string>& files) {
-            if (!goesOn())
-                return false;
-            queue_.addToItemList(files);
-            return true;
-        });
+        try {
+            list->forEachAdmittedFileIn(roots, watchedFolders, [this, &goesOn](std::vector<std::string>& files) {
+                if (!goesOn())
+                    return false;
+                queue_.addToItemList(files);
+                return true;
+            });
+        } catch (const std::exception& error) {
+            nsLogf("A folder walk failed: %s", error.what());
+        }
     }
 }
 

@@ -73,7 +73,8 @@ public:
     // Queues every file the watch list admits, on the walking thread. An
     // overflow that arrives during a walk makes one more walk follow it, at
     // least kWalkSpacing after the last one began.
-    void scanWatchedFoldersWhole();
+    enum class WhyWalk { QueueOverflowed, HelperEnded };
+    void scanWatchedFoldersWhole(WhyWalk why = WhyWalk::QueueOverflowed);
 
     // Queues every file the watch list admits below the folder, on the
     // walking thread.

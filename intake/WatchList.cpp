@@ -85,18 +85,6 @@ std::vector<std::string> WatchList::folders() const
     return folders;
 }
 
-bool WatchList::watchesWholeTree(const std::string& folder) const
-{
-    const std::string inside = folder.ends_with('/') ? folder : folder + '/';
-    if (!quarantineDir_.empty() && inside.starts_with(quarantineDir_))
-        return false;
-    for (const Entry& entry : entries_) {
-        if (entry.subdirs && inside.starts_with(entry.folder + '/'))
-            return !FSEventWatcher::isTrashedFileAtPath(inside + '.');
-    }
-    return false;
-}
-
 bool WatchList::mayHoldAdmitted(const std::string& folder) const
 {
     const std::string inside = folder == "/" ? folder : folder + '/';
@@ -112,7 +100,7 @@ bool WatchList::mayHoldAdmitted(const std::string& folder) const
     return false;
 }
 
-void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, const Take& take) const
+void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, bool followRoots, const Take& take) const
 {
     constexpr size_t kGroup = 1000;
     std::vector<std::string> group;
@@ -123,7 +111,7 @@ void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, con
     }
     bool goesOn = true;
     walkFiles(
-        walked, [this](const std::string& folder) { return mayHoldAdmitted(folder); },
+        walked, followRoots, [this](const std::string& folder) { return mayHoldAdmitted(folder); },
         [&](std::string&& path) {
             if (!admits(path))
                 return true;

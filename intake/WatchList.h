@@ -42,23 +42,23 @@ public:
     // cannot be read, with paths of any length), handed to take in groups
     // until take returns false. For folders whose files raised no events:
     // every watched folder when events were lost, a folder moved in whole.
+    // Roots that are links are followed only when followRoots is set (the
+    // watched folders themselves).
     using Take = std::function<bool(std::vector<std::string>&)>;
-    void forEachAdmittedFileIn(const std::vector<std::string>& folders, const Take& take) const;
+    void forEachAdmittedFileIn(const std::vector<std::string>& folders, bool followRoots, const Take& take) const;
 
     // The watched folders themselves, for a walk of all of them.
     std::vector<std::string> folders() const;
 
-    // Whether every file below the folder has been watched: it lies in a
-    // folder watched with its subfolders, outside the quarantine folder and
-    // the Trash. A folder moved from there has been scanned already.
-    bool watchesWholeTree(const std::string& folder) const;
+    // Whether the folder may hold files the list admits: a watched folder,
+    // one inside a folder watched with its subfolders, or one on the way to
+    // a watched folder; never the quarantine folder.
+    bool mayHoldAdmitted(const std::string& folder) const;
 
     const std::string& quarantineDir() const { return quarantineDir_; }
     size_t size() const { return entries_.size(); }
 
 private:
-    bool mayHoldAdmitted(const std::string& folder) const;
-
     struct Entry {
         std::string path;    // as listed: a folder ends in "/"
         std::string folder;  // the same without the trailing "/"

@@ -11,7 +11,8 @@
 
 namespace kv {
 
-void walkFiles(const std::vector<std::string>& roots, const std::function<bool(const std::string&)>& descend,
+void walkFiles(const std::vector<std::string>& roots, bool followRoots,
+               const std::function<bool(const std::string&)>& descend,
                const std::function<bool(std::string&&)>& take)
 {
     // Each folder to walk, and whether it is a root.
@@ -21,7 +22,7 @@ void walkFiles(const std::vector<std::string>& roots, const std::function<bool(c
     while (!folders.empty()) {
         const auto [folder, isRoot] = std::move(folders.back());
         folders.pop_back();
-        UniqueFd fd = openPath(folder, O_RDONLY | O_DIRECTORY | (isRoot ? 0 : O_NOFOLLOW));
+        UniqueFd fd = openPath(folder, O_RDONLY | O_DIRECTORY | (isRoot && followRoots ? 0 : O_NOFOLLOW));
         const std::unique_ptr<DIR, int (*)(DIR*)> listing(fd ? ::fdopendir(fd.get()) : nullptr, ::closedir);
         if (!listing)
             continue;

@@ -147,8 +147,8 @@ TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
          {"W/a", "W/sub/deep/b", "V/d"}},
         {"a folder moved in from outside", {"W/in/f", "W/in/sub/g", "V/in/h"},
          records({"!folder-arrived", "@/elsewhere/in", "@/W/in", "!folder-arrived", "", "@/V/in"}), {"W/in/f", "W/in/sub/g"}},
-        {"a folder moved within the watched tree", {"W/moved/f"},
-         records({"!folder-arrived", "@/W/before", "@/W/moved"}), {}},
+        {"a folder moved within the watched tree, walked all the same", {"W/moved/f"},
+         records({"!folder-arrived", "@/W/before", "@/W/moved"}), {"W/moved/f"}},
         {"a folder moved out of the quarantine folder", {"W/out/f"},
          records({"!folder-arrived", "@/W/Q/out", "@/W/out"}), {"W/out/f"}},
     };

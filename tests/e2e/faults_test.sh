@@ -50,9 +50,15 @@ still_finds after-clamd-crash
 
 echo "== gfslogger killed"
 helper=$(pgrep -P "$agent_pid" -x gfslogger) || fail "no gfslogger under the agent"
+# Events of a helper that is killed are lost with it: a file written while
+# it was stopped is found by the walk that follows its restart.
+kill -STOP "$helper"
+write_eicar "$watched/while-the-helper-was-down.com"
 kill -KILL "$helper"
 expect_logged 15 "termination status = " "the helper's end was not logged"
 wait_for 60 bash -c "pgrep -P $agent_pid -x gfslogger >/dev/null" || fail "gfslogger was not started again"
+expect_logged 60 "$watched/while-the-helper-was-down.com$finding" "a file written while gfslogger was down was not scanned"
+logged "gfslogger ended while watching" || fail "the walk after the helper's end was not logged"
 wait_until_watching
 still_finds after-helper-killed
 
