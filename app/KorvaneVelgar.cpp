@@ -4,6 +4,7 @@
 #include "app/DialogListEntry.h"
 #include "app/StatusMenu.h"
 #include "platform/BusName.h"
+#include "platform/PathText.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
 #include "platform/Log.h"
@@ -754,7 +755,7 @@ void KorvaneVelgar::newVolumeAppeared(const std::string& devicePath)
         return;
     nsLogf("The volume %s was just mounted and we're not supposed to be monitoring it for new content, so just scan "
            "it immediately.",
-           devicePath.c_str());
+           displayText(devicePath).c_str());
     theDispatcher_.addStringToItemList(devicePath);
 }
 

@@ -37,6 +37,7 @@ namespace {
 constexpr const char* kConnectWarning = "WARNING: Can't connect to clamd.";
 constexpr std::string_view kConnectError = "ERROR: Could not connect to clamd on";
 constexpr std::string_view kMoveOption = "--move=";
+constexpr std::string_view kMovedMarker = ": moved to '";
 // Output without a line break for this long is taken as a line of its own.
 constexpr size_t kLongestOutputLine = 64 * 1024;
 
@@ -185,10 +186,10 @@ void PatientScanner::queueFilesOfFolders(Dispatcher& dispatcher)
     std::vector<std::string> files;
     std::erase_if(scanList_, [&](const std::string& path) {
         struct stat info{};
-        if (!statPath(path, &info) || !S_ISDIR(info.st_mode))
+        if (!statPath(path, &info, false) || !S_ISDIR(info.st_mode))
             return false;
         walkFiles(
-            {path}, [](const std::string&) { return true; },
+            {path}, false, [](const std::string&) { return true; },
             [&](std::string&& file) {
                 files.push_back(std::move(file));
                 if (files.size() >= Dispatcher::kBatchLimit)
@@ -391,22 +392,21 @@ void PatientScanner::handleLine(std::string_view line)
     const std::string shown = displayText(line);
 
     if (const std::optional<std::string> found = pathOfFinding(line)) {
-        if (!asked_.contains(*found)) {
+        if (!asked_.contains(*found) || !confirmedInfected(*found)) {
             logLine("Unexpected scanner output: " + shown);
             return;
         }
         foundInRun_.insert(*found);
         raiseAlert(shown, *found, config);
     }
-    if (const std::optional<MovedLine> moved = parseMovedLine(std::string(line))) {
-        // clamdscan moves only what it found; a move of anything else was
-        // written by a file name.
-        if (!foundInRun_.contains(moved->originalPath)) {
-            logLine("Unexpected scanner output: " + shown);
-            return;
-        }
+    if (const std::optional<MovedLine> moved = movedLine(line)) {
         if (config.quarantineOrTrash == "T")
             writeTrashInfo(*moved, std::time(nullptr));
+    } else if (line.ends_with("'") && line.find(kMovedMarker) != std::string_view::npos) {
+        // clamdscan moves only what it found; a move of anything else was
+        // written by a file name.
+        logLine("Unexpected scanner output: " + shown);
+        return;
     }
 
     if (line.size() < 6) {
@@ -422,6 +422,49 @@ void PatientScanner::handleLine(std::string_view line)
     } else if (!isSummaryLine(line)) {
         logLine(shown);
     }
+}
+
+std::optional<MovedLine> PatientScanner::movedLine(std::string_view line) const
+{
+    // The path may itself hold the marker: the one that counts follows a
+    // path this run found infected.
+    if (!line.ends_with("'"))
+        return std::nullopt;
+    for (size_t at = line.find(kMovedMarker); at != std::string_view::npos; at = line.find(kMovedMarker, at + 1)) {
+        std::string path(line.substr(0, at));
+        if (!foundInRun_.contains(path))
+            continue;
+        const size_t start = at + kMovedMarker.size();
+        if (start + 1 >= line.size())
+            return std::nullopt;
+        return MovedLine{std::move(path), std::string(line.substr(start, line.size() - 1 - start))};
+    }
+    return std::nullopt;
+}
+
+bool PatientScanner::confirmedInfected(const std::string& path)
+{
+    // By descriptor, the result cannot be spelled by a name: a path that a
+    // folder's name put into clamdscan's output (a file swapped for a folder
+    // after it was queued) is scanned again, alone. A file that is gone
+    // has been moved by clamdscan, or deleted: either way nothing more is
+    // done to it.
+    if (verdictByDescriptor_)
+        return true;
+    const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
+    struct stat info{};
+    if (!file)
+        return errno == ENOENT;
+    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
+        return false;
+    KorvaneVelgar& controller = *korvaneVelgarController;
+    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
+                                                                       : runConfiguration_.scanParams.front();
+    const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(clamdscan);
+    const ClamdCtrl::FileVerdict verdict =
+        ClamdCtrl::scanOpenFile(file.get(), engine.socket, engine.socket ? std::nullopt : controller.clamd().remoteEngine());
+    // An engine that cannot be asked leaves clamdscan's word standing.
+    return verdict.kind == ClamdCtrl::FileVerdict::Found || verdict.kind == ClamdCtrl::FileVerdict::Unreachable;
 }
 
 void PatientScanner::logLine(const std::string& text)
@@ -512,7 +555,9 @@ bool PatientScanner::scanOneByDescriptor(const std::string& path)
     case ClamdCtrl::FileVerdict::Found:
         break;
     }
+    verdictByDescriptor_ = true;
     handleLine(path + ": " + verdict.detail + " FOUND");
+    verdictByDescriptor_ = false;
     const std::string folder = moveDestination();
     if (!runConfiguration_.quarantineOrTrash || runConfiguration_.quarantineOrTrash->empty() || folder.empty())
         return true;

@@ -2,6 +2,7 @@
 
 #include "platform/ChildProcess.h"
 #include "scan/ScanResults.h"
+#include "scan/TrashInfo.h"
 
 #include <atomic>
 #include <cstdint>
@@ -127,6 +128,8 @@ private:
     void recoverWithLine();
     void alertEngineUnreachable();
     std::string moveDestination() const;
+    std::optional<MovedLine> movedLine(std::string_view line) const;
+    bool confirmedInfected(const std::string& path);
 
     KorvaneVelgar* korvaneVelgarController = nullptr;
     std::vector<std::string> scanList_; // the current batch; worker thread only
@@ -144,6 +147,7 @@ private:
     AskedPaths asked_;
     std::unordered_set<std::string> foundInRun_;
     std::string partialLine_;        // output after the last line break
+    bool verdictByDescriptor_ = false;        // the line at hand is a verdict by descriptor
     std::shared_ptr<FindingMemory> findings_ = std::make_shared<FindingMemory>();
 
     std::atomic<pid_t> clientPid_{-1};

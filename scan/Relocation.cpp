@@ -70,13 +70,32 @@ std::optional<std::string> moveScannedFile(const std::string& path, int scannedF
         return std::nullopt;
     }
     const std::string destination = folder.ends_with('/') ? folder : folder + "/";
+    // Whether the name still leads to the scanned file, just before it goes.
+    const auto stillScanned = [&] {
+        struct stat now{};
+        return ::fstatat(source.folder.get(), source.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+               now.st_dev == scanned.st_dev && now.st_ino == scanned.st_ino;
+    };
     for (int number = 0; number < 1000; ++number) {
         const std::string name = candidate(source.name, number);
         if (::renameat2(source.folder.get(), source.name.c_str(), target.get(), name.c_str(), RENAME_NOREPLACE) == 0)
             return destination + name;
         if (errno == EEXIST)
             continue;
-        if (errno != EXDEV) {
+        if (errno == EINVAL) {
+            // No RENAME_NOREPLACE here (NFS, some FUSE file systems): a
+            // hard link refuses a taken name just the same.
+            if (::linkat(source.folder.get(), source.name.c_str(), target.get(), name.c_str(), 0) == 0) {
+                if (stillScanned() && ::unlinkat(source.folder.get(), source.name.c_str(), 0) == 0)
+                    return destination + name;
+                *why = "the original could not be removed";
+                ::unlinkat(target.get(), name.c_str(), 0);
+                return std::nullopt;
+            }
+            if (errno == EEXIST)
+                continue;
+        }
+        if (errno != EXDEV && errno != EINVAL && errno != EPERM) {
             *why = std::strerror(errno);
             return std::nullopt;
         }
@@ -92,11 +111,16 @@ std::optional<std::string> moveScannedFile(const std::string& path, int scannedF
                 ::unlinkat(target.get(), name.c_str(), 0);
             return std::nullopt;
         }
-        if (::unlinkat(source.folder.get(), source.name.c_str(), 0) != 0) {
-            *why = std::string("copied, but the original could not be removed: ") + std::strerror(errno);
+        // The original must go, or the move did not happen: a copy alone
+        // would report an infected file handled that is still in place.
+        if (!stillScanned())
+            *why = "the original changed while it was copied";
+        else if (::unlinkat(source.folder.get(), source.name.c_str(), 0) != 0)
+            *why = std::string("the original could not be removed: ") + std::strerror(errno);
+        else
             return destination + name;
-        }
-        return destination + name;
+        ::unlinkat(target.get(), name.c_str(), 0);
+        return std::nullopt;
     }
     *why = "every name in " + folder + " is taken";
     return std::nullopt;

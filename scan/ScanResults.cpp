@@ -25,7 +25,8 @@ std::optional<std::string> pathOfFinding(std::string_view line)
 
 bool FindingMemory::isNews(const struct stat& info)
 {
-    const Identity identity{info.st_dev, info.st_ino, info.st_size, info.st_mtim.tv_sec, info.st_mtim.tv_nsec};
+    const Identity identity{info.st_dev,          info.st_ino,          info.st_size,         info.st_mtim.tv_sec,
+                            info.st_mtim.tv_nsec, info.st_ctim.tv_sec, info.st_ctim.tv_nsec};
     std::lock_guard<std::mutex> held(mutex_);
     if (!known_.insert(identity).second)
         return false;

@@ -39,7 +39,8 @@ std::optional<std::string> pathOfFinding(std::string_view line);
 using AskedPaths = std::unordered_set<std::string>;
 
 // Files already reported as infected, by what makes them the same file:
-// device, inode, size and time of last change to the contents. The same
+// device, inode, size, time of last change to the contents, and time of
+// last change to the inode (which, unlike the other, no one can set back). The same
 // unchanged file delivered twice (closed after writing again, moved back
 // and forth, in a folder scanned whole after it was scanned alone) gives one
 // dialog and one notification; changed, it is news again. Shared by the
@@ -54,7 +55,7 @@ public:
     bool isNews(const std::string& path);
 
 private:
-    using Identity = std::tuple<dev_t, ino_t, off_t, std::int64_t, long>;
+    using Identity = std::tuple<dev_t, ino_t, off_t, std::int64_t, long, std::int64_t, long>;
     std::mutex mutex_;
     std::set<Identity> known_;       // guarded by mutex_
     std::deque<Identity> arrivals_;  // guarded by mutex_: oldest first

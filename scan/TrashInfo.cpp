@@ -22,23 +22,6 @@ bool ensureTrashFolders()
     return makeDirectories(joinPath(root, "files"), 0700) && makeDirectories(joinPath(root, "info"), 0700);
 }
 
-std::optional<MovedLine> parseMovedLine(const std::string& line)
-{
-    static constexpr std::string_view kMarker = ": moved to '";
-    if (line.empty() || line.back() != '\'')
-        return std::nullopt;
-    const size_t marker = line.rfind(kMarker);
-    if (marker == std::string::npos || marker == 0)
-        return std::nullopt;
-    MovedLine moved;
-    moved.originalPath = line.substr(0, marker);
-    const size_t start = marker + kMarker.size();
-    moved.destination = line.substr(start, line.size() - 1 - start);
-    if (moved.destination.empty())
-        return std::nullopt;
-    return moved;
-}
-
 std::string percentEncodePath(const std::string& path)
 {
     static constexpr char kHex[] = "0123456789ABCDEF";

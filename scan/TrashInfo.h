@@ -14,12 +14,12 @@ std::string trashFilesFolder();
 // Creates the Trash's files/ and info/ folders (mode 0700) when missing.
 bool ensureTrashFolders();
 
-// What a scanner's "PATH: moved to 'DESTINATION'" line says.
+// What a scanner's "PATH: moved to 'DESTINATION'" line says (read by the
+// scanner, which knows which paths it found).
 struct MovedLine {
     std::string originalPath;
     std::string destination;
 };
-std::optional<MovedLine> parseMovedLine(const std::string& line);
 
 // Percent-encodes a path for a .trashinfo Path= key: every byte but
 // unreserved characters and "/" becomes %XX.
