@@ -2,6 +2,8 @@
 
 #include "platform/Utf8.h"
 
+#include <cstdio>
+
 namespace kv {
 namespace {
 
@@ -15,6 +17,24 @@ size_t sequenceLength(std::string_view text)
     return isValidUtf8(text.substr(0, length)) ? length : 0;
 }
 
+char32_t codePoint(std::string_view sequence)
+{
+    static constexpr unsigned char kLeadBits[] = {0, 0, 0x1f, 0x0f, 0x07};
+    char32_t point = static_cast<unsigned char>(sequence.front()) & kLeadBits[sequence.size()];
+    for (size_t i = 1; i < sequence.size(); ++i)
+        point = (point << 6) | (static_cast<unsigned char>(sequence[i]) & 0x3f);
+    return point;
+}
+
+// Characters that change how the text around them reads: C1 controls,
+// line and paragraph separators, and the marks that turn text direction
+// (which make "exe.pdf" of "fdp.exe").
+bool mayDeceive(char32_t point)
+{
+    return (point >= 0x80 && point <= 0x9f) || point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e) ||
+           (point >= 0x2066 && point <= 0x2069) || point == 0x061c;
+}
+
 } // namespace
 
 std::string displayText(std::string_view bytes)
@@ -26,7 +46,14 @@ std::string displayText(std::string_view bytes)
         const auto byte = static_cast<unsigned char>(bytes.front());
         if (byte >= 0x80) {
             if (const size_t length = sequenceLength(bytes)) {
-                text.append(bytes.substr(0, length));
+                const char32_t point = codePoint(bytes.substr(0, length));
+                if (mayDeceive(point)) {
+                    char escape[12];
+                    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(point));
+                    text += escape;
+                } else {
+                    text.append(bytes.substr(0, length));
+                }
                 bytes.remove_prefix(length);
                 continue;
             }

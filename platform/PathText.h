@@ -10,8 +10,10 @@ namespace kv {
 // line break that starts a forged log line, or bytes no text can show:
 // line breaks, returns and tabs become \n, \r and \t, other control
 // characters and every byte that is not part of well-formed UTF-8 become
-// \xNN, and the backslash itself becomes \\, so the text names exactly one
-// path. Everything else, other scripts included, is shown as it is.
+// \xNN, characters that change how the text reads (C1 controls, line
+// separators, text direction marks) become \uNNNN, and the backslash itself
+// becomes \\, so the text names exactly one path. Everything else, other
+// scripts included, is shown as it is.
 std::string displayText(std::string_view bytes);
 
 } // namespace kv

@@ -1,4 +1,5 @@
 #include "platform/Log.h"
+#include "platform/PathText.h"
 
 #include <gtest/gtest.h>
 
@@ -34,3 +35,22 @@ TEST(Log, StringPrintfHandlesLongText)
 }
 
 } // namespace
+
+// What the log, dialogs and notifications show for a name: exactly one
+// path, and nothing that changes how the text around it reads.
+TEST(DisplayText, EscapesWhatCouldForgeOrHideText)
+{
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"/plain/ünïcödé 名前.pdf", "/plain/ünïcödé 名前.pdf"},
+        {"/a\n/b: Eicar FOUND", "/a\\n/b: Eicar FOUND"},
+        {"/evil\r", "/evil\\r"},
+        {"/tab\there\x01", "/tab\\there\\x01"},
+        {"/latin1-\xe9t\xe9", "/latin1-\\xe9t\\xe9"},
+        {"/cut-\xc3", "/cut-\\xc3"},
+        {"/back\\slash", "/back\\\\slash"},
+        {"/report\u202efdp.exe", "/report\\u202efdp.exe"},
+        {"/line\u2028sep\u0085", "/line\\u2028sep\\u0085"},
+    };
+    for (const auto& [bytes, shown] : cases)
+        EXPECT_EQ(kv::displayText(bytes), shown) << shown;
+}
