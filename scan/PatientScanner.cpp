@@ -442,6 +442,19 @@ std::optional<MovedLine> PatientScanner::movedLine(std::string_view line) const
     return std::nullopt;
 }
 
+ClamdCtrl::FileVerdict PatientScanner::scanOpenFile(int fd, uint64_t* generation)
+{
+    // The daemon this run's clamdscan would talk to: while the user's own
+    // stands in for the system's service, the stand-in.
+    ClamdSupervisor& clamd = korvaneVelgarController->clamd();
+    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
+                                                                       : runConfiguration_.scanParams.front();
+    const ClamdSupervisor::RunEngine engine = clamd.engineForRun(clamdscan);
+    if (generation)
+        *generation = engine.generation;
+    return ClamdCtrl::scanOpenFile(fd, engine.socket, engine.socket ? std::nullopt : clamd.remoteEngine());
+}
+
 bool PatientScanner::confirmedInfected(const std::string& path)
 {
     // By descriptor, the result cannot be spelled by a name: a path that a
@@ -457,14 +470,11 @@ bool PatientScanner::confirmedInfected(const std::string& path)
         return errno == ENOENT;
     if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
         return false;
-    KorvaneVelgar& controller = *korvaneVelgarController;
-    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
-                                                                       : runConfiguration_.scanParams.front();
-    const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(clamdscan);
-    const ClamdCtrl::FileVerdict verdict =
-        ClamdCtrl::scanOpenFile(file.get(), engine.socket, engine.socket ? std::nullopt : controller.clamd().remoteEngine());
-    // An engine that cannot be asked leaves clamdscan's word standing.
-    return verdict.kind == ClamdCtrl::FileVerdict::Found || verdict.kind == ClamdCtrl::FileVerdict::Unreachable;
+    // Only a clean answer (or an engine no longer trusted) overrules
+    // clamdscan: an engine that cannot be asked, or cannot read the file
+    // either, leaves its word standing.
+    const ClamdCtrl::FileVerdict::Kind kind = scanOpenFile(file.get()).kind;
+    return kind != ClamdCtrl::FileVerdict::Clean && kind != ClamdCtrl::FileVerdict::Untrusted;
 }
 
 void PatientScanner::logLine(const std::string& text)
@@ -520,7 +530,6 @@ void PatientScanner::scanByDescriptor()
 
 bool PatientScanner::scanOneByDescriptor(const std::string& path)
 {
-    KorvaneVelgar& controller = *korvaneVelgarController;
     // The last component may be a link, as in a list file; the move below
     // then finds the name leads elsewhere and leaves it.
     const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
@@ -533,12 +542,7 @@ bool PatientScanner::scanOneByDescriptor(const std::string& path)
         handleLine(path + ": Not a regular file ERROR");
         return true;
     }
-    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
-                                                                       : runConfiguration_.scanParams.front();
-    const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(clamdscan);
-    runGeneration_ = engine.generation;
-    const ClamdCtrl::FileVerdict verdict =
-        ClamdCtrl::scanOpenFile(file.get(), engine.socket, engine.socket ? std::nullopt : controller.clamd().remoteEngine());
+    const ClamdCtrl::FileVerdict verdict = scanOpenFile(file.get(), &runGeneration_);
     switch (verdict.kind) {
     case ClamdCtrl::FileVerdict::Clean:
         handleLine(path + ": OK");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "engine/ClamdCtrl.h"
 #include "platform/ChildProcess.h"
 #include "scan/ScanResults.h"
 #include "scan/TrashInfo.h"
@@ -130,6 +131,7 @@ private:
     std::string moveDestination() const;
     std::optional<MovedLine> movedLine(std::string_view line) const;
     bool confirmedInfected(const std::string& path);
+    ClamdCtrl::FileVerdict scanOpenFile(int fd, uint64_t* generation = nullptr);
 
     KorvaneVelgar* korvaneVelgarController = nullptr;
     std::vector<std::string> scanList_; // the current batch; worker thread only
