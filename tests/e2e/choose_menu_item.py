@@ -50,6 +50,7 @@ class Chooser:
         self.deadline = time.monotonic() + limit
         self.reopen = None  # clicks the icon again
         self.opened = time.monotonic()
+        self.searched = time.monotonic()
 
     def on_event(self, event):
         source = event.source
@@ -63,6 +64,34 @@ class Chooser:
                     return
             except Exception:
                 return
+
+    def showing_menus(self):
+        """Menus of the application shown now, found in its accessible tree:
+        for when a menu opened without announcing itself (a slow build can
+        register with the accessibility bus after its menu first shows)."""
+        found = []
+
+        def walk(node, depth):
+            for child in node:
+                try:
+                    if child is None:
+                        continue
+                    if child.getRoleName() in MENU_ROLES:
+                        state = states(child)
+                        if state and state.contains(pyatspi.STATE_SHOWING):
+                            found.append(child)
+                    if depth < 8:
+                        walk(child, depth + 1)
+                except Exception:
+                    continue
+
+        try:
+            for application in pyatspi.Registry.getDesktop(0):
+                if application is not None and application.name == self.name:
+                    walk(application, 0)
+        except Exception:
+            pass
+        return found
 
     def find(self, title):
         """The shown item of that title in a menu seen so far, newest first."""
@@ -81,6 +110,11 @@ class Chooser:
         """Runs from the main loop: chooses the next item once it can."""
         title = self.titles[0]
         item, enabled = self.find(title)
+        if not item and time.monotonic() - self.searched > 1:
+            # Each look into the tree is many calls over the bus: once a second.
+            self.searched = time.monotonic()
+            self.menus.extend(menu for menu in self.showing_menus() if menu not in self.menus)
+            item, enabled = self.find(title)
         if item and enabled:
             click(item)
             self.titles.pop(0)
