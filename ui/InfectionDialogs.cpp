@@ -11,6 +11,9 @@
 #include <QPushButton>
 #include <QThread>
 
+#include <future>
+#include <memory>
+
 namespace kv {
 namespace {
 
@@ -43,9 +46,27 @@ bool InfectionDialogs::onMainThread(Call call)
 {
     if (QThread::currentThread() == thread())
         return call();
-    bool shown = false;
-    QMetaObject::invokeMethod(this, std::move(call), Qt::BlockingQueuedConnection, &shown);
-    return shown;
+    // The answer comes back through a promise, not a blocking queued call:
+    // the main thread then never touches this thread's stack, and the
+    // hand-over is one the thread sanitizer can see. A call that never runs
+    // (the application is ending) breaks the promise: no dialog.
+    auto answer = std::make_shared<std::promise<bool>>();
+    std::future<bool> shown = answer->get_future();
+    auto run = [call = std::move(call), answer]() mutable {
+        try {
+            answer->set_value(call());
+        } catch (...) {
+            answer->set_exception(std::current_exception());
+        }
+    };
+    if (!QMetaObject::invokeMethod(this, std::move(run), Qt::QueuedConnection))
+        return false;
+    try {
+        return shown.get();
+    } catch (const std::exception& error) {
+        nsLogf("A dialog could not be shown: %s", error.what());
+        return false;
+    }
 }
 
 void InfectionDialogs::orderFrontRegardless(QDialog* dialog)
