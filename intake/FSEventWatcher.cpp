@@ -254,6 +254,13 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
     siginfo_t info{};
     while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
     }
+    // The end is logged before stopWatching() may return: a restart that
+    // follows moves the log to a new file, which must not race this line.
+    // A helper that keeps ending the same way, at once, has said why the
+    // first time; its reason is in the log (see taskDataAvailable).
+    const int ended = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+    if (ended != loop.lastStatus || ended == gfs::kLacksPrivileges)
+        nsLogf("termination status = %d", ended);
     int terminationStatus;
     {
         std::lock_guard<std::mutex> held(mutex_);
@@ -263,10 +270,6 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         changed_.notify_all();
     }
     task->closeOutput();
-    // A helper that keeps ending the same way, at once, has said why the
-    // first time; its reason is in the log (see taskDataAvailable).
-    if (terminationStatus != loop.lastStatus || terminationStatus == gfs::kLacksPrivileges)
-        nsLogf("termination status = %d", terminationStatus);
     loop.lastStatus = terminationStatus;
     if (terminationStatus != 1)
         return RunEnd::Ended;
