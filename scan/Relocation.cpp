@@ -1,5 +1,6 @@
 #include "scan/Relocation.h"
 
+#include "platform/FileWriting.h"
 #include "platform/LongPath.h"
 #include "platform/UniqueFd.h"
 
@@ -35,14 +36,8 @@ bool copyContents(int from, int to)
             continue;
         if (length <= 0)
             return length == 0;
-        for (ssize_t written = 0; written < length;) {
-            const ssize_t n = ::write(to, buffer + written, static_cast<size_t>(length - written));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0)
-                return false;
-            written += n;
-        }
+        if (!writeAll(to, std::string_view(buffer, static_cast<size_t>(length))))
+            return false;
         offset += length;
     }
 }

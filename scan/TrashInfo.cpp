@@ -1,5 +1,6 @@
 #include "scan/TrashInfo.h"
 
+#include "platform/FileWriting.h"
 #include "platform/LongPath.h"
 #include "platform/Paths.h"
 
@@ -70,7 +71,7 @@ bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime)
     const int fd = ::open(infoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return false;
-    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const bool written = writeAll(fd, text);
     return ::close(fd) == 0 && written;
 }
 
