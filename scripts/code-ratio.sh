@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Prints the lines of test code against the lines of product code.
+#
+# A line counts when it is neither blank nor a whole-line comment. Product:
+# the C++ of the programs we ship (the agent, its helpers, velgarctl).
+# Tests: the C++ and the scripts under tests/. Benchmarks and the scripts
+# that build, run and photograph the agent count as neither.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+count() {
+  awk '
+    FNR == 1 { block = 0; kind = FILENAME; sub(/.*\./, "", kind) }
+    { line = $0; gsub(/^[ \t]+|[ \t]+$/, "", line) }
+    line == "" { next }
+    kind == "cpp" || kind == "h" {
+      if (block) { if (line ~ /\*\//) block = 0; next }
+      if (line ~ /^\/\*/) { if (line !~ /\*\//) block = 1; next }
+      if (line ~ /^\/\//) next
+    }
+    (kind == "sh" || kind == "py") && line ~ /^#/ && line !~ /^#!/ { next }
+    { n++ }
+    END { print n + 0 }' "$@" </dev/null
+}
+
+files() { git ls-files --cached --others --exclude-standard -- "$@" | grep -E "$pattern" | while read -r f; do [ -f "$f" ] && echo "$f"; done; }
+
+pattern='\.(cpp|h)$'
+mapfile -t product < <(files platform engine queue scan intake app ui tools eventhelper)
+pattern='\.(cpp|h|sh|py)$'
+mapfile -t tests < <(files tests)
+
+product_lines=$(count "${product[@]}")
+test_lines=$(count "${tests[@]}")
+echo "Test code: $test_lines lines against $product_lines lines of product code" \
+  "($((100 * test_lines / product_lines))%; the aim is at most 35%)"
