@@ -3,28 +3,18 @@
 #include "app/DefinitionsUpdate.h"
 #include "app/DialogListEntry.h"
 #include "app/StatusMenu.h"
-#include "platform/BusName.h"
-#include "platform/PathText.h"
-#include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
 #include "platform/Log.h"
+#include "platform/PathText.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/SleepEvents.h"
-#include "platform/StringTable.h"
 #include "platform/VolumeEvents.h"
 #include "scan/TrashInfo.h"
-#include "platform/Workspace.h"
 
 #include <dirent.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QDBusServiceWatcher>
-#include <QJsonArray>
-#include <QJsonObject>
-#include <QTimer>
 
 #include <algorithm>
 #include <cctype>
@@ -62,7 +52,8 @@ void removePlainFiles(const std::string& folder)
 } // namespace
 
 KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
-    : parts_(std::move(parts)), mainMenu_(parts_.mainMenu),
+    : parts_(std::move(parts)), mainMenu_(parts_.mainMenu), notifications_(parts_.notifier, parts_.strings),
+      mainApplication_(parts_.workspace, parts_.distributedCenter, [this] { quit(); }),
       scanLog_(parts_.homeDirectory.empty() ? homeDirectory() : parts_.homeDirectory),
       theDispatcher_(parts_.dispatcherPause ? parts_.dispatcherPause
                                             : Dispatcher::Pause([] { std::this_thread::sleep_for(std::chrono::seconds(1)); })),
@@ -113,7 +104,18 @@ void KorvaneVelgar::startPermanentThreads()
 
 std::string KorvaneVelgar::localizedString(const std::string& key) const
 {
-    return parts_.strings ? parts_.strings->localizedString(key) : key;
+    return notifications_.localizedString(key);
+}
+
+std::string KorvaneVelgar::quitMenuName() const
+{
+    return mainMenu_ ? mainMenu_->getQuitMenuName() : std::string();
+}
+
+void KorvaneVelgar::postToMainThread(std::function<void()> task)
+{
+    // Dropped with the controller: a task never outlives what it asks of.
+    QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection);
 }
 
 void KorvaneVelgar::applicationDidFinishLaunching()
@@ -136,9 +138,9 @@ void KorvaneVelgar::applicationDidFinishLaunching()
 
     if (parts_.distributedCenter) {
         const bool observing =
-            parts_.distributedCenter->observe("KorvaneVelgarShouldRestart",
+            parts_.distributedCenter->observe(bus::kShouldRestart,
                                               [this](const std::string&, const std::string&) { restartWatcher(); }) &&
-            parts_.distributedCenter->observe("KorvaneVelgarShouldQuit",
+            parts_.distributedCenter->observe(bus::kShouldQuit,
                                               [this](const std::string&, const std::string&) { quit(); });
         if (!observing)
             nsLog("No D-Bus session bus: restart and quit requests cannot reach the agent");
@@ -150,19 +152,7 @@ void KorvaneVelgar::applicationDidFinishLaunching()
         parts_.sleepEvents->observe([this] { goingToSleep(); }, [this] { wakingUp(); });
 }
 
-void KorvaneVelgar::prepareNotifications()
-{
-    growlFound = localizedString("FOUND");
-    growlRemoved = localizedString("REMOVED");
-    growlQuarantined = localizedString("QUARANTINED");
-    updateSuccessful = localizedString("SUCCESSFUL");
-    alreadyUpToDate = localizedString("ALREADY_UP_TO_DATE");
-    unknownError = localizedString("UNKNOWN_ERROR");
-
-    // Linux needs no minimum system for desktop notifications.
-    MacOSVersion = kMinimumNotificationSystem;
-    notificationsRegistered_ = MacOSVersion >= kMinimumNotificationSystem;
-}
+void KorvaneVelgar::prepareNotifications() { notifications_.prepare(); }
 
 void KorvaneVelgar::startWatcher(bool update)
 {
@@ -178,45 +168,43 @@ void KorvaneVelgar::startWatcher(bool update)
     secondPatientScanner_.setMenuAndParams(scanParameters_);
     createMoveDestinations();
     populateMenu();
-    gfsLogger_.setWatchList(std::make_shared<const WatchList>(watchedFolderList, checkSubDirs,
-                                                              WatchList::quarantineDirFrom(*parts_.velgarPrefs)));
+    gfsLogger_.setWatchList(std::make_shared<const WatchList>(watchedFolderList, checkSubDirs, settings_->quarantineFolder));
     if (!gfsLogger_.isWatching())
         gfsLogger_.start(*this);
     // While watching, the machine waits for the agent to stop before it sleeps.
     if (parts_.sleepEvents)
         parts_.sleepEvents->holdSleepDelay();
-    if (update && updateDefsAtLaunch_)
+    if (update && settings_->updateDefsAtLaunch)
         updateVirusDefs(false);
     nsLogf("Watching started: %zu watched folders and files", watchedFolderList.size());
 }
 
 void KorvaneVelgar::setScanParameters()
 {
-    trashLocation_ = "--move=" + trashFilesFolder();
     std::vector<std::string> arguments;
     if (clamScanPATH_)
         arguments.push_back(*clamScanPATH_);
-    if (quarantineInfected_)
+    if (settings_->quarantines())
         arguments.push_back(getQuarantineLocation());
-    else if (deleteInfected_)
-        arguments.push_back(trashLocation_);
-    if (useMultiscan_)
+    else if (settings_->trashes())
+        arguments.push_back("--move=" + trashFilesFolder());
+    if (settings_->multiscan)
         arguments.push_back("--multiscan");
     arguments.push_back("--stdout");
     if (!clamScanPATH_ || ::access(clamScanPATH_->c_str(), R_OK) != 0)
         displayDialog(Panel::NoEngine);
-    scanParameters_ = ScanParameters{mainMenu_, std::move(arguments)};
+    scanParameters_ = ScanParameters{std::move(arguments), settings_};
 }
 
 void KorvaneVelgar::createMoveDestinations()
 {
     // clamdscan refuses to scan at all when its move folder is missing, so
     // an infected file would stay where it is: make the folder first.
-    if (quarantineInfected_) {
-        const std::string folder = getQuarantineLocation().substr(7);
+    if (settings_->quarantines()) {
+        const std::string& folder = settings_->quarantineFolder;
         if (!folder.empty() && !pathExists(folder) && !makeDirectories(folder, 0700))
             nsLogf("The quarantine folder %s cannot be created", folder.c_str());
-    } else if (deleteInfected_ && !ensureTrashFolders()) {
+    } else if (settings_->trashes() && !ensureTrashFolders()) {
         nsLogf("The Trash folder %s cannot be created", trashFolder().c_str());
     }
 }
@@ -231,37 +219,30 @@ void KorvaneVelgar::stopWatcher()
     watchedFolderList.clear();
 
     theThrobberTempDir.reset();
-    clamPATH_.reset();
+    settings_.reset();
     freshclamPATH_.reset();
     freshclamLogLocation_.reset();
     clamScanPATH_.reset();
     theTempDirToWatch.reset();
     scanParameters_ = ScanParameters{};
-    std::lock_guard<std::mutex> guard(configMutex_);
-    quarantineLocation.clear();
-    quarantineOrTrash.clear();
 }
 
 void KorvaneVelgar::populateMenu()
 {
-    Preferences& prefs = *parts_.velgarPrefs;
-    prefs.synchronize();
     if (mainMenu_)
         mainMenu_->clearMenu();
     watchedFolderList.clear();
     checkSubDirs.clear();
 
-    const std::optional<QJsonArray> folders = prefs.array("VelgarFolderArray");
-    const int count = folders ? static_cast<int>(folders->size()) : 0;
+    const std::vector<WatchedFolder> none;
+    const std::vector<WatchedFolder>& folders = settings_ ? settings_->watchedFolders : none;
     if (mainMenu_)
-        mainMenu_->setNumItemsToWatch(count);
-    for (int index = 0; index < count; ++index) {
-        const QJsonObject record = folders->at(index).toObject();
-        const std::string path = expandTilde(record.value("pathName").toString().toStdString());
+        mainMenu_->setNumItemsToWatch(static_cast<int>(folders.size()));
+    for (const WatchedFolder& folder : folders) {
         // Every record gets its entry, whether its path exists or not.
         if (mainMenu_)
-            mainMenu_->addToMenu(path, path);
-        addToWatchList(path, objectBoolValue(record.value("WatchSubdirs")));
+            mainMenu_->addToMenu(folder.path, folder.path);
+        addToWatchList(folder.path, folder.subfolders);
     }
     // Until the next stopWatcher().
     if (parts_.volumeEvents)
@@ -298,27 +279,12 @@ void KorvaneVelgar::restartWatcher()
 void KorvaneVelgar::abortScans()
 {
     theDispatcher_.abortScans();
-    // Only the agent's own clients: a scan the user runs by hand goes on.
-    std::lock_guard<std::mutex> guard(scanClientsMutex_);
-    for (const pid_t pid : scanClients_)
-        ::kill(pid, SIGKILL);
-}
-
-void KorvaneVelgar::registerScanClient(pid_t pid)
-{
-    std::lock_guard<std::mutex> guard(scanClientsMutex_);
-    scanClients_.insert(pid);
-}
-
-void KorvaneVelgar::unregisterScanClient(pid_t pid)
-{
-    std::lock_guard<std::mutex> guard(scanClientsMutex_);
-    scanClients_.erase(pid);
+    scanClients_.killAll();
 }
 
 std::optional<std::string> KorvaneVelgar::temporaryFolder() const
 {
-    std::lock_guard<std::mutex> guard(configMutex_);
+    std::lock_guard<std::mutex> guard(temporaryFolderMutex_);
     return temporaryFolder_;
 }
 
@@ -333,7 +299,7 @@ void KorvaneVelgar::quit()
         clamd_.clamdController().communicateWithSocket(clamd_.clamdSocket(), "QUIT");
     }
     if (parts_.distributedCenter)
-        parts_.distributedCenter->post("KorvaneVelgarHasQuit", "KorvaneVelgar");
+        parts_.distributedCenter->post(bus::kHasQuit, bus::kAgentObject);
     parts_.exitProcess(0);
 }
 
@@ -348,49 +314,43 @@ void KorvaneVelgar::modifyScannerCountBy(int32_t delta)
     throbberLock_.unlock();
 }
 
-std::optional<std::string> KorvaneVelgar::stringPreference(const char* key) const
-{
-    const std::optional<QJsonValue> value = parts_.velgarPrefs->object(key);
-    if (!value)
-        return std::nullopt;
-    if (!value->isString()) {
-        nsLogf("The preference \"%s\" should hold a text; it is ignored", key);
-        return std::nullopt;
-    }
-    return value->toString().toStdString();
-}
-
 bool KorvaneVelgar::readPrefs()
 {
     Preferences& prefs = *parts_.velgarPrefs;
-    prefs.addSuite(kMainAppBundleIdentifier);
+    prefs.addSuite(kMainAppDomain);
     prefs.synchronize();
+    settings_ = Settings::load(prefs);
+    for (const std::string& problem : settings_->problems)
+        nsLog(problem);
 
-    clamPATH_ = stringPreference("PathToClamav");
-    const std::optional<std::string> updateLog = stringPreference("PathToUpdateLog");
-    if (!clamPATH_ || !updateLog)
+    const std::optional<std::string>& clamPath = settings_->clamPath;
+    if (!clamPath || !settings_->updateLogPath)
         noEnginePanic();
 
-    if (clamPATH_ && clamPATH_->starts_with(kMainAppPrefix) && pathExists(kMainAppFreshclam))
+    if (clamPath && clamPath->starts_with(kMainAppPrefix) && pathExists(kMainAppFreshclam))
         freshclamPATH_ = kMainAppFreshclam;
-    else if (clamPATH_)
-        freshclamPATH_ = *clamPATH_ + "/bin/freshclam";
+    else if (clamPath)
+        freshclamPATH_ = *clamPath + "/bin/freshclam";
     else
         freshclamPATH_.reset();
 
     // Without an update log the updater runs without its log option.
-    freshclamLogLocation_ = updateLog ? std::optional<std::string>("--log=" + *updateLog) : std::nullopt;
-    clamScanPATH_ = clamPATH_ ? std::optional<std::string>(*clamPATH_ + "/bin/clamdscan") : std::nullopt;
+    freshclamLogLocation_.reset();
+    if (settings_->updateLogPath)
+        freshclamLogLocation_ = "--log=" + *settings_->updateLogPath;
+    clamScanPATH_.reset();
+    if (clamPath)
+        clamScanPATH_ = *clamPath + "/bin/clamdscan";
 
     // Whether we launched the daemon is decided anew at every load; the
     // engine is the prefix's own daemon, or none without a prefix, so a
     // relaunch never runs what an earlier load named.
     clamd_.setWeLaunchedClamd(false);
-    clamd_.useEnginePrefix(clamPATH_);
+    clamd_.useEnginePrefix(clamPath);
 
     // With no installation prefix there is no clamdscan to run and no
     // daemon to launch: never guess one from an empty prefix.
-    if (!clamPATH_) {
+    if (!clamPath) {
         nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
         return false;
     }
@@ -426,57 +386,20 @@ bool KorvaneVelgar::readPrefs()
         return false;
     }
     {
-        std::lock_guard<std::mutex> guard(configMutex_);
+        std::lock_guard<std::mutex> guard(temporaryFolderMutex_);
         temporaryFolder_ = temporaryFolder;
     }
     prepareTemporaryFolders(*temporaryFolder);
 
-    const std::optional<QJsonValue> scanEmail = prefs.object("ScanEmail");
-    nsLog(!scanEmail || objectBoolValue(*scanEmail) ? "scan email files\n" : "do NOT scan email files\n");
-
-    if (const std::optional<QJsonValue> multiscan = prefs.object("multiscan");
-        multiscan && multiscan->isString() && multiscan->toString() == "yes") {
-        useMultiscan_ = true;
+    nsLog(settings_->scanEmail ? "scan email files\n" : "do NOT scan email files\n");
+    if (settings_->multiscan)
         nsLog("Will use as many processor cores as possible for scanning\n");
-    } else {
-        useMultiscan_ = false;
-    }
-
-    std::string mode;
-    std::string location;
-    quarantineInfected_ = false;
-    deleteInfected_ = false;
-    if (prefs.boolean("VelgarTrashFiles")) {
+    if (settings_->trashes())
         nsLog("I will delete infected files\n");
-        deleteInfected_ = true;
-        mode = "T";
-    }
-    if (prefs.boolean("VelgarQuarantineFiles")) {
+    if (settings_->quarantines())
         nsLog("I will quarantine infected files\n");
-        deleteInfected_ = false;
-        quarantineInfected_ = true;
-        mode = "Q";
-        location = "--move=";
-        if (const std::optional<QJsonValue> folder = prefs.object("QuarantineFolder")) {
-            QJsonValue path = *folder;
-            if (path.isObject())
-                path = path.toObject().value("path");
-            if (path.isString())
-                location += expandTilde(path.toString().toStdString());
-            else
-                nsLog("The preference \"QuarantineFolder\" holds no folder path; it is ignored");
-        }
-    }
-    {
-        std::lock_guard<std::mutex> guard(configMutex_);
-        quarantineOrTrash = mode;
-        quarantineLocation = location;
-    }
-
-    if (prefs.boolean("NeedsExit1FreshclamFlag"))
+    if (settings_->needsExit1FreshclamFlag)
         needsExit1FreshclamFlag_ = true;
-    if (prefs.boolean("UpdateDefsOnLaunch"))
-        updateDefsAtLaunch_ = true;
 
     discernClamdSocketLocation();
     return true;
@@ -508,7 +431,7 @@ void KorvaneVelgar::rotateLogFile()
                            parts_.redirectToScanLog);
 }
 
-bool KorvaneVelgar::checkForClamd() { return clamPATH_ && clamd_.ownDaemonRuns(); }
+bool KorvaneVelgar::checkForClamd() { return clamPATH() && clamd_.ownDaemonRuns(); }
 
 bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath)
 {
@@ -548,86 +471,13 @@ void KorvaneVelgar::noEnginePanic()
 
 bool KorvaneVelgar::displayGrowlDialog(int kind, const std::string& description)
 {
-    if (MacOSVersion < kMinimumNotificationSystem || !parts_.notifier || !parts_.notifier->isRunning())
-        return false;
-    DesktopNotification notification;
-    notification.description = description;
-    notification.sticky = true;
-    switch (kind) {
-    case kFound: notification.name = notification.title = growlFound; break;
-    case kQuarantined: notification.name = notification.title = growlQuarantined; break;
-    case kRemoved: notification.name = notification.title = growlRemoved; break;
-    case kUpdated:
-        notification.name = updateSuccessful;
-        notification.title = "Korvane Velgar";
-        break;
-    case kUpToDate:
-        notification.name = alreadyUpToDate;
-        notification.title = "Korvane Velgar";
-        break;
-    default:
-        notification.name = "Error";
-        notification.title = "Korvane Velgar";
-    }
-    return parts_.notifier->notify(notification);
-}
-
-std::map<std::string, std::vector<std::string>> KorvaneVelgar::registrationDictionaryForGrowl() const
-{
-    const std::vector<std::string> names = {growlFound,      growlRemoved,    growlQuarantined,
-                                            updateSuccessful, alreadyUpToDate, "Error"};
-    return {{"AllNotifications", names}, {"DefaultNotifications", names}};
-}
-
-void KorvaneVelgar::openApp()
-{
-    if (parts_.workspace)
-        parts_.workspace->launchApplication(kMainAppBundleIdentifier);
+    return notifications_.display(kind, description);
 }
 
 void KorvaneVelgar::openAppFromError()
 {
     openApp();
     quit();
-}
-
-void KorvaneVelgar::openPrefs(bool fromOpenPrefsButton)
-{
-    if (!parts_.workspace || !parts_.workspace->launchApplication(kMainAppBundleIdentifier)) {
-        if (parts_.workspace)
-            parts_.workspace->beep();
-        if (fromOpenPrefsButton)
-            quit();
-        return;
-    }
-
-    // The main application owns its bus name once it runs. Waiting for that
-    // in the event loop keeps the menu and the dialogs alive meanwhile; after
-    // the time limit the request goes out anyway, for a main application that
-    // is slow to start.
-    auto* waiter = new QObject(this);
-    auto finished = std::make_shared<bool>(false);
-    auto finish = [this, waiter, finished, fromOpenPrefsButton] {
-        if (*finished)
-            return;
-        *finished = true;
-        waiter->deleteLater();
-        if (parts_.distributedCenter)
-            parts_.distributedCenter->post("KorvaneShouldOpenPrefs", "KorvaneVelgar");
-        if (fromOpenPrefsButton)
-            quit();
-    };
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
-        finish();
-        return;
-    }
-    auto* watcher = new QDBusServiceWatcher(kMainAppBundleIdentifier, bus, QDBusServiceWatcher::WatchForRegistration, waiter);
-    connect(watcher, &QDBusServiceWatcher::serviceRegistered, waiter, finish);
-    QTimer::singleShot(std::chrono::seconds(kOpenPrefsWaitSeconds), waiter, finish);
-    // Asked after the watcher exists, so a registration cannot fall between.
-    if (busNameHasOwner(bus, kMainAppBundleIdentifier))
-        finish();
 }
 
 void KorvaneVelgar::addToDialogList(DialogListEntry* entry) { theDialogList.push_back(entry); }
@@ -649,16 +499,9 @@ void KorvaneVelgar::displayDialog(Panel panel)
         parts_.panels->displayDialog(panel);
 }
 
-std::string KorvaneVelgar::getQuarantineOrTrash() const
-{
-    std::lock_guard<std::mutex> guard(configMutex_);
-    return quarantineOrTrash;
-}
-
 std::string KorvaneVelgar::getQuarantineLocation() const
 {
-    std::lock_guard<std::mutex> guard(configMutex_);
-    return quarantineLocation;
+    return settings_ && settings_->quarantines() ? "--move=" + settings_->quarantineFolder : std::string();
 }
 
 void KorvaneVelgar::updateVirusDefs(bool notify)
@@ -690,13 +533,13 @@ void KorvaneVelgar::performDefsUpdate(bool notify, const DefinitionsUpdate& upda
             displayDialog(Panel::NoEngine);
         } else {
             int kind = kError;
-            const std::string* text = &unknownError;
+            const std::string* text = &notifications_.unknownError();
             if (outcome == DefinitionsUpdate::Outcome::Updated) {
                 kind = kUpdated;
-                text = &updateSuccessful;
+                text = &notifications_.updateSuccessful();
             } else if (outcome == DefinitionsUpdate::Outcome::AlreadyUpToDate) {
                 kind = kUpToDate;
-                text = &alreadyUpToDate;
+                text = &notifications_.alreadyUpToDate();
             }
             // An error is shown even for an update nobody asked to hear from.
             if ((notify || kind == kError) && !displayGrowlDialog(kind, *text)) {
@@ -759,13 +602,13 @@ void KorvaneVelgar::newVolumeAppeared(const std::string& devicePath)
     theDispatcher_.addStringToItemList(devicePath);
 }
 
-bool KorvaneVelgar::applicationDelegateHandlesKey(const std::string& key) const { return key == "restartWatchingViaAS"; }
+bool KorvaneVelgar::applicationDelegateHandlesKey(const std::string& key) const { return key == bus::kScriptKey; }
 
 std::string KorvaneVelgar::restartWatchingViaAS()
 {
     if (mainMenu_)
         mainMenu_->canRestartFromAS();
-    return "Restart Requested";
+    return bus::kScriptAnswer;
 }
 
 } // namespace kv

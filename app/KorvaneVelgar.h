@@ -1,12 +1,20 @@
 #pragma once
 
+#include "app/MainApplicationLink.h"
+#include "app/Notifications.h"
 #include "app/ScanLog.h"
 #include "engine/ClamdSupervisor.h"
 #include "intake/FSEventWatcher.h"
+#include "intake/WatcherHost.h"
+#include "platform/BusContract.h"
 #include "platform/ConditionLock.h"
+#include "platform/DesktopNotifier.h"
 #include "platform/Panels.h"
+#include "platform/Settings.h"
 #include "queue/Dispatcher.h"
 #include "scan/PatientScanner.h"
+#include "scan/ScanClients.h"
+#include "scan/ScannerHost.h"
 
 #include <QObject>
 
@@ -17,7 +25,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,23 +67,23 @@ struct ControllerParts {
     bool redirectToScanLog = true;
 };
 
-// The agent's controller: owns the workers, the shared locks and the
-// configuration derived from the preferences, runs the start and stop
-// sequences of watching, answers restart and quit requests and ends the
-// process.
+// The agent's controller: owns the workers and the shared locks, keeps the
+// settings of the last preferences load, runs the sequences of the agent's
+// life (launch; start, stop and restart of watching; sleep and wake; a new
+// volume; quit) and ends the process. The workers reach it through the
+// interfaces their layers declare (ScannerHost, WatcherHost).
 //
 // Lives on the main thread; every operation below runs there unless its
 // comment says otherwise.
-class KorvaneVelgar : public QObject {
+class KorvaneVelgar : public QObject, public ScannerHost, public WatcherHost {
     Q_OBJECT
 public:
-    // Notification kinds of displayGrowlDialog().
-    enum NotificationKind { kFound = 1, kQuarantined = 2, kRemoved = 3, kUpdated = 4, kUpToDate = 5, kError = 6 };
-    static constexpr int32_t kMinimumNotificationSystem = 0x1040;
-    static constexpr const char* kBundleIdentifier = "com.korvane.KorvaneVelgar";
-    static constexpr const char* kMainAppBundleIdentifier = "com.korvane.Korvane";
+    static constexpr const char* kBundleIdentifier = bus::kAgentName;
+    static constexpr const char* kMainAppBundleIdentifier = MainApplicationLink::kBundleIdentifier;
     static constexpr const char* kMainAppPrefix = "/usr/local/korvane";
     static constexpr const char* kMainAppFreshclam = "/usr/local/korvane/bin/RunFreshclam";
+
+    using enum NotificationKind;
 
     // init: creates the workers and shared objects and redirects the
     // standard streams to the scan log.
@@ -92,24 +99,24 @@ public:
     // notifications can be used. Part of the launch sequence.
     void prepareNotifications();
 
-    void startWatcher(bool update = false);
-    void stopWatcher();
+    void startWatcher(bool update = false) override;
+    void stopWatcher() override;
     void restartWatcher();
     // Empties the queue and kills the agent's own running clamdscan clients.
     void abortScans();
     // The shutdown sequence; ends the process with status 0.
-    void quit();
+    void quit() override;
 
     // Any thread. Takes throbberLock, then scannerCountLock.
-    void modifyScannerCountBy(int32_t delta);
+    void modifyScannerCountBy(int32_t delta) override;
 
+    // Loads the settings and makes sure an engine answers (launching the
+    // user's own clamd when it must). False when there is nothing to scan with.
     bool readPrefs();
     // Builds the scan argument list handed to both scanners: clamdscan, the
     // move option of the handling mode, "--multiscan", "--stdout".
     void setScanParameters();
     const ScanParameters& scanAndUpdateParametersWithThrobber() const { return scanParameters_; }
-    // "--move=" followed by the Trash's files folder.
-    const std::string& trashLocation() const { return trashLocation_; }
     void logAllToScanLog();
     void rotateLogFile();
 
@@ -124,25 +131,21 @@ public:
     // Engine link.
     bool checkForClamd();
     bool launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath);
-    bool clamdStillAlive();          // any thread
-    // False, after a log line, when a scan run's socket is served by another
-    // user (see ClamdCtrl); true without a socket (a daemon over TCP). Any
-    // thread.
-    bool clamdSocketTrusted(const std::optional<std::string>& socket);
-    // After a run that began with GENERATION lost its daemon (see
-    // ClamdSupervisor::recoverFromCrashedClamd()); notifies the user once
-    // when the stand-in takes over from the system's service. True when the
-    // user's own daemon was launched again. Any thread.
-    bool recoverFromCrashedClamd(uint64_t generation);
+    bool clamdStillAlive() override;
+    bool clamdSocketTrusted(const std::optional<std::string>& socket) override;
+    // Also notifies the user once when the stand-in takes over from the
+    // system's service (see ClamdSupervisor::recoverFromCrashedClamd()).
+    bool recoverFromCrashedClamd(uint64_t generation) override;
     void discernClamdSocketLocation();
-    void noEnginePanic();            // any thread
+    void noEnginePanic() override;
 
     // Notifications and panels. Any thread.
-    bool displayGrowlDialog(int kind, const std::string& description);
+    bool displayGrowlDialog(int kind, const std::string& description) override;
     void displayDialog(Panel panel);
-    // "AllNotifications" and "DefaultNotifications": the six notification
-    // names, each list in the same order.
-    std::map<std::string, std::vector<std::string>> registrationDictionaryForGrowl() const;
+    std::map<std::string, std::vector<std::string>> registrationDictionaryForGrowl() const
+    {
+        return notifications_.registrationDictionary();
+    }
 
     // Definitions updates. updateVirusDefs() starts one on a thread of its
     // own and returns at once; with no argument it is the menu command,
@@ -164,16 +167,12 @@ public:
     // is enabled) and answers "Restart Requested" either way.
     std::string restartWatchingViaAS();
 
-    // Links to the main application, from menu items and panel buttons.
-    static constexpr int kOpenPrefsWaitSeconds = 30;
-    void openApp();
+    // Links to the main application, from menu items and panel buttons
+    // (see MainApplicationLink).
+    void openApp() { mainApplication_.openApp(); }
     // Launches the main application, then quits.
     void openAppFromError();
-    // Launches the main application and, once it owns its bus name (at most
-    // kOpenPrefsWaitSeconds later, waiting in the event loop), posts
-    // "KorvaneShouldOpenPrefs". A launch that cannot start beeps and posts
-    // nothing. Sent by the no-engine panel's button, it then quits.
-    void openPrefs(bool fromOpenPrefsButton);
+    void openPrefs(bool fromOpenPrefsButton) { mainApplication_.openPrefs(fromOpenPrefsButton); }
 
     // The open warning dialogs, in the order they opened. Main thread only:
     // the dialogs are created there.
@@ -188,50 +187,50 @@ public:
     const std::map<std::string, bool>& getCheckSubDirs() const { return checkSubDirs; }
     std::optional<std::string> getTheTempDirToWatch() const { return theTempDirToWatch; }
     std::optional<std::string> getTheThrobberTempDir() const { return theThrobberTempDir; }
-    std::string getQuarantineOrTrash() const;
+    // "--move=" and the quarantine folder in quarantine mode, else "".
     std::string getQuarantineLocation() const;
     std::optional<std::string> freshclamLogLocation() const { return freshclamLogLocation_; }
     ConditionLock& throbberLock() { return throbberLock_; }
     std::mutex& scannerCountLock() { return scannerCountLock_; }
     int32_t scannerCount() const { return scannerCount_.load(); }
     StatusMenu* mainMenu() const { return mainMenu_; }
+    std::string quitMenuName() const override;
     bool needsExit1FreshclamFlag() const { return needsExit1FreshclamFlag_; }
     void setNeedsExit1FreshclamFlag(bool flag) { needsExit1FreshclamFlag_ = flag; }
     bool isWatching() const { return gfsLogger_.isWatching(); }
     FSEventWatcher& gfsLogger() { return gfsLogger_; }
-    Dispatcher& theDispatcher() { return theDispatcher_; }
+    Dispatcher& theDispatcher() override { return theDispatcher_; }
     PatientScanner& firstPatientScanner() { return firstPatientScanner_; }
     PatientScanner& secondPatientScanner() { return secondPatientScanner_; }
-    ScanAlerts* scanAlerts() const { return parts_.scanAlerts; }
+    ScanAlerts* scanAlerts() const override { return parts_.scanAlerts; }
     Preferences& preferences() const { return *parts_.velgarPrefs; }
-    // The private temporary folder of the last preferences load. Any thread.
-    std::optional<std::string> temporaryFolder() const;
+    std::optional<std::string> temporaryFolder() const override;
+    void postToMainThread(std::function<void()> task) override;
 
-    // The clamdscan clients running now, so an abort kills only ours. Any
-    // thread; a client leaves before it is reaped.
-    void registerScanClient(pid_t pid);
-    void unregisterScanClient(pid_t pid);
+    void registerScanClient(pid_t pid) override { scanClients_.add(pid); }
+    void unregisterScanClient(pid_t pid) override { scanClients_.remove(pid); }
 
-    // The configuration of the last preferences load, for inspection.
-    std::optional<std::string> clamPATH() const { return clamPATH_; }
+    // The settings of the last preferences load (null before the first and
+    // after a stop), and what the controller derived from them.
+    std::shared_ptr<const Settings> settings() const { return settings_; }
+    std::optional<std::string> clamPATH() const { return settings_ ? settings_->clamPath : std::nullopt; }
     std::optional<std::string> clamScanPATH() const { return clamScanPATH_; }
     std::optional<std::string> freshclamPATH() const { return freshclamPATH_; }
-    bool useMultiscan() const { return useMultiscan_; }
-    bool quarantineInfected() const { return quarantineInfected_; }
-    bool deleteInfected() const { return deleteInfected_; }
-    bool updateDefsAtLaunch() const { return updateDefsAtLaunch_; }
-    ClamdSupervisor& clamd() { return clamd_; }
+    bool useMultiscan() const { return settings_ && settings_->multiscan; }
+    bool updateDefsAtLaunch() const { return settings_ && settings_->updateDefsAtLaunch; }
+    ClamdSupervisor& clamd() override { return clamd_; }
     const ScanLog& scanLog() const { return scanLog_; }
-    std::string localizedString(const std::string& key) const;
+    std::string localizedString(const std::string& key) const override;
 
 private:
-    std::optional<std::string> stringPreference(const char* key) const;
     void prepareTemporaryFolders(const std::string& temporaryFolder);
     void createMoveDestinations();
     void startPermanentThreads();
 
     ControllerParts parts_;
     StatusMenu* mainMenu_;
+    Notifications notifications_;
+    MainApplicationLink mainApplication_;
     ClamdSupervisor clamd_;
     ScanLog scanLog_;
 
@@ -244,10 +243,8 @@ private:
     PatientScanner firstPatientScanner_;
     PatientScanner secondPatientScanner_;
     std::vector<std::thread> permanentThreads_;
-    std::mutex scanClientsMutex_;
-    std::set<pid_t> scanClients_;  // guarded by scanClientsMutex_
+    ScanClients scanClients_;
     ScanParameters scanParameters_;
-    std::string trashLocation_;
 
     // Rebuilt by populateMenu() on the main thread; the event watcher reads
     // its own snapshot of them, handed over at each start.
@@ -255,10 +252,6 @@ private:
     std::map<std::string, bool> checkSubDirs;
     std::vector<DialogListEntry*> theDialogList;  // main thread only; entries own themselves
 
-    // Localised notification texts, fetched at launch.
-    std::string growlFound, growlRemoved, growlQuarantined, updateSuccessful, alreadyUpToDate, unknownError;
-    int32_t MacOSVersion = 0;
-    bool notificationsRegistered_ = false;
     bool startAfterSleep = false;
 
     // Update threads still running; the destructor waits for them.
@@ -266,24 +259,17 @@ private:
     std::condition_variable updatesEnded_;  // with updatesMutex_
     int runningUpdates_ = 0;                // guarded by updatesMutex_
 
-    // Per-start configuration, made by readPrefs(), given up by stopWatcher().
-    // Written on the main thread only; mode strings are read by scanner
-    // threads under configMutex_.
-    std::optional<std::string> clamPATH_;
+    // Per start, made by readPrefs(), given up by stopWatcher(); main
+    // thread only. The workers get the settings with their parameters.
+    std::shared_ptr<const Settings> settings_;
     std::optional<std::string> freshclamPATH_;
     std::optional<std::string> freshclamLogLocation_;
     std::optional<std::string> clamScanPATH_;
     std::optional<std::string> theTempDirToWatch;
     std::optional<std::string> theThrobberTempDir;
-    mutable std::mutex configMutex_;
-    std::optional<std::string> temporaryFolder_;  // guarded by configMutex_
-    std::string quarantineLocation;  // guarded by configMutex_
-    std::string quarantineOrTrash;   // guarded by configMutex_
-    bool quarantineInfected_ = false;
-    bool deleteInfected_ = false;
-    bool useMultiscan_ = false;
-    bool needsExit1FreshclamFlag_ = false;
-    bool updateDefsAtLaunch_ = false;
+    bool needsExit1FreshclamFlag_ = false;  // stays set once a load sets it
+    mutable std::mutex temporaryFolderMutex_;
+    std::optional<std::string> temporaryFolder_;  // guarded by temporaryFolderMutex_
 };
 
 } // namespace kv

@@ -9,11 +9,8 @@
 // animation (13 by default, ten scan cycles), then N seconds at rest.
 
 #include "app/KorvaneVelgar.h"
-#include "platform/Paths.h"
 #include "platform/Preferences.h"
-#include "platform/StringTable.h"
-#include "ui/DesktopWorkspace.h"
-#include "ui/MainInterface.h"
+#include "ui/Agent.h"
 #include "ui/Throbber.h"
 
 #include <QApplication>
@@ -93,30 +90,18 @@ int main(int argc, char* argv[])
     if (!::mkdtemp(folder))
         return 1;
 
-    const std::string resources = kv::resourcesDirectory();
-    kv::StringTable strings;
-    strings.load(resources);
-    kv::JsonPreferences preferences(kv::KorvaneVelgar::kBundleIdentifier, folder);
-    kv::DesktopWorkspace workspace;
-    kv::MainInterface mainInterface(resources);
-    kv::Throbber::Environment environment;
-    environment.preferences = &preferences;
-    environment.workspace = &workspace;
-    environment.resourcesFolder = resources;
-    environment.homeDirectory = folder;
-    kv::Throbber menu(mainInterface.root(), environment);
-    FrameCounter counter;
-    menu.setObserver(&counter);
-
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &preferences;
-    parts.mainMenu = &menu;
-    parts.strings = &strings;
+    kv::JsonPreferences preferences(kv::kAgentDomain, folder);
+    kv::Agent::Parts parts;
+    parts.preferences = &preferences;
     parts.homeDirectory = folder;
+    parts.systemEvents = false;
     parts.redirectToScanLog = false;
     parts.exitProcess = [](int) {};
-    kv::KorvaneVelgar controller(parts);
-    menu.setKorvaneVelgarController(&controller);
+    kv::Agent agent(parts);
+    kv::KorvaneVelgar& controller = agent.controller();
+    kv::Throbber& menu = agent.menu();
+    FrameCounter counter;
+    menu.setObserver(&counter);
 
     menu.startIndicator(controller);
     menu.clearMenu();

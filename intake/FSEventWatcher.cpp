@@ -1,9 +1,10 @@
 #include "intake/FSEventWatcher.h"
 
-#include "app/KorvaneVelgar.h"
 #include "eventhelper/ExitStatus.h"
 #include "eventhelper/HelperOutput.h"
+#include "intake/WatcherHost.h"
 #include "platform/ChildProcess.h"
+#include "platform/DesktopNotifier.h"
 #include "platform/Log.h"
 #include "platform/PathText.h"
 #include "platform/Paths.h"
@@ -17,8 +18,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <QMetaObject>
 
 #include <algorithm>
 #include <cerrno>
@@ -85,7 +84,7 @@ bool isTopOfFileSystemHolding(const std::string& top, const std::string& path)
 } // namespace
 
 struct FSEventWatcher::Loop {
-    KorvaneVelgar* korvaneVelgarController = nullptr;
+    WatcherHost* host = nullptr;
     // Cleared by stopWatching(), never set again: a loop that has been
     // stopped ends, and the next start makes a new one.
     std::atomic<bool> isWatching{true};
@@ -132,13 +131,13 @@ pid_t FSEventWatcher::helperPid() const
     return scanCheckTask_;
 }
 
-void FSEventWatcher::start(KorvaneVelgar& controller)
+void FSEventWatcher::start(WatcherHost& host)
 {
     std::lock_guard<std::mutex> held(mutex_);
     if (current_ && current_->isWatching)
         return;
     auto loop = std::make_shared<Loop>();
-    loop->korvaneVelgarController = &controller;
+    loop->host = &host;
     loop->stopSignal.reset(::eventfd(0, EFD_CLOEXEC));
     try {
         std::thread([this, loop] { mainLoop(loop); }).detach();
@@ -279,11 +278,11 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
 
 void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
 {
-    KorvaneVelgar* controller = loop.korvaneVelgarController;
+    WatcherHost* host = loop.host;
     // The stop empties the controller's folder list and menu, which belong
-    // to the main thread; queued calls run there in the order they were
-    // made, so this stop comes before the start asked for below.
-    QMetaObject::invokeMethod(controller, [controller] { controller->stopWatcher(); }, Qt::QueuedConnection);
+    // to the main thread; posted tasks run there in the order they were
+    // posted, so this stop comes before the start asked for below.
+    host->postToMainThread([host] { host->stopWatcher(); });
 
     // Making a file set-user-ID root hands root to whoever can change that
     // file or its folders: only a helper that root alone controls (an
@@ -299,20 +298,20 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
                "(%s): install Korvane Velgar with \"sudo cmake --install build\" or its Debian package, then choose "
                "Start Watching",
                why.c_str());
-        controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_INSTALLED"));
+        host->displayGrowlDialog(kError, host->localizedString("FSEVENT_NOT_INSTALLED"));
         return;
     }
-    controller->displayGrowlDialog(KorvaneVelgar::kError, controller->localizedString("FSEVENT_NOT_SETUID"));
+    host->displayGrowlDialog(kError, host->localizedString("FSEVENT_NOT_SETUID"));
     // The installer takes no arguments and has a polkit action of its own,
     // whose message says what the password is for. pkexec exits 0 only
     // when the installer ran and succeeded; 126 (dismissed), 127 (refused)
     // and the installer's own refusal all fail.
     if (runAndWait({"pkexec", installer}, ChildProcess::Output::Inherit) == 0) {
-        QMetaObject::invokeMethod(controller, [controller] { controller->startWatcher(); }, Qt::QueuedConnection);
+        host->postToMainThread([host] { host->startWatcher(false); });
         return;
     }
     nsLog("Authentication failed. Sorry!");
-    QMetaObject::invokeMethod(controller, [controller] { controller->quit(); }, Qt::QueuedConnection);
+    host->postToMainThread([host] { host->quit(); });
 }
 
 void FSEventWatcher::taskDataAvailable(std::string_view chunk)

@@ -16,7 +16,7 @@
 namespace kv {
 
 class Dispatcher;
-class KorvaneVelgar;
+class WatcherHost;
 
 // The agent's file-event intake. Runs the helper gfslogger (from the
 // resources folder), reads the records it prints (eventhelper/HelperOutput.h),
@@ -49,9 +49,9 @@ public:
     FSEventWatcher(const FSEventWatcher&) = delete;
     FSEventWatcher& operator=(const FSEventWatcher&) = delete;
 
-    // Main thread. Starts a watch loop for the controller, unless one is
-    // watching already. The loop filters by the list last handed over.
-    void start(KorvaneVelgar& controller);
+    // Main thread. Starts a watch loop for the host, unless one is watching
+    // already. The loop filters by the list last handed over.
+    void start(WatcherHost& host);
 
     // Any thread. The watched folders for every chunk read from now on.
     void setWatchList(std::shared_ptr<const WatchList> list);

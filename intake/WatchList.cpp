@@ -3,7 +3,6 @@
 #include "intake/FSEventWatcher.h"
 #include "platform/FolderWalk.h"
 #include "platform/Paths.h"
-#include "platform/Preferences.h"
 
 #include <optional>
 
@@ -39,18 +38,6 @@ WatchList::WatchList(const std::vector<std::string>& watchedFolderList, const st
         const auto flag = checkSubDirs.find(path);
         entries_.push_back({path, std::string(withoutTrailingSlash(path)), flag != checkSubDirs.end() && flag->second});
     }
-}
-
-std::string WatchList::quarantineDirFrom(const Preferences& prefs)
-{
-    std::optional<QJsonValue> value = prefs.object("QuarantineFolder");
-    if (!value)
-        return {};
-    if (value->isObject())
-        value = value->toObject().value("path");
-    if (!value->isString())
-        return {};
-    return expandTilde(value->toString().toStdString());
 }
 
 bool WatchList::admits(std::string_view line) const

@@ -8,8 +8,6 @@
 
 namespace kv {
 
-class Preferences;
-
 // The watched folders as the event watcher filters by them: a snapshot of
 // the controller's watchedFolderList and checkSubDirs, with the quarantine
 // folder whose events are never scanned.
@@ -23,11 +21,6 @@ public:
     WatchList() = default;
     WatchList(const std::vector<std::string>& watchedFolderList, const std::map<std::string, bool>& checkSubDirs,
               std::string quarantineDir);
-
-    // The quarantine folder as the watcher skips it: the "QuarantineFolder"
-    // preference (its "path" entry when it is a dictionary) with a leading
-    // tilde expanded, or "" when there is no such path.
-    static std::string quarantineDirFrom(const Preferences& prefs);
 
     // Whether a line of helper output belongs in the scan queue: not under
     // the quarantine folder (a plain text prefix test), not a resource fork,

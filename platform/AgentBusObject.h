@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/BusContract.h"
+
 #include <QDBusConnection>
 #include <QDBusVirtualObject>
 
@@ -22,8 +24,8 @@ namespace kv {
 class AgentBusObject : public QDBusVirtualObject {
     Q_OBJECT
 public:
-    static constexpr const char* kPath = "/com/korvane/KorvaneVelgar";
-    static constexpr const char* kInterface = "com.korvane.KorvaneVelgar";
+    static constexpr const char* kPath = bus::kAgentPath;
+    static constexpr const char* kInterface = bus::kAgentInterface;
 
     struct ScriptedKeys {
         // True for the keys the agent answers itself.

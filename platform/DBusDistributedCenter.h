@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/BusContract.h"
+
 #include "platform/DistributedCenter.h"
 
 #include <QDBusConnection>
@@ -20,8 +22,8 @@ namespace kv {
 class DBusDistributedCenter : public QObject, public DistributedCenter {
     Q_OBJECT
 public:
-    static constexpr const char* kPath = "/com/korvane/DistributedNotification";
-    static constexpr const char* kInterface = "com.korvane.DistributedNotification";
+    static constexpr const char* kPath = bus::kNotificationPath;
+    static constexpr const char* kInterface = bus::kNotificationInterface;
 
     explicit DBusDistributedCenter(QDBusConnection connection = QDBusConnection::sessionBus(), QObject* parent = nullptr);
     ~DBusDistributedCenter() override;

@@ -4,6 +4,9 @@
 
 namespace kv {
 
+// The agent's notification kinds (displayGrowlDialog()).
+enum NotificationKind { kFound = 1, kQuarantined = 2, kRemoved = 3, kUpdated = 4, kUpToDate = 5, kError = 6 };
+
 // One desktop notification as the agent hands it over.
 struct DesktopNotification {
     std::string name;        // the notification's name ("Error", the localised "FOUND", ...)

@@ -10,6 +10,11 @@
 
 namespace kv {
 
+// The preference domains: the agent's own, and the main application's, a
+// suite the agent reads after its own.
+inline constexpr const char* kAgentDomain = "com.korvane.KorvaneVelgar";
+inline constexpr const char* kMainAppDomain = "com.korvane.Korvane";
+
 // The boolean value of a stored object, by the rule the shared preferences
 // have always used: JSON true/false; a number is true when non-zero; a
 // string is true when, after leading blanks, an optional sign and leading

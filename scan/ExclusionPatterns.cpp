@@ -1,53 +1,8 @@
 #include "scan/ExclusionPatterns.h"
 
-#include "platform/Paths.h"
-#include "platform/Preferences.h"
-
 #include <regex.h>
 
-#include <QJsonObject>
-
 namespace kv {
-
-std::string escapePlainPattern(const std::string& text)
-{
-    // One pass per character, backslash first, so the backslashes that later
-    // passes insert are not doubled again.
-    static constexpr char kSpecial[] = {'\\', '[', '^', '$', '.', '|', '?', '*', '+', '(', ')'};
-    std::string escaped = text;
-    for (const char special : kSpecial) {
-        std::string next;
-        next.reserve(escaped.size() + 8);
-        for (const char c : escaped) {
-            if (c == special)
-                next += '\\';
-            next += c;
-        }
-        escaped.swap(next);
-    }
-    return escaped;
-}
-
-std::vector<std::string> buildExcludePatterns(const QJsonArray& records)
-{
-    std::vector<std::string> patterns;
-    for (const QJsonValue& value : records) {
-        if (!value.isObject())
-            continue;
-        const QJsonObject record = value.toObject();
-        if (!objectBoolValue(record.value("excludeEnabled")))
-            continue;
-        const QJsonValue pattern = record.value("excludePattern");
-        if (!pattern.isString() || pattern.toString().isEmpty())
-            continue;
-        const std::string text = pattern.toString().toStdString();
-        if (objectBoolValue(record.value("excludeRegEx")))
-            patterns.push_back(text);
-        else
-            patterns.push_back(escapePlainPattern(expandTilde(text)));
-    }
-    return patterns;
-}
 
 bool search(const std::string& path, const std::string& pattern)
 {

@@ -1,25 +1,23 @@
 #include "scan/PatientScanner.h"
 
-#include "app/KorvaneVelgar.h"
-#include "app/StatusMenu.h"
 #include "engine/ClamdCtrl.h"
+#include "engine/ClamdSupervisor.h"
+#include "platform/DesktopNotifier.h"
 #include "platform/FileWriting.h"
 #include "platform/FolderWalk.h"
 #include "platform/Log.h"
 #include "platform/LongPath.h"
 #include "platform/PathText.h"
-#include "platform/Preferences.h"
 #include "queue/Dispatcher.h"
 #include "scan/ExclusionPatterns.h"
 #include "scan/Relocation.h"
 #include "scan/ScanAlerts.h"
+#include "scan/ScannerHost.h"
 #include "scan/TrashInfo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <QJsonArray>
 
 #include <cerrno>
 #include <cstdio>
@@ -86,28 +84,14 @@ std::string PatientScanner::myName() const
 
 std::string PatientScanner::listFilePath() const
 {
-    const std::optional<std::string> folder = korvaneVelgarController ? korvaneVelgarController->temporaryFolder()
-                                                                      : std::nullopt;
+    const std::optional<std::string> folder = host_ ? host_->temporaryFolder() : std::nullopt;
     return folder.value_or("/tmp/") + "KorvaneVelgarScanList_" + myName() + ".txt";
 }
 
 void PatientScanner::setMenuAndParams(const ScanParameters& parameters)
 {
-    Configuration updated;
-    updated.scanParams = parameters.arguments;
-    KorvaneVelgar& controller = *korvaneVelgarController;
-    updated.quarantineOrTrash = controller.getQuarantineOrTrash();
-    const std::optional<QJsonArray> records = controller.preferences().array("ExcludePatterns");
-    updated.excludePatterns = records ? buildExcludePatterns(*records) : std::vector<std::string>();
     std::lock_guard<std::mutex> guard(configMutex_);
-    // Outside quarantine mode the former quarantine folder is kept.
-    updated.quarantineLocation = configuration_.quarantineLocation;
-    if (updated.quarantineOrTrash == "Q") {
-        const std::string location = controller.getQuarantineLocation();
-        updated.quarantineLocation = location.size() >= 7 ? location.substr(7) : std::string();
-    }
-    updated.suppressInfoDialogs = controller.preferences().boolean("SuppressInfoDialogs");
-    configuration_ = std::move(updated);
+    configuration_ = Configuration{parameters.arguments, parameters.settings};
 }
 
 PatientScanner::Configuration PatientScanner::configuration() const
@@ -116,14 +100,10 @@ PatientScanner::Configuration PatientScanner::configuration() const
     return configuration_;
 }
 
-std::vector<std::string> PatientScanner::excludePatterns() const { return configuration().excludePatterns; }
-
-std::optional<std::string> PatientScanner::quarantineOrTrash() const { return configuration().quarantineOrTrash; }
-
 void PatientScanner::requestStop()
 {
     stopRequested_ = true;
-    Dispatcher& dispatcher = korvaneVelgarController->theDispatcher();
+    Dispatcher& dispatcher = host_->theDispatcher();
     dispatcher.scannerLock().lock();
     dispatcher.scannerLock().broadcast();
     dispatcher.scannerLock().unlock();
@@ -131,7 +111,7 @@ void PatientScanner::requestStop()
 
 void PatientScanner::mainLoop()
 {
-    Dispatcher& dispatcher = korvaneVelgarController->theDispatcher();
+    Dispatcher& dispatcher = host_->theDispatcher();
     while (!stopRequested_) {
         ConditionLock& scannerLock = dispatcher.scannerLock();
         scannerLock.lock();
@@ -206,8 +186,8 @@ void PatientScanner::takeConfigurationForRun()
 {
     runConfiguration_ = configuration();
     sawConnectionError_ = false;
-    if (korvaneVelgarController)
-        runGeneration_ = korvaneVelgarController->clamd().generation();
+    if (host_)
+        runGeneration_ = host_->clamd().generation();
 }
 
 void PatientScanner::getItemsToScan(Dispatcher& dispatcher)
@@ -226,9 +206,9 @@ void PatientScanner::getItemsToScan(Dispatcher& dispatcher)
 
 void PatientScanner::determineWhatToScan()
 {
-    const std::vector<std::string>& patterns = runConfiguration_.excludePatterns;
-    if (patterns.empty())
+    if (!runConfiguration_.settings || runConfiguration_.settings->exclusions.empty())
         return;
+    const std::vector<std::string>& patterns = runConfiguration_.settings->exclusions;
     for (size_t i = scanList_.size(); i-- > 0;) {
         for (const std::string& pattern : patterns) {
             if (!pattern.empty() && search(scanList_[i], pattern)) {
@@ -250,7 +230,7 @@ bool PatientScanner::writeListFile(const std::string& path, const std::string& t
 
 void PatientScanner::performScan()
 {
-    KorvaneVelgar& controller = *korvaneVelgarController;
+    ScannerHost& controller = *host_;
     controller.modifyScannerCountBy(1);
 
     std::vector<std::string> scanArguments;
@@ -356,16 +336,16 @@ void PatientScanner::performScan()
 
 void PatientScanner::alertEngineUnreachable()
 {
-    KorvaneVelgar& controller = *korvaneVelgarController;
+    ScannerHost& controller = *host_;
     nsLog("can't connect to clamd");
     const std::string message = controller.localizedString("CLAMDSCAN_ERROR");
     ScanAlerts* alerts = controller.scanAlerts();
-    const std::string quitTitle = controller.mainMenu() ? controller.mainMenu()->getQuitMenuName() : std::string();
+    const std::string quitTitle = controller.quitMenuName();
     if (!alerts || !alerts->showEngineUnreachableDialog(myName(), message, quitTitle)) {
         nsLog("Error loading nib for warning dialog!");
         return;
     }
-    controller.displayGrowlDialog(KorvaneVelgar::kError, message);
+    controller.displayGrowlDialog(kError, message);
 }
 
 void PatientScanner::dealWithOutput(std::string_view chunk)
@@ -400,7 +380,7 @@ void PatientScanner::handleLine(std::string_view line)
         raiseAlert(shown, *found, config);
     }
     if (const std::optional<MovedLine> moved = movedLine(line)) {
-        if (config.quarantineOrTrash == "T")
+        if (config.settings && config.settings->trashes())
             writeTrashInfo(*moved, std::time(nullptr));
     } else if (line.ends_with("'") && line.find(kMovedMarker) != std::string_view::npos) {
         // clamdscan moves only what it found; a move of anything else was
@@ -446,7 +426,7 @@ ClamdCtrl::FileVerdict PatientScanner::scanOpenFile(int fd, uint64_t* generation
 {
     // The daemon this run's clamdscan would talk to: while the user's own
     // stands in for the system's service, the stand-in.
-    ClamdSupervisor& clamd = korvaneVelgarController->clamd();
+    ClamdSupervisor& clamd = host_->clamd();
     const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
                                                                        : runConfiguration_.scanParams.front();
     const ClamdSupervisor::RunEngine engine = clamd.engineForRun(clamdscan);
@@ -487,7 +467,7 @@ void PatientScanner::recoverWithLine()
 {
     // Only a daemon of the user's own is restarted; the supervisor tells a
     // silent service or remote daemon once, in its own words.
-    if (!korvaneVelgarController->recoverFromCrashedClamd(runGeneration_))
+    if (!host_->recoverFromCrashedClamd(runGeneration_))
         return;
     relaunchedInRun_ = true;
     logLine("clamd appears to have died - attempting restart...");
@@ -504,7 +484,7 @@ std::string PatientScanner::moveDestination() const
 
 void PatientScanner::scanByDescriptor()
 {
-    KorvaneVelgar& controller = *korvaneVelgarController;
+    ScannerHost& controller = *host_;
     controller.modifyScannerCountBy(1);
     sawConnectionError_ = false;
     relaunchedInRun_ = false;
@@ -563,7 +543,8 @@ bool PatientScanner::scanOneByDescriptor(const std::string& path)
     handleLine(path + ": " + verdict.detail + " FOUND");
     verdictByDescriptor_ = false;
     const std::string folder = moveDestination();
-    if (!runConfiguration_.quarantineOrTrash || runConfiguration_.quarantineOrTrash->empty() || folder.empty())
+    const Settings* settings = runConfiguration_.settings.get();
+    if (!settings || settings->handling == Handling::LeaveAndWarn || folder.empty())
         return true;
     std::string why;
     if (const std::optional<std::string> moved = moveScannedFile(path, file.get(), folder, &why))
@@ -575,25 +556,30 @@ bool PatientScanner::scanOneByDescriptor(const std::string& path)
 
 void PatientScanner::raiseAlert(const std::string& line, const std::string& path, const Configuration& config)
 {
-    if (!config.quarantineOrTrash)
+    const Settings* settings = config.settings.get();
+    if (!settings)
         return;
     if (findings_ && !findings_->isNews(path))
         return;
-    KorvaneVelgar& controller = *korvaneVelgarController;
+    ScannerHost& controller = *host_;
     ScanAlerts* alerts = controller.scanAlerts();
-    const std::string& mode = *config.quarantineOrTrash;
-    if (mode == "Q") {
-        if (!config.suppressInfoDialogs && (!alerts || !alerts->showQuarantinedDialog(myName(), config.quarantineLocation)))
+    switch (settings->handling) {
+    case Handling::MoveToQuarantine:
+        if (!settings->suppressInfoDialogs &&
+            (!alerts || !alerts->showQuarantinedDialog(myName(), settings->quarantineFolder)))
             nsLog("Error loading Nib for document!");
-        controller.displayGrowlDialog(KorvaneVelgar::kQuarantined, line);
-    } else if (mode.empty()) {
+        controller.displayGrowlDialog(kQuarantined, line);
+        break;
+    case Handling::LeaveAndWarn:
         if (!alerts || !alerts->showWarningDialog(myName(), line, path)) {
             nsLog("Error loading Nib for document!");
             return;
         }
-        controller.displayGrowlDialog(KorvaneVelgar::kFound, line);
-    } else if (mode == "T") {
-        controller.displayGrowlDialog(KorvaneVelgar::kRemoved, displayText(path));
+        controller.displayGrowlDialog(kFound, line);
+        break;
+    case Handling::MoveToTrash:
+        controller.displayGrowlDialog(kRemoved, displayText(path));
+        break;
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "engine/ClamdCtrl.h"
 #include "platform/ChildProcess.h"
+#include "platform/Settings.h"
 #include "scan/ScanResults.h"
 #include "scan/TrashInfo.h"
 
@@ -18,15 +19,13 @@
 namespace kv {
 
 class Dispatcher;
-class KorvaneVelgar;
-class StatusMenu;
+class ScannerHost;
 
-// The scan argument list a start of watching builds: the status menu to
-// report to, then the clamdscan path followed by the options every run
-// starts with.
+// What a start of watching hands the scanners: the clamdscan path followed
+// by the options every run starts with, and the settings of that start.
 struct ScanParameters {
-    StatusMenu* menu = nullptr;
     std::vector<std::string> arguments;
+    std::shared_ptr<const Settings> settings;
 };
 
 // One scanning worker. The controller creates two, names them and runs each
@@ -54,11 +53,11 @@ public:
     void setMyName(std::string name);
     std::string myName() const;
 
-    // The controller the worker reports to; set before its thread starts.
-    void setController(KorvaneVelgar* controller) { korvaneVelgarController = controller; }
+    // The agent the worker reports to; set before its thread starts.
+    void setController(ScannerHost* host) { host_ = host; }
 
-    // Takes the argument list (without its menu), the handling mode, the
-    // exclusion records and the dialog switch. Main thread.
+    // Takes the argument list and the settings for the runs to come. Main
+    // thread.
     void setMenuAndParams(const ScanParameters& parameters);
 
     // The worker loop. Never returns in the agent; returns after
@@ -103,8 +102,7 @@ public:
 
     // Test access.
     std::vector<std::string>& scanList() { return scanList_; }
-    std::vector<std::string> excludePatterns() const;
-    std::optional<std::string> quarantineOrTrash() const;
+    std::shared_ptr<const Settings> settings() const { return configuration().settings; }
     pid_t runningClientPid() const { return clientPid_.load(); }
 
     // Called inside the guarded part of each scan run; tests make it throw to
@@ -114,10 +112,7 @@ public:
 private:
     struct Configuration {
         std::vector<std::string> scanParams;
-        std::vector<std::string> excludePatterns;
-        std::optional<std::string> quarantineOrTrash;  // unset until configured
-        std::string quarantineLocation;
-        bool suppressInfoDialogs = false;
+        std::shared_ptr<const Settings> settings;  // null until configured
     };
 
     Configuration configuration() const;
@@ -133,7 +128,7 @@ private:
     bool confirmedInfected(const std::string& path);
     ClamdCtrl::FileVerdict scanOpenFile(int fd, uint64_t* generation = nullptr);
 
-    KorvaneVelgar* korvaneVelgarController = nullptr;
+    ScannerHost* host_ = nullptr;
     std::vector<std::string> scanList_; // the current batch; worker thread only
 
     mutable std::mutex configMutex_;

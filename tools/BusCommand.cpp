@@ -1,5 +1,6 @@
 #include "tools/BusCommand.h"
 
+#include "platform/BusContract.h"
 #include "platform/DBusDistributedCenter.h"
 #include "platform/UniqueFd.h"
 #include "tools/CommandStatus.h"
@@ -18,11 +19,11 @@
 namespace kv {
 namespace {
 
-const char* const kAgentObject = "KorvaneVelgar";
-const char* const kAgentBusName = "com.korvane.KorvaneVelgar";
-const char* const kAgentPath = "/com/korvane/KorvaneVelgar";
-const char* const kAgentInterface = "com.korvane.KorvaneVelgar";
-const char* const kScriptKey = "restartWatchingViaAS";
+using bus::kAgentInterface;
+using bus::kAgentName;
+using bus::kAgentObject;
+using bus::kAgentPath;
+using bus::kScriptKey;
 constexpr int kCallTimeoutMs = 10000;
 
 int noSessionBus(const QDBusConnection& bus)
@@ -68,9 +69,9 @@ int BusCommand::run(const std::string& command, const std::vector<std::string>& 
     if (!arguments.empty())
         return reportBadInput(command + " takes no arguments");
     if (command == "restart")
-        return post("KorvaneVelgarShouldRestart", kAgentObject);
+        return post(bus::kShouldRestart, kAgentObject);
     if (command == "quit")
-        return post("KorvaneVelgarShouldQuit", kAgentObject);
+        return post(bus::kShouldQuit, kAgentObject);
     return listen();
 }
 
@@ -128,14 +129,14 @@ int BusCommand::script(const std::string& key)
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return noSessionBus(bus);
-    QDBusMessage get = QDBusMessage::createMethodCall(kAgentBusName, kAgentPath, "org.freedesktop.DBus.Properties", "Get");
+    QDBusMessage get = QDBusMessage::createMethodCall(kAgentName, kAgentPath, "org.freedesktop.DBus.Properties", "Get");
     get << QString::fromLatin1(kAgentInterface) << QString::fromStdString(key);
     const QDBusMessage reply = bus.call(get, QDBus::Block, kCallTimeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         const QString error = reply.errorName();
         if (error == QLatin1String("org.freedesktop.DBus.Error.ServiceUnknown") ||
             error == QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner"))
-            return reportFailure("Korvane Velgar is not running (nothing owns " + std::string(kAgentBusName) +
+            return reportFailure("Korvane Velgar is not running (nothing owns " + std::string(kAgentName) +
                                  " on the session bus)");
         return reportFailure("Korvane Velgar did not answer " + key + ": " + reply.errorMessage().toStdString());
     }

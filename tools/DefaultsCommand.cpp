@@ -10,8 +10,7 @@
 namespace kv {
 namespace {
 
-const char* const kAgentDomain = "com.korvane.KorvaneVelgar";
-const char* const kSuiteDomain = "com.korvane.Korvane";
+const char* const kSuiteDomain = kMainAppDomain;
 
 // Checks DOMAIN (and KEY) before anything is read or written.
 int checkDomainAndKey(const std::vector<std::string>& arguments, size_t count)

@@ -21,7 +21,7 @@
 namespace kv {
 namespace {
 
-const char* const kSuiteDomain = "com.korvane.Korvane";
+const char* const kSuiteDomain = kMainAppDomain;
 const char* const kDefaultUpdateLog = "~/Library/Logs/KorvaneVelgar-update.log";
 const char* const kDefaultWatchFolder = "~/Downloads";
 const char* const kAgentProgram = "korvane-velgar";

@@ -11,7 +11,7 @@ namespace kv {
 
 FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* delete_, QPushButton* ignore,
                          KorvaneVelgar& controller, Workspace& workspace)
-    : QObject(dialog), theDialog(dialog), deleteButton(delete_), foundPath_(std::move(foundPath)),
+    : QObject(dialog), theDialog(dialog), foundPath_(std::move(foundPath)), deleteButton(delete_),
       controller_(controller), workspace_(workspace)
 {
     for (QPushButton* button : {delete_, ignore}) {

@@ -137,7 +137,7 @@ TEST_F(Scanning, AbortKillsOnlyTheAgentsOwnClients)
     const std::string fake = home_ / "slowscan";
     kvtest::writeFile(fake, "#!/bin/sh\nexec sleep 60\n", 0755);
     start();
-    controller_->firstPatientScanner().setMenuAndParams(kv::ScanParameters{nullptr, {fake}});
+    controller_->firstPatientScanner().setMenuAndParams(kv::ScanParameters{{fake}, controller_->settings()});
     kvtest::writeFile(home_ / "bystander.sh", "#!/bin/sh\nexec sleep 60\n", 0755);
     std::optional<kv::ChildProcess> bystander =
         kv::ChildProcess::spawn({home_ / "bystander.sh"}, kv::ChildProcess::Output::Null);

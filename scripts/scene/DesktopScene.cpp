@@ -12,17 +12,14 @@
 //   quit
 //
 // The scanning engine is not needed: the scan is the controller's scanner
-// count, as a scanner raises it.
+// count, as a scanner raises it. Run by scripts/screenshots.sh.
 
 #include "app/KorvaneVelgar.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/FreedesktopNotifier.h"
 #include "platform/Paths.h"
-#include "platform/Preferences.h"
-#include "platform/StringTable.h"
-#include "ui/DesktopWorkspace.h"
+#include "ui/Agent.h"
 #include "ui/InfectionDialogs.h"
-#include "ui/MainInterface.h"
 #include "ui/Throbber.h"
 
 #include <QApplication>
@@ -76,34 +73,21 @@ int main(int argc, char* argv[])
     application.setQuitOnLastWindowClosed(false);
     application.setApplicationName("Korvane Velgar");
 
-    const std::string resources = kv::resourcesDirectory();
-    kv::StringTable strings;
-    strings.load(resources);
-    kv::JsonPreferences preferences(kv::KorvaneVelgar::kBundleIdentifier);
     GatedNotifier notifier;
-    kv::DesktopWorkspace workspace;
-    kv::MainInterface mainInterface(resources);
-    kv::Throbber::Environment environment;
-    environment.preferences = &preferences;
-    environment.workspace = &workspace;
-    environment.resourcesFolder = resources;
-    kv::Throbber mainMenu(mainInterface.root(), environment);
+    kv::Agent::Parts parts;
+    parts.notifier = &notifier;
+    parts.systemEvents = false;
+    parts.redirectToScanLog = false;
+    kv::Agent agent(parts);
+    kv::KorvaneVelgar& controller = agent.controller();
+    kv::Throbber& mainMenu = agent.menu();
+    kv::InfectionDialogs& dialogs = agent.dialogs();
     FirstFrame firstFrame;
     mainMenu.setObserver(&firstFrame);
-
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &preferences;
-    parts.notifier = &notifier;
-    parts.mainMenu = &mainMenu;
-    parts.workspace = &workspace;
-    parts.strings = &strings;
-    parts.redirectToScanLog = false;
-    kv::KorvaneVelgar controller(parts);
-    mainMenu.setKorvaneVelgarController(&controller);
-    kv::InfectionDialogs dialogs(resources, workspace);
-    dialogs.setKorvaneVelgarController(&controller);
-    // What the launch would have set up, without looking for an engine.
-    controller.applicationDidFinishLaunching();
+    // What the launch sets up for the desktop, without looking for an
+    // engine (whose absence the launch would report in a panel).
+    mainMenu.startIndicator(controller);
+    controller.prepareNotifications();
     notifier.open = true;
     mainMenu.clearMenu();
 
@@ -144,7 +128,7 @@ int main(int argc, char* argv[])
                 dialogs.showWarningDialog("firstPatientScanner", argument, argument.substr(0, argument.rfind(": ")));
                 answer(command);
             } else if (command == "notify") {
-                controller.displayGrowlDialog(kv::KorvaneVelgar::kFound, argument);
+                controller.displayGrowlDialog(kv::kFound, argument);
                 answer(command);
             } else if (command == "quit") {
                 application.quit();
@@ -152,7 +136,5 @@ int main(int argc, char* argv[])
         }
     });
 
-    const int status = application.exec();
-    mainMenu.stopIndicator();
-    return status;
+    return application.exec();
 }

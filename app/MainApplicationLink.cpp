@@ -1,0 +1,61 @@
+#include "app/MainApplicationLink.h"
+
+#include "platform/BusName.h"
+#include "platform/DistributedCenter.h"
+#include "platform/Workspace.h"
+
+#include <QDBusConnection>
+#include <QDBusServiceWatcher>
+#include <QTimer>
+
+#include <chrono>
+#include <memory>
+
+namespace kv {
+
+void MainApplicationLink::openApp()
+{
+    if (workspace_)
+        workspace_->launchApplication(kBundleIdentifier);
+}
+
+void MainApplicationLink::openPrefs(bool fromOpenPrefsButton)
+{
+    if (!workspace_ || !workspace_->launchApplication(kBundleIdentifier)) {
+        if (workspace_)
+            workspace_->beep();
+        if (fromOpenPrefsButton)
+            quit_();
+        return;
+    }
+
+    // The main application owns its bus name once it runs. Waiting for that
+    // in the event loop keeps the menu and the dialogs alive meanwhile; after
+    // the time limit the request goes out anyway, for a main application that
+    // is slow to start.
+    auto* waiter = new QObject(this);
+    auto finished = std::make_shared<bool>(false);
+    auto finish = [this, waiter, finished, fromOpenPrefsButton] {
+        if (*finished)
+            return;
+        *finished = true;
+        waiter->deleteLater();
+        if (center_)
+            center_->post(bus::kShouldOpenPrefs, bus::kAgentObject);
+        if (fromOpenPrefsButton)
+            quit_();
+    };
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        finish();
+        return;
+    }
+    auto* watcher = new QDBusServiceWatcher(kBundleIdentifier, bus, QDBusServiceWatcher::WatchForRegistration, waiter);
+    connect(watcher, &QDBusServiceWatcher::serviceRegistered, waiter, finish);
+    QTimer::singleShot(std::chrono::seconds(kOpenPrefsWaitSeconds), waiter, finish);
+    // Asked after the watcher exists, so a registration cannot fall between.
+    if (busNameHasOwner(bus, kBundleIdentifier))
+        finish();
+}
+
+} // namespace kv

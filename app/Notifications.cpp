@@ -1,0 +1,56 @@
+#include "app/Notifications.h"
+
+#include "platform/DesktopNotifier.h"
+#include "platform/StringTable.h"
+
+namespace kv {
+
+void Notifications::prepare()
+{
+    found_ = localizedString("FOUND");
+    removed_ = localizedString("REMOVED");
+    quarantined_ = localizedString("QUARANTINED");
+    updateSuccessful_ = localizedString("SUCCESSFUL");
+    alreadyUpToDate_ = localizedString("ALREADY_UP_TO_DATE");
+    unknownError_ = localizedString("UNKNOWN_ERROR");
+    prepared_ = true;
+}
+
+std::string Notifications::localizedString(const std::string& key) const
+{
+    return strings_ ? strings_->localizedString(key) : key;
+}
+
+bool Notifications::display(int kind, const std::string& description) const
+{
+    if (!prepared_ || !notifier_ || !notifier_->isRunning())
+        return false;
+    DesktopNotification notification;
+    notification.description = description;
+    notification.sticky = true;
+    switch (kind) {
+    case kFound: notification.name = notification.title = found_; break;
+    case kQuarantined: notification.name = notification.title = quarantined_; break;
+    case kRemoved: notification.name = notification.title = removed_; break;
+    case kUpdated:
+        notification.name = updateSuccessful_;
+        notification.title = "Korvane Velgar";
+        break;
+    case kUpToDate:
+        notification.name = alreadyUpToDate_;
+        notification.title = "Korvane Velgar";
+        break;
+    default:
+        notification.name = "Error";
+        notification.title = "Korvane Velgar";
+    }
+    return notifier_->notify(notification);
+}
+
+std::map<std::string, std::vector<std::string>> Notifications::registrationDictionary() const
+{
+    const std::vector<std::string> names = {found_, removed_, quarantined_, updateSuccessful_, alreadyUpToDate_, "Error"};
+    return {{"AllNotifications", names}, {"DefaultNotifications", names}};
+}
+
+} // namespace kv

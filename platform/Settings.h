@@ -1,0 +1,68 @@
+#pragma once
+
+#include <QJsonArray>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+class Preferences;
+
+// What the agent does with a file the engine finds infected.
+enum class Handling { LeaveAndWarn, MoveToTrash, MoveToQuarantine };
+
+struct WatchedFolder {
+    std::string path;         // "pathName" with a leading "~" expanded
+    bool subfolders = false;  // "WatchSubdirs"
+};
+
+// The configuration one load of the preferences makes. Immutable once made
+// and handed around as std::shared_ptr<const Settings>: a worker keeps the
+// snapshot its run began with while a restart loads the next.
+struct Settings {
+    // "VelgarFolderArray", every record in order, whether its path exists or not.
+    std::vector<WatchedFolder> watchedFolders;
+    // "VelgarQuarantineFiles" wins over "VelgarTrashFiles".
+    Handling handling = Handling::LeaveAndWarn;
+    // "QuarantineFolder" (or its "path" entry), "~" expanded; "" when unset.
+    // Files in it are never scanned, whatever the handling.
+    std::string quarantineFolder;
+    // The enabled "ExcludePatterns" records as extended regular expressions.
+    std::vector<std::string> exclusions;
+    bool suppressInfoDialogs = false;  // "SuppressInfoDialogs"
+    bool scanEmail = true;             // "ScanEmail"; missing reads as true
+
+    // The engine.
+    std::optional<std::string> clamPath;       // "PathToClamav": the ClamAV prefix
+    std::optional<std::string> updateLogPath;  // "PathToUpdateLog"
+    bool multiscan = false;                    // "multiscan" is the text "yes"
+    bool needsExit1FreshclamFlag = false;      // "NeedsExit1FreshclamFlag"
+    bool updateDefsAtLaunch = false;           // "UpdateDefsOnLaunch"
+
+    // One log line for each value that was there but could not be used.
+    std::vector<std::string> problems;
+
+    // Reads the preferences as they are now (the caller synchronises).
+    static std::shared_ptr<const Settings> load(const Preferences& prefs);
+
+    bool quarantines() const { return handling == Handling::MoveToQuarantine; }
+    bool trashes() const { return handling == Handling::MoveToTrash; }
+};
+
+// The user's exclusion records ("ExcludePatterns") as extended regular
+// expressions.
+//
+// A record is used only when "excludeEnabled" is true. A regular-expression
+// record ("excludeRegEx" true) is taken as it stands; a plain record has a
+// leading "~" expanded and its special characters escaped, so it matches
+// its text literally wherever it occurs.
+std::vector<std::string> buildExcludePatterns(const QJsonArray& records);
+
+// Escapes \ [ ^ $ . | ? * + ( ) with one backslash each, in that order of
+// passes. "]" and braces are left as they are.
+std::string escapePlainPattern(const std::string& text);
+
+} // namespace kv
