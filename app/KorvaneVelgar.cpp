@@ -167,7 +167,7 @@ void KorvaneVelgar::startWatcher(bool update)
     firstPatientScanner_.setMenuAndParams(scanParameters_);
     secondPatientScanner_.setMenuAndParams(scanParameters_);
     createMoveDestinations();
-    populateMenu();
+    populateMenu(*settings_);
     gfsLogger_.setWatchList(std::make_shared<const WatchList>(watchedFolderList, checkSubDirs, settings_->quarantineFolder));
     if (!gfsLogger_.isWatching())
         gfsLogger_.start(*this);
@@ -227,15 +227,14 @@ void KorvaneVelgar::stopWatcher()
     scanParameters_ = ScanParameters{};
 }
 
-void KorvaneVelgar::populateMenu()
+void KorvaneVelgar::populateMenu(const Settings& settings)
 {
     if (mainMenu_)
         mainMenu_->clearMenu();
     watchedFolderList.clear();
     checkSubDirs.clear();
 
-    const std::vector<WatchedFolder> none;
-    const std::vector<WatchedFolder>& folders = settings_ ? settings_->watchedFolders : none;
+    const std::vector<WatchedFolder>& folders = settings.watchedFolders;
     if (mainMenu_)
         mainMenu_->setNumItemsToWatch(static_cast<int>(folders.size()));
     for (const WatchedFolder& folder : folders) {

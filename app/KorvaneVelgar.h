@@ -121,8 +121,8 @@ public:
     void rotateLogFile();
 
     // Rebuilds watchedFolderList, checkSubDirs and the menu's folder entries
-    // from the preference "VelgarFolderArray".
-    void populateMenu();
+    // from the settings' watched folders ("VelgarFolderArray").
+    void populateMenu(const Settings& settings);
     // Lists the path when something exists there (a folder with exactly one
     // trailing "/"), records its subdirectory flag, and counts one more
     // record towards the menu's readiness in every case.

@@ -156,6 +156,7 @@ void FSEventWatcher::stopWatching()
     if (current_ && current_->isWatching.exchange(false)) {
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(current_->stopSignal.get(), &one, sizeof one);
+        changed_.notify_all();  // a walk waiting for its next turn ends
     }
     const pid_t helper = scanCheckTask_;
     if (helper < 0)
@@ -417,6 +418,7 @@ void FSEventWatcher::scanFolderWhole(const std::string& folder)
             return;
         foldersToWalk_.push_back(folder);
     }
+    changed_.notify_all();  // a walk waiting for its next turn takes it at once
     startWalking();
 }
 
@@ -481,7 +483,10 @@ void FSEventWatcher::walkFolders()
             }
         }
         if (roots.empty()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            // An overflow walk waits for its turn; a folder that arrives
+            // meanwhile, or a stop, ends the wait.
+            std::unique_lock<std::mutex> held(mutex_);
+            changed_.wait_until(held, nextWholeWalk, [&] { return !foldersToWalk_.empty() || !goesOn(); });
             continue;
         }
         // The list of the moment: a restart while walking hands over a new one.

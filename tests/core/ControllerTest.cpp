@@ -69,12 +69,13 @@ TEST_F(Controller, SwitchesAndPathsOfALoad)
     EXPECT_EQ(controller->clamScanPATH(), engine_->path() + "/bin/clamdscan");
     EXPECT_EQ(controller->freshclamPATH(), engine_->path() + "/bin/freshclam");
     EXPECT_EQ(controller->freshclamLogLocation(), "--log=" + (home_ / "update.log"));
+    EXPECT_TRUE(controller->updateDefsAtLaunch());
 
-    // Flags are only ever set by a load, never cleared.
+    // The updater's exit-1 flag is only ever set by a load, never cleared.
     preferences_.own = {};
     ASSERT_TRUE(controller->readPrefs());
     EXPECT_TRUE(controller->needsExit1FreshclamFlag());
-    EXPECT_TRUE(controller->updateDefsAtLaunch());
+    EXPECT_FALSE(controller->updateDefsAtLaunch());
 
     // The running daemon is the one found: its socket is the one in use.
     EXPECT_EQ(controller->clamd().clamdSocket(), engine_->socket());

@@ -76,7 +76,7 @@ TEST(WatchedFolderList, IsBuiltFromThePreference)
         parts.redirectToScanLog = false;
         kv::KorvaneVelgar controller(parts);
 
-        controller.populateMenu();
+        controller.populateMenu(*kv::Settings::load(preferences));
 
         std::vector<std::string> list;
         for (const std::string& entry : c.list)

@@ -46,38 +46,24 @@ bool RecordingWorkspace::launchApplication(const std::string& bundleIdentifier)
     return launches;
 }
 
-DesktopAgent::DesktopAgent(Options options) : interface(resourcesFolder())
+DesktopAgent::DesktopAgent(Options options)
 {
-    strings.load(resourcesFolder());
     if (options.showDockIcon)
         preferences.own.insert("ShowDockIcon", QString::fromStdString(*options.showDockIcon));
-
-    kv::Throbber::Environment environment;
-    environment.preferences = &preferences;
-    environment.workspace = &workspace;
-    environment.clock = options.clock;
-    environment.resourcesFolder = resourcesFolder();
-    environment.homeDirectory = home.path();
-    menu = std::make_unique<kv::Throbber>(interface.root(), environment);
-
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &preferences;
+    kv::Agent::Parts parts;
+    parts.preferences = &preferences;
     parts.distributedCenter = &center;
     parts.notifier = options.notifier;
-    parts.mainMenu = menu.get();
     parts.workspace = &workspace;
-    parts.strings = &strings;
+    parts.clock = options.clock;
+    parts.resourcesFolder = resourcesFolder();
     parts.homeDirectory = home.path();
-    parts.exitProcess = [this](int status) { exitStatuses.push_back(status); };
+    parts.systemEvents = false;
     parts.redirectToScanLog = false;
-    controller = std::make_unique<kv::KorvaneVelgar>(parts);
-    menu->setKorvaneVelgarController(controller.get());
-}
-
-DesktopAgent::~DesktopAgent()
-{
-    // The indicator thread uses the controller: it ends first.
-    menu->stopIndicator();
+    parts.exitProcess = [this](int status) { exitStatuses.push_back(status); };
+    agent = std::make_unique<kv::Agent>(parts);
+    menu = &agent->menu();
+    controller = &agent->controller();
 }
 
 } // namespace kvtest

@@ -5,9 +5,9 @@
 
 #include "app/KorvaneVelgar.h"
 #include "platform/ChildProcess.h"
-#include "platform/StringTable.h"
 #include "tests/support/TestSupport.h"
 #include "ui/DesktopWorkspace.h"
+#include "ui/Agent.h"
 #include "ui/MainInterface.h"
 #include "ui/MyMenuItem.h"
 #include "ui/Throbber.h"
@@ -53,8 +53,8 @@ public:
     int beeps = 0;
 };
 
-// The main interface file, the status menu and the controller, wired as in
-// main(). The controller's exit is recorded, not carried out.
+// The agent as main() makes it (kv::Agent), with recording parts and a
+// temporary home. The controller's exit is recorded, not carried out.
 class DesktopAgent {
 public:
     struct Options {
@@ -64,24 +64,22 @@ public:
     };
     explicit DesktopAgent(Options options);
     DesktopAgent() : DesktopAgent(Options{}) {}
-    ~DesktopAgent();
 
     // An item of the interface file by name.
     template <typename T = kv::MyMenuItem>
     T* find(const char* name) const
     {
-        return interface.root()->findChild<T*>(name);
+        return agent->mainInterface().root()->findChild<T*>(name);
     }
 
     TempDir home;
     FakePreferences preferences;
     RecordingCenter center;
     RecordingWorkspace workspace;
-    kv::StringTable strings;
-    kv::MainInterface interface;
-    std::unique_ptr<kv::Throbber> menu;
-    std::unique_ptr<kv::KorvaneVelgar> controller;
     std::vector<int> exitStatuses;
+    std::unique_ptr<kv::Agent> agent;
+    kv::Throbber* menu = nullptr;
+    kv::KorvaneVelgar* controller = nullptr;
 };
 
 } // namespace kvtest

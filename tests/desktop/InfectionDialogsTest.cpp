@@ -30,7 +30,7 @@ protected:
 
     void SetUp() override
     {
-        dialogs_.setKorvaneVelgarController(agent_.controller.get());
+        dialogs_.setKorvaneVelgarController(agent_.controller);
         // The last one's name holds a colon: the path ends at the line's last.
         for (const char* name : {"invoice.pdf.exe", "setup.com", "notes:2024.doc"}) {
             files_.push_back(data_ / ("Downloads/" + std::string(name)));
@@ -123,7 +123,7 @@ TEST(QuarantineDialogs, OlderDialogsControlHidesTheOwnersNewestAndOpensTheFolder
 {
     kvtest::DesktopAgent agent;
     kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
-    dialogs.setKorvaneVelgarController(agent.controller.get());
+    dialogs.setKorvaneVelgarController(agent.controller);
     const std::string quarantine = agent.home / "Quarantine";
     ASSERT_TRUE(dialogs.showQuarantinedDialog("secondPatientScanner", quarantine));
     QPointer<QDialog> older = dialogs.outletsOf("secondPatientScanner").theDialog;
@@ -145,7 +145,7 @@ TEST(QuarantineDialogs, EngineUnreachableDialogSaysSoAndItsButtonQuits)
 {
     kvtest::DesktopAgent agent;
     kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
-    dialogs.setKorvaneVelgarController(agent.controller.get());
+    dialogs.setKorvaneVelgarController(agent.controller);
     ASSERT_TRUE(dialogs.showEngineUnreachableDialog("firstPatientScanner", "The engine is gone.", "Quit Now"));
     const kv::InfectionDialogs::Outlets outlets = dialogs.outletsOf("firstPatientScanner");
     EXPECT_EQ(outlets.theMessage->text(), "The engine is gone.");
@@ -160,9 +160,9 @@ TEST(InfectionDialogs, ScannerThreadGetsItsDialogOrFalseWhenTheFileIsMissing)
     kvtest::DesktopAgent agent;
     kvtest::TempDir empty;
     kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
-    dialogs.setKorvaneVelgarController(agent.controller.get());
+    dialogs.setKorvaneVelgarController(agent.controller);
     kv::InfectionDialogs missing(empty.path(), agent.workspace);
-    missing.setKorvaneVelgarController(agent.controller.get());
+    missing.setKorvaneVelgarController(agent.controller);
 
     // The dialogs are made on the main thread, which keeps its event loop
     // running while the scanner waits.
