@@ -4,7 +4,8 @@
 # their infected files found by the service, which reads the files of the
 # 0700 homes through the descriptors clamdscan passes it. Neither agent
 # stops, relaunches or replaces the service, and neither user's log names
-# the other's files.
+# the other's files. (The stand-in of a user's own for a silent service is
+# the SystemServiceEngine tests', with the same daemons.)
 #
 # The service is /usr/sbin/clamd as Debian's unit runs it: started by root
 # with --foreground=true, reading /etc/clamav/clamd.conf, switching to the
@@ -126,47 +127,4 @@ done
 answers || fail "the service ($service_pid) no longer answers PING after the agents quit: $(ping_service 2>&1)"
 only_the_service || fail "clamd processes other than the service's ($service_pid) run: $(clamd_processes)"
 
-echo "== The service stopped while both agents watch: each user's own clamd stands in, then steps back"
-for account in "$first" "$second"; do use_account "$account"; start_agent; done
-kill -TERM "$service_pid"
-status=0
-wait "$service_pid" || status=$?
-[ $status -eq 0 ] || fail "the service ended with status $status"
-for account in "$first" "$second"; do
-  use_account "$account"
-  write_eicar "$watched/while-stopped.com"
-  expect_logged 120 "The system's clamd service does not answer at $socket; your own clamd stands in until it answers again" \
-    "the agent of $account did not say that its own clamd stands in for the service"
-  expect_logged 120 "$watched/while-stopped.com$finding" "the file $account wrote while the service was stopped was not found"
-done
-# Each stand-in is its user's own daemon, launched from that user's prefix.
-while read -r pid uid arguments; do
-  case " $uid " in
-    " ${account_uid[$first]} " | " ${account_uid[$second]} ") ;;
-    *) fail "a clamd of uid $uid runs while the service is stopped: $arguments" ;;
-  esac
-  [[ $arguments == */standin/* ]] || fail "a clamd that is no stand-in runs while the service is stopped: $arguments"
-done < <(clamd_processes)
-[ "$(clamd_processes | wc -l)" -eq 2 ] || fail "not one stand-in for each user: $(clamd_processes)"
-
-/usr/sbin/clamd --foreground=true >>"$work/service.out" 2>&1 &
-service_pid=$!
-wait_for 60 answers || fail "the service did not start again"
-# The agents look at the service again before a scan, at most every few
-# seconds: new files until both have gone back to it.
-back_to_service() {
-  files=$((files + 1))
-  write_eicar "$watched/after-service-restart-$files.com"
-  wait_for 2 logged "The system's clamd service answers again at $socket"
-}
-files=0
-for account in "$first" "$second"; do
-  use_account "$account"
-  wait_for 120 back_to_service || fail "the agent of $account did not go back to the service"
-  expect_logged 60 "$watched/after-service-restart-$files.com$finding" "the agent of $account finds nothing once the service is back"
-done
-wait_for 30 only_the_service || fail "the stand-ins outlived the service's return: $(clamd_processes)"
-for account in "$first" "$second"; do use_account "$account"; quit_agent; done
-answers || fail "the service ($service_pid) no longer answers PING after the agents quit"
-only_the_service || fail "clamd processes other than the service's ($service_pid) run: $(clamd_processes)"
 echo "all service checks passed"
