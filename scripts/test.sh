@@ -32,6 +32,21 @@ esac
 # Prints how long the stage that began at $1 (a value of $SECONDS) took.
 took() { echo "-- $2 took $((SECONDS - $1)) s"; }
 
+# checked_ctest COMMAND...: runs a ctest command line and fails when a test
+# failed, or was skipped or not run: a test that did not run proved nothing,
+# so in CI it counts as a failure.
+checked_ctest() {
+  local output status=0
+  output=$(mktemp)
+  "$@" | tee "$output" || status=$?
+  if grep -qE '^The following tests did not run:|\*\*\*(Not Run|Skipped)' "$output"; then
+    echo "FAIL: some tests were skipped or did not run (above)"
+    status=1
+  fi
+  rm -f "$output"
+  return "$status"
+}
+
 scripts/deps.sh
 
 if [ "$plain" -eq 1 ]; then
@@ -45,7 +60,7 @@ if [ "$plain" -eq 1 ]; then
   # Tests start their own clamd, D-Bus buses and helpers; they run one at a
   # time because each looks at the machine's process list for clamd.
   start=$SECONDS
-  ctest --test-dir build --output-on-failure --timeout 600
+  checked_ctest ctest --test-dir build --output-on-failure --timeout 600
   took $start "the suite"
 
   echo "== Debian package"
@@ -125,7 +140,7 @@ sanitize() {
       setarch "$(uname -m)" -R)
   fi
   start=$SECONDS
-  "${run[@]}" ctest --test-dir "$dir" --output-on-failure --timeout 900 -E '^packaging\.' || status=$?
+  checked_ctest "${run[@]}" ctest --test-dir "$dir" --output-on-failure --timeout 900 -E '^packaging\.' || status=$?
   took $start "the $kind suite"
 
   rm -rf "$reports"
@@ -153,3 +168,4 @@ for kind in "${sanitizers[@]}"; do
   esac
 done
 echo "== All tests passed"
+scripts/code-ratio.sh

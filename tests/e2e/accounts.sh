@@ -5,7 +5,9 @@
 # account a session of its own: runtime folder, session bus, preferences
 # written by velgarctl as the user, and the agent run as the user.
 #
-# Sourced after lib.sh.
+# Sourced after lib.sh. After use_account ACCOUNT, lib.sh's helpers act as
+# that account: they write its files, run its velgarctl and its agent, and
+# read its scan log.
 
 # A set-user-ID program must never let its environment steer it, and a
 # sanitizer's runtime reads its options, log file among them, from there.
@@ -16,6 +18,7 @@ fi
 
 declare -a accounts=()
 declare -A account_home=() account_uid=() account_agent=()
+current_account=
 
 # Root's own, readable by all: the installed resources and what the tests
 # share with the accounts.
@@ -49,6 +52,7 @@ make_account() {
   account_uid[$name]=$(id -u "$name")
   account_home[$name]=$(getent passwd "$name" | cut -d: -f6)
   chmod 700 "${account_home[$name]}"
+  shown_files+=("${account_home[$name]}/Library/Logs/KorvaneVelgar-scan.log" "$work/agent-$name.out")
   printf -v "$1" %s "$name"
 }
 
@@ -71,9 +75,18 @@ as_user() {
   "${account_words[@]}"
 }
 
-# write_as ACCOUNT FILE TEXT: the account writes a file.
-write_as() { as_user "$1" sh -c 'printf %s "$2" >"$1"' sh "$2" "$3" || fail "$1 could not write $2"; }
-eicar_as() { write_as "$1" "$2" "$eicar${3:-}"; }
+# use_account ACCOUNT: lib.sh's helpers act as the account, on its watched
+# folder, its log and its agent, until the next use_account.
+use_account() {
+  [ -z "$current_account" ] || account_agent[$current_account]=$agent_pid
+  current_account=$1
+  account_command "$1"
+  runner=("${account_words[@]}")
+  log=${account_home[$1]}/Library/Logs/KorvaneVelgar-scan.log
+  watched=${account_home[$1]}/watched
+  agent_out=$work/agent-$1.out
+  agent_pid=${account_agent[$1]:-}
+}
 
 # The agent's resources as an installation has them: owned by root in
 # folders only root may change, gfslogger set-user-ID root, so the agent
@@ -97,84 +110,4 @@ start_session() {
   as_user "$1" mkdir -m 700 "$home/.run" "$home/watched" || fail "$1 could not make its folders"
   as_user "$1" dbus-daemon --session --address="unix:path=$home/.run/bus" --fork --print-pid=1 >/dev/null ||
     fail "no session bus for $1"
-}
-
-account_log() { echo "${account_home[$1]}/Library/Logs/KorvaneVelgar-scan.log"; }
-logged_for() { grep -qF -- "$2" "$(account_log "$1")" 2>/dev/null; }
-log_count_for() {
-  local count
-  count=$(grep -cF -- "$2" "$(account_log "$1")" 2>/dev/null)
-  echo "${count:-0}"
-}
-expect_logged_for() {  # expect_logged_for ACCOUNT SECONDS TEXT [WHAT]
-  wait_for "$2" logged_for "$1" "$3" || fail "${4:-the log of $1 does not say \"$3\"}"
-}
-
-# Every account's log and agent output, and what the script's own
-# failure_notes function prints when it has one, then the end of the test.
-fail() {
-  local account
-  echo "FAIL: $*"
-  ! declare -F failure_notes >/dev/null || failure_notes
-  for account in "${accounts[@]}"; do
-    echo "--- scan log of $account (last 40 lines):"
-    tail -n 40 "$(account_log "$account")" 2>/dev/null || true
-    echo "--- agent output of $account:"
-    tail -n 20 "$work/agent-$account.out" 2>/dev/null || true
-  done
-  exit 1
-}
-
-# start_agent_as ACCOUNT: the account's agent, waited for until it watches.
-start_agent_as() {
-  local account=$1 starts
-  starts=$(log_count_for "$account" "Watching started")
-  account_command "$account" "$agent_bin"
-  "${account_words[@]}" >>"$work/agent-$account.out" 2>&1 &
-  account_agent[$account]=$!
-  started() { [ "$(log_count_for "$account" "Watching started")" -gt "$starts" ]; }
-  wait_for 60 started || fail "the agent of $account did not start watching"
-  wait_until_watching_as "$account"
-}
-
-# Writes a probe file as the account every two seconds until the account's
-# agent logs its result: gfslogger may still be marking the file systems
-# when "Watching started" is logged.
-wait_until_watching_as() {
-  probes=$((probes + 1))
-  local probe=${account_home[$1]}/watched/.watching-probe-$probes
-  local deadline=$((SECONDS + 90)) next=0
-  until logged_for "$1" "$probe: OK"; do
-    [ $SECONDS -lt $deadline ] || fail "the agent of $1 did not scan a probe file within 90 s"
-    if [ $SECONDS -ge $next ]; then
-      write_as "$1" "$probe" "probe $probes"
-      next=$((SECONDS + 2))
-    fi
-    sleep 0.05
-  done
-  rm -f "$probe"
-}
-
-# quit_agent_as ACCOUNT: velgarctl quit as the account; the agent must end
-# with status 0.
-quit_agent_as() {
-  local pid=${account_agent[$1]} status=0
-  as_user "$1" "$ctl" quit >/dev/null || fail "velgarctl quit failed for $1"
-  wait_for 30 bash -c "! kill -0 $pid 2>/dev/null" || fail "the agent of $1 did not quit"
-  wait "$pid" || status=$?
-  account_agent[$1]=
-  [ $status -eq 0 ] || fail "the agent of $1 exited with status $status"
-}
-
-# The live clamd processes of the namespace, one a line: pid, real user id,
-# then the arguments, NUL bytes turned into blanks.
-clamd_processes() {
-  local status pid
-  for status in /proc/[0-9]*/status; do
-    pid=${status#/proc/}
-    pid=${pid%/status}
-    grep -q '^State:.*Z' "$status" 2>/dev/null && continue
-    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = /usr/sbin/clamd ] || continue
-    echo "$pid $(awk '/^Uid:/ {print $2}' "$status") $(tr '\0' ' ' <"/proc/$pid/cmdline" | sed 's/ $//')"
-  done
 }

@@ -95,7 +95,7 @@ echo "== Each infected file is quarantined, each clean one stays"
 moved_count() { find "$quarantine" -type f -printf x | wc -c; }
 all_moved() { [ "$(moved_count)" -ge "${#infected[@]}" ]; }
 wait_for 120 all_moved || fail "$(moved_count) of ${#infected[@]} infected files reached the quarantine folder"
-sleep 2
+settle
 [ "$(moved_count)" -eq "${#infected[@]}" ] || fail "$(moved_count) files in the quarantine folder, ${#infected[@]} planted: $(ls -b "$quarantine" | tr "\n" " ")"
 for path in "${infected[@]}"; do
   if [ ${#path} -lt 4000 ]; then

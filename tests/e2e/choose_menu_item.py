@@ -1,20 +1,19 @@
 #!/usr/bin/env python3
-"""Opens an application's menu with a click and chooses items of it by their
-titles, as a user would: each item is found through the accessibility bus
-(AT-SPI) by its title, waited for until it is shown and enabled, and clicked
-in its middle with the pointer (xdotool). Each title but the last names an
-item whose submenu holds the next one.
-
-    choose_menu_item.py APPLICATION X Y TITLE [TITLE...]
-
-X and Y are where to click to open the menu (a tray icon, say). Exits 0 once
-the last item was clicked, 1 with a message when an item was not found, or
-not enabled, within the time limit (KV_MENU_WAIT seconds, default 20).
-
-A menu that pops up is a window of its own that toolkits leave out of the
-application's tree of objects, and announce instead: the menus are taken
-from those announcements.
-"""
+# Opens an application's menu with a click and chooses items of it by their
+# titles, as a user would: each item is found through the accessibility bus
+# (AT-SPI) by its title, waited for until it is shown and enabled, and clicked
+# in its middle with the pointer (xdotool). Each title but the last names an
+# item whose submenu holds the next one.
+#
+#     choose_menu_item.py APPLICATION X Y TITLE [TITLE...]
+#
+# X and Y are where to click to open the menu (a tray icon, say). Exits 0 once
+# the last item was clicked, 1 with a message when an item was not found, or
+# not enabled, within the time limit (KV_MENU_WAIT seconds, default 20).
+#
+# A menu that pops up is a window of its own that toolkits leave out of the
+# application's tree of objects, and announce instead: the menus are taken
+# from those announcements.
 import os
 import subprocess
 import sys
@@ -65,10 +64,10 @@ class Chooser:
             except Exception:
                 return
 
+    # Menus of the application shown now, found in its accessible tree: for
+    # when a menu opened without announcing itself (a slow build can register
+    # with the accessibility bus after its menu first shows).
     def showing_menus(self):
-        """Menus of the application shown now, found in its accessible tree:
-        for when a menu opened without announcing itself (a slow build can
-        register with the accessibility bus after its menu first shows)."""
         found = []
 
         def walk(node, depth):
@@ -93,8 +92,8 @@ class Chooser:
             pass
         return found
 
+    # The shown item of that title in a menu seen so far, newest first.
     def find(self, title):
-        """The shown item of that title in a menu seen so far, newest first."""
         for menu in reversed(self.menus):
             try:
                 for item in menu:
@@ -106,8 +105,8 @@ class Chooser:
                 continue
         return None, False
 
+    # Runs from the main loop: chooses the next item once it can.
     def step(self):
-        """Runs from the main loop: chooses the next item once it can."""
         title = self.titles[0]
         item, enabled = self.find(title)
         if not item and time.monotonic() - self.searched > 1:
@@ -154,7 +153,7 @@ def click(item):
 
 def main():
     if len(sys.argv) < 5:
-        sys.exit(__doc__)
+        sys.exit("usage: choose_menu_item.py APPLICATION X Y TITLE [TITLE...]")
     name, x, y, titles = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
     chooser = Chooser(name, titles, float(os.environ.get("KV_MENU_WAIT", "20")))
     pyatspi.Registry.registerEventListener(

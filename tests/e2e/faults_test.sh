@@ -37,15 +37,8 @@ wait $flooder
 echo "written after the crash" >"$watched/after-crash.txt"
 expect_logged 300 "clamd appears to have died - attempting restart..." "the dead daemon was not noticed"
 # Both scanners may meet the dead daemon and start one each; one of them
-# wins the socket. Any live clamd of the prefix other than the killed one.
-new_daemon() {
-  local pid
-  for pid in $(pgrep -f "^$prefix/sbin/clamd -c"); do
-    [ "$pid" != "$first_daemon" ] && ! grep -q '^State:.*Z' "/proc/$pid/status" 2>/dev/null && return 0
-  done
-  return 1
-}
-wait_for 60 new_daemon || fail "clamd was not started again"
+# wins the socket. Any live clamd other than the killed one.
+wait_for 60 clamd_besides "$first_daemon" || fail "clamd was not started again"
 still_finds after-clamd-crash
 
 echo "== gfslogger killed"
@@ -108,7 +101,7 @@ umount "$logs"
 
 echo "== No session bus, no system bus, no display"
 rm -f "$log"
-env -u DBUS_SESSION_BUS_ADDRESS -u QT_QPA_PLATFORM "$agent_bin" >>"$work/agent.out" 2>&1 &
+env -u DBUS_SESSION_BUS_ADDRESS -u QT_QPA_PLATFORM "$agent_bin" >>"$agent_out" 2>&1 &
 agent_pid=$!
 expect_logged 60 "Watching started"
 wait_until_watching

@@ -33,6 +33,10 @@ bus_pid=
 declare -a background_pids=()
 # Functions a script adds to run at its end, before the scratch folder goes.
 declare -a cleanup_steps=()
+# What runs a program as the account under test (accounts.sh sets it); empty
+# for the test's own user. The helpers below write files, run velgarctl and
+# start the agent through it.
+declare -a runner=()
 
 e2e_cleanup() {
   local status=$?
@@ -60,20 +64,26 @@ unset DISPLAY WAYLAND_DISPLAY
 mkdir -p "$HOME/watched" "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
 log=$HOME/Library/Logs/KorvaneVelgar-scan.log
 watched=$HOME/watched
+agent_out=$work/agent.out
+# Shown when the test fails; accounts.sh adds each account's.
+declare -a shown_files=("$log" "$agent_out")
 
 start_session_bus() {
   read -r DBUS_SESSION_BUS_ADDRESS bus_pid < <(dbus-daemon --session --fork --print-address=1 --print-pid=1 | paste -sd' ')
   export DBUS_SESSION_BUS_ADDRESS
 }
 
-# Ends the test. KV_E2E_KEEP=FILE keeps a copy of the whole scan log.
+# Ends the test, with the ends of the logs and what the script's own
+# failure_notes function prints when it has one.
 fail() {
-  [ -z "${KV_E2E_KEEP:-}" ] || cp "$log" "$KV_E2E_KEEP" 2>/dev/null
+  local file
   echo "FAIL: $*"
-  echo "--- scan log (last 60 lines):"
-  tail -n 60 "$log" 2>/dev/null || true
-  echo "--- agent output:"
-  tail -n 30 "$work/agent.out" 2>/dev/null || true
+  ! declare -F failure_notes >/dev/null || failure_notes
+  for file in "${shown_files[@]}"; do
+    [ -e "$file" ] || continue
+    echo "--- $file (last 50 lines):"
+    tail -n 50 "$file"
+  done
   exit 1
 }
 
@@ -100,7 +110,9 @@ expect_logged() {  # expect_logged SECONDS TEXT [WHAT]
 
 eicar='X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*'
 finding=": Eicar-Test-Signature.UNOFFICIAL FOUND"
-write_eicar() { printf '%s%s' "$eicar" "${2:-}" >"$1"; }
+# write_file PATH TEXT, as the account under test.
+write_file() { "${runner[@]}" sh -c 'printf %s "$2" >"$1"' sh "$1" "$2" || fail "could not write $1"; }
+write_eicar() { write_file "$1" "$eicar${2:-}"; }
 
 # An engine prefix like the one velgarctl setup makes, with the test
 # signatures; its clamd is launched by the agent.
@@ -118,9 +130,25 @@ daemon_alive() {
   local pid
   pid=$(daemon_pid) && [ -n "$pid" ] && [ -d "/proc/$pid" ] && ! grep -q '^State:.*Z' "/proc/$pid/status"
 }
+daemon_gone() { ! daemon_alive; }
+
+# The live clamd processes of the namespace, one a line: pid, real user id,
+# then the arguments, NUL bytes turned into blanks.
+clamd_processes() {
+  local status pid
+  for status in /proc/[0-9]*/status; do
+    pid=${status#/proc/}
+    pid=${pid%/status}
+    grep -q '^State:.*Z' "$status" 2>/dev/null && continue
+    [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = /usr/sbin/clamd ] || continue
+    echo "$pid $(awk '/^Uid:/ {print $2}' "$status") $(tr '\0' ' ' <"/proc/$pid/cmdline" | sed 's/ $//')"
+  done
+}
+# clamd_besides PID: a live clamd other than that one runs.
+clamd_besides() { clamd_processes | awk -v old="$1" '$1 != old {found = 1} END {exit !found}'; }
 
 # Preferences of the main application, as the user's settings write them.
-pref() { "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
+pref() { "${runner[@]}" "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
 watch_folders() {  # watch_folders DIR... (with subfolders)
   local json="" dir
   for dir in "$@"; do json+="${json:+,}{\"pathName\": \"$dir\", \"WatchSubdirs\": true}"; done
@@ -140,7 +168,7 @@ start_agent() {
   local until=${1:-Watching started}
   local starts
   starts=$(log_count "$until")
-  "$agent_bin" >>"$work/agent.out" 2>&1 &
+  "${runner[@]}" "$agent_bin" >>"$agent_out" 2>&1 &
   agent_pid=$!
   started() { [ "$(log_count "$until")" -gt "$starts" ]; }
   wait_for 60 started || fail "the agent did not log \"$until\""
@@ -158,7 +186,7 @@ wait_until_watching() {  # wait_until_watching [FILE]
   until grep -qF -- "$probe: OK" "$results" 2>/dev/null; do
     [ $SECONDS -lt $deadline ] || fail "the agent did not scan a probe file within 90 s"
     if [ $SECONDS -ge $next ]; then
-      echo "probe $probes" >"$probe"
+      write_file "$probe" "probe $probes"
       next=$((SECONDS + 2))
     fi
     sleep 0.05
@@ -173,7 +201,7 @@ expect_alive() { agent_alive || fail "the agent died: $*"; }
 restart_agent() {
   local starts
   starts=$(log_count "Watching started")
-  "$ctl" restart >/dev/null || fail "velgarctl restart failed"
+  "${runner[@]}" "$ctl" restart >/dev/null || fail "velgarctl restart failed"
   restarted() { [ "$(log_count "Watching started")" -gt "$starts" ]; }
   wait_for 60 restarted || fail "no new start of watching after a restart"
   wait_until_watching
@@ -181,10 +209,19 @@ restart_agent() {
 
 # Quits through velgarctl; the agent must end with status 0.
 quit_agent() {
-  "$ctl" quit >/dev/null || fail "velgarctl quit failed"
+  "${runner[@]}" "$ctl" quit >/dev/null || fail "velgarctl quit failed"
   local status=0
   wait_for 30 bash -c "! kill -0 $agent_pid 2>/dev/null" || fail "the agent did not quit"
   wait "$agent_pid" || status=$?
   agent_pid=
   [ $status -eq 0 ] || fail "the agent exited with status $status"
+}
+
+# Waits until every file written so far has been through the queue: a probe
+# written now is scanned, and no scan of an earlier batch still runs. A file
+# that must not be scanned (yet) would have been by then.
+no_scan_running() { ! pgrep -P "$agent_pid" -x clamdscan >/dev/null; }
+settle() {
+  wait_until_watching
+  wait_for 60 no_scan_running || fail "a scan did not end"
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Awkward file names, very long paths, links and files that vanish, through
-# the running agent.
+# the running agent, in warn mode. (A line break, bytes that are not UTF-8
+# and names of 255 bytes, in quarantine mode: e2e.arrivals.)
 #
 #   names_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
@@ -17,26 +18,15 @@ for name in "${odd_names[@]}"; do write_eicar "$watched/$name"; done
 # The log shows a tab as \t.
 for name in "${odd_names[@]}"; do expect_logged 60 "$watched/${name//$'\t'/\\t}$finding" "no finding for \"$name\""; done
 
-echo "== A line break and bytes that are not UTF-8 are scanned, and hide nothing beside them"
-write_eicar "$watched/"$'line\nbreak.com'
-write_eicar "$watched/"$'latin1-\xe9t\xe9.com'
-write_eicar "$watched/beside-them.com"
-expect_logged 60 "$watched/line\\nbreak.com$finding"
-expect_logged 60 "$watched/latin1-\\xe9t\\xe9.com$finding"
-expect_logged 60 "$watched/beside-them.com$finding" "a file written beside odd names was not scanned"
-expect_alive "after odd names"
-
-echo "== Paths near PATH_MAX and a name of NAME_MAX bytes"
+echo "== Paths near PATH_MAX"
 deep=$watched
 while [ ${#deep} -lt 3600 ]; do deep+=/$(printf 'd%.0s' $(seq 200)); done
 mkdir -p "$deep"
 long_name=$(printf 'n%.0s' $(seq 251)).com
 write_eicar "$deep/$long_name"
 echo "clean" >"$deep/clean.txt"
-write_eicar "$watched/$long_name"
 expect_logged 60 "$deep/$long_name$finding" "a path of ${#deep} bytes was not scanned"
 expect_logged 60 "$deep/clean.txt: OK"
-expect_logged 60 "$watched/$long_name$finding"
 logged "ERROR: Can't access file" && fail "a long path was cut into pieces"
 
 echo "== Links, dangling links and link loops"
@@ -51,7 +41,7 @@ ln -s .. "$watched/real-folder/up"
 write_eicar "$watched/real-folder/after-the-links.com"
 expect_logged 60 "$watched/real-folder/after-the-links.com$finding"
 expect_logged 60 "$watched/link-to-file.com: " "the link to a file got no result line"
-sleep 2
+settle
 for name in dangling loop-a loop-b real-folder/self real-folder/up; do
   logged "$watched/$name:" && fail "the link $name was scanned"
 done
@@ -64,7 +54,7 @@ write_eicar "$watched/deleted-soon.com"
 rm "$watched/deleted-soon.com"
 write_eicar "$watched/after-the-deletions.com"
 expect_logged 60 "$watched/after-the-deletions.com$finding"
-sleep 1
+settle
 logged "short-lived-" && fail "a file deleted before it was ready was scanned"
 logged "deleted-soon.com" && fail "a file deleted before it was ready was scanned"
 expect_alive "after deletions"

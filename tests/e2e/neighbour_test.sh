@@ -15,7 +15,6 @@ make_account user
 make_account neighbour
 install_resources
 home=${account_home[$user]}
-watched=$home/watched
 prefix=$home/.local/share/korvane/clamav
 conf=$prefix/etc/clamd.conf
 
@@ -91,15 +90,14 @@ echo "== $user's agent launches its own clamd and finds an infected file"
 start_session "$user"
 make_prefix
 chown -hR "$user:$user" "$home/.local"
-pref_as() { as_user "$user" "$ctl" defaults write com.korvane.Korvane "$@" >/dev/null || fail "velgarctl could not write $1"; }
-pref_as PathToClamav -string "$prefix"
-pref_as PathToUpdateLog -string "$home/update.log"
-pref_as VelgarFolderArray -json '[{"pathName": "~/watched", "WatchSubdirs": true}]'
-start_agent_as "$user"
-logged_for "$user" "clamd launched successfully.  Continuing..." ||
-  fail "the agent took another process for its own clamd"
-eicar_as "$user" "$watched/infected.com"
-expect_logged_for "$user" 60 "$watched/infected.com$finding"
+use_account "$user"
+pref PathToClamav -string "$prefix"
+pref PathToUpdateLog -string "$home/update.log"
+watch_folders "~/watched"
+start_agent
+logged "clamd launched successfully.  Continuing..." || fail "the agent took another process for its own clamd"
+write_eicar "$watched/infected.com"
+expect_logged 60 "$watched/infected.com$finding"
 
 # Every live clamd in the namespace must be the user's, run as the engine
 # prefix's daemon with its configuration.
@@ -111,24 +109,23 @@ check_daemons() {
   done < <(clamd_processes)
 }
 check_daemons
-first_daemon=$(cat "$prefix/run/clamd.pid")
-[ -d "/proc/$first_daemon" ] || fail "the pid file of $user's clamd names no process"
+first_daemon=$(daemon_pid)
+daemon_alive || fail "the pid file of $user's clamd names no process"
 
 echo "== Its clamd killed: the relaunch is the prefix's daemon again"
 kill -KILL "$first_daemon"
-eicar_as "$user" "$watched/after-crash.com"
-expect_logged_for "$user" 120 "clamd appears to have died - attempting restart..." "the dead daemon was not noticed"
-relaunched() { clamd_processes | awk -v old="$first_daemon" '$1 != old {found = 1} END {exit !found}'; }
-wait_for 60 relaunched || fail "clamd was not launched again"
+write_eicar "$watched/after-crash.com"
+expect_logged 120 "clamd appears to have died - attempting restart..." "the dead daemon was not noticed"
+wait_for 60 clamd_besides "$first_daemon" || fail "clamd was not launched again"
 check_daemons
 # The batch that found the daemon dead is scanned again on the new one.
-expect_logged_for "$user" 120 "$watched/after-crash.com$finding" "the file written while clamd was dead was never scanned"
-eicar_as "$user" "$watched/after-relaunch.com"
-expect_logged_for "$user" 120 "$watched/after-relaunch.com$finding" "no finding after the relaunch"
+expect_logged 120 "$watched/after-crash.com$finding" "the file written while clamd was dead was never scanned"
+write_eicar "$watched/after-relaunch.com"
+expect_logged 120 "$watched/after-relaunch.com$finding" "no finding after the relaunch"
 
 echo "== Nobody but the neighbour ran the neighbour's programs"
-quit_agent_as "$user"
-logged_for "$user" "trying to quit clamd" || fail "the agent did not stop the clamd it launched"
+quit_agent
+logged "trying to quit clamd" || fail "the agent did not stop the clamd it launched"
 [ ! -s "$foreign_runs" ] || fail "the neighbour's clamd ran as another user"
 fakes_running || fail "the neighbour's programs did not all outlive the agent"
 
@@ -139,9 +136,9 @@ sockets=$shared/sockets
 install -d -m 777 "$sockets"
 socket=$sockets/clamd.ctl
 as_user "$user" sed -i "s#^LocalSocket .*#LocalSocket $socket#" "$conf"
-start_agent_as "$user"
-eicar_as "$user" "$watched/before-takeover.com"
-expect_logged_for "$user" 60 "$watched/before-takeover.com$finding"
+start_agent
+write_eicar "$watched/before-takeover.com"
+expect_logged 60 "$watched/before-takeover.com$finding"
 # The neighbour's server writes down every request it gets, and would
 # answer PONG to a PING and OK to anything else.
 heard=$nest/heard
@@ -170,14 +167,13 @@ while True:
 disown
 taken() { [ "$(stat -c %U "$socket" 2>/dev/null)" = "$neighbour" ]; }
 wait_for 30 taken || fail "the neighbour could not take the socket"
-eicar_as "$user" "$watched/after-takeover.com"
-expect_logged_for "$user" 60 "Refusing the clamd socket $socket: it is served by user $neighbour (uid ${account_uid[$neighbour]}), not by you, root or clamav" \
+write_eicar "$watched/after-takeover.com"
+expect_logged 60 "Refusing the clamd socket $socket: it is served by user $neighbour (uid ${account_uid[$neighbour]}), not by you, root or clamav" \
   "the agent did not refuse the neighbour's socket, naming the neighbour"
-expect_logged_for "$user" 60 "files are not scanned: the engine's socket is not trusted"
-logged_for "$user" "$watched/after-takeover.com: OK" && fail "a file was called clean by the neighbour's server"
-expect_alive_as() { kill -0 "${account_agent[$1]}" 2>/dev/null || fail "the agent of $1 died"; }
-expect_alive_as "$user"
-quit_agent_as "$user"
+expect_logged 60 "files are not scanned: the engine's socket is not trusted"
+logged "$watched/after-takeover.com: OK" && fail "a file was called clean by the neighbour's server"
+expect_alive "after the takeover"
+quit_agent
 grep -v -x "b''" "$heard" && fail "the neighbour's server was sent the requests above"
 [ ! -s "$foreign_runs" ] || fail "the neighbour's clamd ran as another user"
 echo "all neighbour checks passed"

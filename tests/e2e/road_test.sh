@@ -11,10 +11,7 @@ default_setup
 pref ExcludePatterns -json '[{"excludeEnabled": true, "excludePattern": "not-for-scanning"},
                               {"excludeEnabled": true, "excludeRegEx": true, "excludePattern": "\\.partial[0-9]+$"},
                               {"excludeEnabled": false, "excludePattern": "disabled-record"}]'
-"$ctl" listen >"$work/heard" &
-background_pids+=($!)
 start_agent
-logged "clamd launched successfully.  Continuing..." || fail "the agent did not launch its clamd"
 
 echo "== Warn mode: a clean file, an infected one left in place, excluded ones"
 echo "just text" >"$watched/clean.txt"
@@ -42,7 +39,7 @@ wait_for 60 scanned_after_close || fail "the complete file was not scanned after
 
 echo "== An empty file waits until it has content"
 : >"$watched/empty.dat"
-sleep 3
+settle
 logged "empty.dat" && fail "an empty file was scanned"
 write_eicar "$watched/empty.dat"
 expect_logged 60 "$watched/empty.dat$finding" "the once-empty file was not scanned after it filled"
@@ -82,11 +79,10 @@ wait_for 5 test -f "$info" || fail "no .trashinfo for the trashed file"
 grep -qx "Path=$(printf '%s' "$watched" | sed 's/ /%20/g')/trash%20me.com" "$info" || fail "the .trashinfo names another path: $(cat "$info")"
 grep -qE '^DeletionDate=[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}$' "$info" || fail "the .trashinfo has no deletion date"
 
-echo "== A quit is heard on the bus"
+echo "== A quit leaves the clamd that the last load found running"
 # Only the load that launched clamd stops it at a quit; after the restarts
 # above the daemon counts as found, and it is left for the next start.
 quit_agent
 logged "trying to quit clamd" && fail "a quit after restarts stopped a daemon the last load found running"
 daemon_alive || fail "clamd did not outlive the agent"
-wait_for 5 grep -qx "KorvaneVelgarHasQuit KorvaneVelgar" "$work/heard" || fail "velgarctl listen did not hear KorvaneVelgarHasQuit"
 echo "all road checks passed"

@@ -4,7 +4,8 @@
 # their infected files found by the service, which reads the files of the
 # 0700 homes through the descriptors clamdscan passes it. Neither agent
 # stops, relaunches or replaces the service, and neither user's log names
-# the other's files.
+# the other's files. (The stand-in of a user's own for a silent service is
+# the SystemServiceEngine tests', with the same daemons.)
 #
 # The service is /usr/sbin/clamd as Debian's unit runs it: started by root
 # with --foreground=true, reading /etc/clamav/clamd.conf, switching to the
@@ -63,116 +64,67 @@ echo "== Each user's setup adopts the service"
 for account in "$first" "$second"; do
   start_session "$account"
   home=${account_home[$account]}
-  prefix=$home/.local/share/korvane/clamav
   as_user "$account" "$ctl" setup --watch "$home/watched" >"$work/setup-$account.out" 2>&1 ||
     { cat "$work/setup-$account.out"; fail "velgarctl setup failed for $account"; }
+  # What setup wrote (the socket, clamdscan passing descriptors) shows below:
+  # the agent uses the service, which finds files it could not open itself.
   grep -qF "The system's clamd service answers at $socket" "$work/setup-$account.out" ||
     { cat "$work/setup-$account.out"; fail "setup did not say that it uses the service, for $account"; }
-  [ "$(as_user "$account" "$ctl" defaults read com.korvane.Korvane PathToClamav)" = "\"$prefix\"" ] ||
-    fail "setup did not make PathToClamav name $prefix"
-  grep -qx "LocalSocket $socket" "$prefix/etc/clamd.conf" || fail "the engine of $account does not name $socket"
-  grep -q -- "--fdpass" "$prefix/bin/clamdscan" || fail "the clamdscan of $account does not pass descriptors"
-  [ "$(stat -c %U "$prefix/etc/clamd.conf")" = "$account" ] || fail "setup's files do not belong to $account"
 done
 
 echo "== Both agents at once: each user's files found by the service, and only that user's"
-for account in "$first" "$second"; do
-  start_agent_as "$account"
-  logged_for "$account" "Using the system's clamd service at $socket" || fail "the agent of $account did not use the service"
-done
 infected_names=(plain.com "private/in a private folder.com" "private/deeper/third.com")
 for account in "$first" "$second"; do
-  as_user "$account" mkdir -m 700 -p "${account_home[$account]}/watched/private/deeper"
+  use_account "$account"
+  start_agent
+  logged "Using the system's clamd service at $socket" || fail "the agent of $account did not use the service"
+  "${runner[@]}" mkdir -m 700 -p "$watched/private/deeper"
 done
 for name in "${infected_names[@]}"; do
-  for account in "$first" "$second"; do eicar_as "$account" "${account_home[$account]}/watched/$name" " $account"; done
+  for account in "$first" "$second"; do use_account "$account"; write_eicar "$watched/$name" " $account"; done
 done
 for account in "$first" "$second"; do
+  use_account "$account"
   for name in "${infected_names[@]}"; do
-    file=${account_home[$account]}/watched/$name
-    expect_logged_for "$account" 60 "$file$finding" "no finding for $file in the log of $account"
+    file=$watched/$name
+    expect_logged 60 "$file$finding" "no finding for $file in the log of $account"
     # Read by the service, which could not have opened the file itself.
     grep -qF "$file: Eicar-Test-Signature.UNOFFICIAL" "$service_log" || fail "the service did not scan $file"
     setpriv --reuid=clamav --regid=clamav --clear-groups test -r "$file" 2>/dev/null &&
       fail "the service's user can read $file by itself"
   done
 done
-grep -qF "${account_home[$second]}" "$(account_log "$first")" && fail "the log of $first names files of $second"
-grep -qF "${account_home[$first]}" "$(account_log "$second")" && fail "the log of $second names files of $first"
+use_account "$first"
+logged "${account_home[$second]}" && fail "the log of $first names files of $second"
+use_account "$second"
+logged "${account_home[$first]}" && fail "the log of $second names files of $first"
 
-# only_the_service: no clamd in the namespace but the service.
-only_the_service_quietly() {
+# No clamd in the namespace but the service.
+only_the_service() {
   local daemons
   daemons=$(clamd_processes)
   [ "${daemons%% *}" = "$service_pid" ] && [ "$(wc -l <<<"$daemons")" -eq 1 ]
 }
-only_the_service() {
-  local daemons
-  daemons=$(clamd_processes)
-  [ "${daemons%% *}" = "$service_pid" ] && [ "$(wc -l <<<"$daemons")" -eq 1 ] ||
-    fail "clamd processes other than the service's ($service_pid) run: $daemons"
-}
-only_the_service
+only_the_service || fail "clamd processes other than the service's ($service_pid) run: $(clamd_processes)"
 
 echo "== A restart of one agent while the other scans; then both quit"
-as_user "$first" "$ctl" restart >/dev/null || fail "velgarctl restart failed for $first"
-eicar_as "$second" "${account_home[$second]}/watched/during-restart.com"
-expect_logged_for "$second" 60 "${account_home[$second]}/watched/during-restart.com$finding"
-wait_for 60 bash -c "[ \$(grep -cF 'Watching started' '$(account_log "$first")') -ge 2 ]" ||
-  fail "the agent of $first did not start watching again"
-wait_until_watching_as "$first"
-eicar_as "$first" "${account_home[$first]}/watched/after-restart.com"
-expect_logged_for "$first" 60 "${account_home[$first]}/watched/after-restart.com$finding"
-for account in "$first" "$second"; do quit_agent_as "$account"; done
+use_account "$first"
+"${runner[@]}" "$ctl" restart >/dev/null || fail "velgarctl restart failed for $first"
+use_account "$second"
+write_eicar "$watched/during-restart.com"
+expect_logged 60 "$watched/during-restart.com$finding"
+use_account "$first"
+restarted() { [ "$(log_count "Watching started")" -ge 2 ]; }
+wait_for 60 restarted || fail "the agent of $first did not start watching again"
+wait_until_watching
+write_eicar "$watched/after-restart.com"
+expect_logged 60 "$watched/after-restart.com$finding"
 for account in "$first" "$second"; do
-  logged_for "$account" "trying to quit clamd" && fail "the agent of $account sent QUIT to the service"
+  use_account "$account"
+  quit_agent
+  logged "trying to quit clamd" && fail "the agent of $account sent QUIT to the service"
 done
 answers || fail "the service ($service_pid) no longer answers PING after the agents quit: $(ping_service 2>&1)"
-only_the_service
+only_the_service || fail "clamd processes other than the service's ($service_pid) run: $(clamd_processes)"
 
-echo "== The service stopped while both agents watch: each user's own clamd stands in, then steps back"
-for account in "$first" "$second"; do start_agent_as "$account"; done
-kill -TERM "$service_pid"
-status=0
-wait "$service_pid" || status=$?
-[ $status -eq 0 ] || fail "the service ended with status $status"
-for account in "$first" "$second"; do
-  eicar_as "$account" "${account_home[$account]}/watched/while-stopped.com"
-  expect_logged_for "$account" 120 \
-    "The system's clamd service does not answer at $socket; your own clamd stands in until it answers again" \
-    "the agent of $account did not say that its own clamd stands in for the service"
-  expect_logged_for "$account" 120 "${account_home[$account]}/watched/while-stopped.com$finding" \
-    "the file $account wrote while the service was stopped was not found"
-done
-# Each stand-in is its user's own daemon, launched from that user's prefix.
-while read -r pid uid arguments; do
-  case " $uid " in
-    " ${account_uid[$first]} " | " ${account_uid[$second]} ") ;;
-    *) fail "a clamd of uid $uid runs while the service is stopped: $arguments" ;;
-  esac
-  [[ $arguments == */standin/* ]] || fail "a clamd that is no stand-in runs while the service is stopped: $arguments"
-done < <(clamd_processes)
-[ "$(clamd_processes | wc -l)" -eq 2 ] || fail "not one stand-in for each user: $(clamd_processes)"
-
-/usr/sbin/clamd --foreground=true >>"$work/service.out" 2>&1 &
-service_pid=$!
-wait_for 60 answers || fail "the service did not start again"
-# The agents look at the service again before a scan, at most every few
-# seconds: new files until both have gone back to it.
-back_to_service() {
-  local account=$1
-  files=$((files + 1))
-  eicar_as "$account" "${account_home[$account]}/watched/after-service-restart-$files.com"
-  wait_for 2 logged_for "$account" "The system's clamd service answers again at $socket"
-}
-files=0
-for account in "$first" "$second"; do
-  wait_for 120 back_to_service "$account" || fail "the agent of $account did not go back to the service"
-  expect_logged_for "$account" 60 "${account_home[$account]}/watched/after-service-restart-$files.com$finding" \
-    "the agent of $account finds nothing once the service is back"
-done
-wait_for 30 only_the_service_quietly || only_the_service
-for account in "$first" "$second"; do quit_agent_as "$account"; done
-answers || fail "the service ($service_pid) no longer answers PING after the agents quit"
-only_the_service
 echo "all service checks passed"

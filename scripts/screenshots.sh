@@ -1,20 +1,23 @@
 #!/bin/bash
-# Photographs the agent's desktop on a virtual X display: the tray icon at
-# rest, watching and scanning (on a dark and on a light panel), the status
-# menu, a warning dialog and a notification, first from the desktop parts
-# driven step by step (kvdesktop_scene), then from the agent itself finding
-# the EICAR test file with a real clamd. The display (Xvfb), the tray
-# (trayer) and the notification daemon (dunst) run on a private session bus,
-# so nothing reaches the user's own desktop.
+# Photographs the agent's desktop on a virtual X display for the README: the
+# tray icon at rest, watching and scanning (on a dark and on a light panel),
+# the status menu, a warning dialog and a notification, first from the
+# desktop parts driven step by step (kvdesktop_scene, built from
+# tests/desktop/DesktopScene.cpp), then from the agent itself finding the
+# EICAR test file with a real clamd. The display (Xvfb), the tray (trayer)
+# and the notification daemon (dunst) run on a private session bus, so
+# nothing reaches the user's own desktop.
 #
-#   tests/desktop/screenshots.sh [BUILD_DIR] [OUT_DIR]
+#   scripts/screenshots.sh [BUILD_DIR] [OUT_DIR]
 #
-# BUILD_DIR defaults to ./build, OUT_DIR to BUILD_DIR/screenshots; CTest runs
-# it as DesktopScreenshots. Fails when a step does not happen or when the tray
-# icon's pixels do not change between rest, watching and scanning. Needs
-# xvfb, trayer, dunst, xdotool and imagemagick; skipped without them.
+# BUILD_DIR defaults to ./build, OUT_DIR to BUILD_DIR/screenshots. Run by
+# hand; the README's pictures are copied from OUT_DIR into docs/screenshots/.
+# Fails when a tool is missing (scripts/deps.sh installs them all), when a
+# step does not happen, or when the tray icon's pixels do not change between
+# rest, watching and scanning. The agent's own run needs root, or a
+# gfslogger installed set-user-ID root, for its event helper.
 set -euo pipefail
-source "$(dirname "$0")/../support/machine_lock.sh"
+source "$(dirname "$0")/../tests/support/machine_lock.sh"
 
 build=$(realpath "${1:-build}")
 out=$(realpath -m "${2:-$build/screenshots}")
@@ -27,9 +30,8 @@ fail() {
     exit 1
 }
 
-# Exit status 77 tells CTest the test was skipped.
-for tool in Xvfb trayer dunst xdotool import compare dbus-run-session; do
-    command -v "$tool" >/dev/null || { echo "screenshots.sh: $tool is missing; skipped" >&2; exit 77; }
+for tool in Xvfb trayer dunst xdotool import compare dbus-run-session /usr/sbin/clamd; do
+    command -v "$tool" >/dev/null || { echo "screenshots.sh: $tool is missing (scripts/deps.sh installs it)" >&2; exit 1; }
 done
 
 if [ "${KV_SCREENSHOTS_PRIVATE_BUS:-}" != 1 ]; then
@@ -37,7 +39,12 @@ if [ "${KV_SCREENSHOTS_PRIVATE_BUS:-}" != 1 ]; then
 fi
 
 scene="$build/bin/kvdesktop_scene"
-[ -x "$scene" ] || { echo "screenshots.sh: $scene is not built" >&2; exit 1; }
+gfslogger="$build/share/korvane-velgar/gfslogger"
+for program in "$scene" "$build/bin/korvane-velgar" "$build/bin/velgarctl" "$gfslogger"; do
+    [ -x "$program" ] || { echo "screenshots.sh: $program is not built" >&2; exit 1; }
+done
+[ "$(id -u)" = 0 ] || [ -u "$gfslogger" ] ||
+    { echo "screenshots.sh: the agent's event helper needs root: run as root, or install gfslogger set-user-ID root" >&2; exit 1; }
 
 work=$(mktemp -d /tmp/kv-screenshots-XXXXXX)
 pids=()
@@ -45,6 +52,8 @@ cleanup() {
     exec 4>&- 2>/dev/null || true
     for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
+    # The agent's clamd, should the agent not have stopped it.
+    pkill -f "^$work/" 2>/dev/null || true
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -218,39 +227,27 @@ wait_until 30 ended "$scene_pid" || fail "the scene did not quit"
 
 # The agent itself, with a real clamd and the EICAR test file: the scanner's
 # finding reaches the tray icon, a warning dialog and a notification.
-# Its event helper needs root's rights (fanotify): the run is left out for a
-# user whose helper is not installed set-user-ID. The agent uses whatever
-# clamd the process list shows, so the run is also left out while another
-# clamd runs.
-gfslogger="$build/share/korvane-velgar/gfslogger"
-if pgrep -x clamd >/dev/null; then
-    echo "screenshots.sh: another clamd runs; the agent's own run is left out" >&2
-elif [ -x /usr/sbin/clamd ] && [ -x "$build/bin/korvane-velgar" ] && [ -x "$build/bin/velgarctl" ] &&
-    [ -x "$gfslogger" ] && { [ "$(id -u)" = 0 ] || [ -u "$gfslogger" ]; }; then
-    dunstctl close-all
-    # The bundled test definitions, placed first, spare setup its download.
-    prefix="$XDG_DATA_HOME/korvane/clamav"
-    mkdir -p "$prefix/db"
-    cp "$KORVANE_VELGAR_RESOURCES/clamav/korvane-test.ndb" "$prefix/db/"
-    "$build/bin/velgarctl" setup --watch "$HOME/Downloads" >"$work/setup.log" 2>&1 || fail "velgarctl setup failed"
-    "$build/bin/korvane-velgar" >"$work/agent.log" 2>&1 &
-    agent_pid=$!
-    pids+=("$agent_pid")
-    agent_watching() { tray_shot "$work/tray.png" && ! differs "$work/tray.png" "$out/tray-watching-light.png"; }
-    wait_until 30 agent_watching || fail "the agent did not start watching"
-    printf '%s' 'X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*' >"$HOME/Downloads/eicar.com"
-    tray_shot_unlike "$out/agent-tray-scanning.png" "$out/tray-watching-light.png"
-    wait_until 30 dialog_window || fail "the agent showed no warning dialog"
-    import -window "$(dialog_window)" "$out/agent-warning-dialog.png"
-    wait_until 30 dunst_window || fail "the agent's notification did not appear"
-    import -window root "$out/agent-desktop.png"
-    log="$HOME/Library/Logs/KorvaneVelgar-scan.log"
-    grep -q "eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND" "$log" || fail "the scan log lacks the finding"
-    "$build/bin/velgarctl" quit >/dev/null
-    wait_until 20 ended "$agent_pid" || fail "the agent did not quit"
-else
-    echo "screenshots.sh: no clamd, no agent build or no rights for its event helper; the agent's own run is left out" >&2
-fi
+dunstctl close-all
+# The bundled test definitions, placed first, spare setup its download.
+prefix="$XDG_DATA_HOME/korvane/clamav"
+mkdir -p "$prefix/db"
+cp "$KORVANE_VELGAR_RESOURCES/clamav/korvane-test.ndb" "$prefix/db/"
+"$build/bin/velgarctl" setup --watch "$HOME/Downloads" >"$work/setup.log" 2>&1 || fail "velgarctl setup failed"
+"$build/bin/korvane-velgar" >"$work/agent.log" 2>&1 &
+agent_pid=$!
+pids+=("$agent_pid")
+agent_watching() { tray_shot "$work/tray.png" && ! differs "$work/tray.png" "$out/tray-watching-light.png"; }
+wait_until 30 agent_watching || fail "the agent did not start watching"
+printf '%s' 'X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*' >"$HOME/Downloads/eicar.com"
+tray_shot_unlike "$out/agent-tray-scanning.png" "$out/tray-watching-light.png"
+wait_until 30 dialog_window || fail "the agent showed no warning dialog"
+import -window "$(dialog_window)" "$out/agent-warning-dialog.png"
+wait_until 30 dunst_window || fail "the agent's notification did not appear"
+import -window root "$out/agent-desktop.png"
+log="$HOME/Library/Logs/KorvaneVelgar-scan.log"
+grep -q "eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND" "$log" || fail "the scan log lacks the finding"
+"$build/bin/velgarctl" quit >/dev/null
+wait_until 20 ended "$agent_pid" || fail "the agent did not quit"
 
 for pair in "rest watching" "watching scanning-1" "scanning-1 scanning-2"; do
     set -- $pair
