@@ -3,7 +3,7 @@
 # tray icon at rest, watching and scanning (on a dark and on a light panel),
 # the status menu, a warning dialog and a notification, first from the
 # desktop parts driven step by step (kvdesktop_scene, built from
-# tests/desktop/DesktopScene.cpp), then from the agent itself finding the
+# scripts/scene/DesktopScene.cpp), then from the agent itself finding the
 # EICAR test file with a real clamd. The display (Xvfb), the tray (trayer)
 # and the notification daemon (dunst) run on a private session bus, so
 # nothing reaches the user's own desktop.
