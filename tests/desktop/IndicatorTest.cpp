@@ -1,5 +1,5 @@
-// The activity indicator's frames, pauses and menu states, seen by a
-// recording observer on a clock the test controls: the animation runs in
+// The activity indicator's frames, pauses and menu states, seen by an
+// observer that is also the clock the test controls: the animation runs in
 // virtual time, and scans begin and end at virtual instants.
 
 #include "tests/desktop/DesktopTestSupport.h"
@@ -21,9 +21,13 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::microseconds;
 
+// A clock the test controls that also sees what the indicator shows.
 // Pauses take no time; each advances the virtual clock and then runs the
-// events that have fallen due, on the indicator thread.
-class VirtualClock : public kv::IndicatorClock {
+// events that have fallen due, on the indicator thread. Of what the
+// indicator thread shows, its first busy period is kept: the states around
+// it, and each frame with the pause that follows it, as "frame pause".
+// Changes the test's own thread makes (the folder entries) are left out.
+class VirtualIndicator : public kv::IndicatorClock, public kv::Throbber::Observer {
 public:
     bool pause(microseconds duration) override
     {
@@ -31,6 +35,8 @@ public:
         if (interrupted_)
             return false;
         now_ += duration;
+        if (recording() && period_.back().starts_with("scanning"))
+            period_.back() = period_.back().substr(8) + " " + std::to_string(duration.count());
         while (!events_.empty() && events_.begin()->first <= now_) {
             std::function<void()> event = std::move(events_.begin()->second);
             events_.erase(events_.begin());
@@ -45,11 +51,14 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         interrupted_ = true;
     }
-    microseconds now() const
+    void imagesShown(const std::string& name) override { record(name); }
+    void menuStateShown(int state) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return now_;
+        if (state == 3 && onFirstBusy)
+            std::exchange(onFirstBusy, nullptr)();
+        record("state " + std::to_string(state));
     }
+
     // Runs the event once the clock has passed `after` from now.
     void after(microseconds after, std::function<void()> event)
     {
@@ -57,43 +66,18 @@ public:
         events_.emplace(now_ + after, std::move(event));
     }
     // Waits (in real time, generously) until the clock has passed `duration`
-    // from now.
-    bool pass(microseconds duration)
+    // from now; the number of busy states shown by then.
+    int busyStatesAfter(microseconds duration)
     {
         auto passed = std::make_shared<std::promise<void>>();
         std::future<void> future = passed->get_future();
         after(duration, [passed] { passed->set_value(); });
-        return future.wait_for(20s) == std::future_status::ready;
+        // A busy period would end waiting for work, and time would stand still.
+        if (future.wait_for(20s) != std::future_status::ready)
+            return -1;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return busyStates_;
     }
-
-private:
-    mutable std::mutex mutex_;
-    microseconds now_{0};
-    std::multimap<microseconds, std::function<void()>> events_;
-    bool interrupted_ = false;
-};
-
-// What the indicator thread showed in its first busy period: the states
-// around it, and each frame with the pause that followed it as "frame
-// pause". Changes the test's own thread makes (the folder entries) are left
-// out.
-class Recorder : public kv::Throbber::Observer {
-public:
-    Recorder(const VirtualClock& clock, std::function<void()> onFirstBusy)
-        : clock_(clock), onFirstBusy_(std::move(onFirstBusy))
-    {
-    }
-
-    void imagesShown(const std::string& name) override { record(name); }
-    void menuStateShown(int state) override
-    {
-        // On the indicator thread, before its first frame: events scheduled
-        // here count from the start of the busy period.
-        if (state == 3 && onFirstBusy_)
-            std::exchange(onFirstBusy_, nullptr)();
-        record("state " + std::to_string(state));
-    }
-
     // Waits (in real time, generously) until the first busy period has
     // ended with the watching image.
     std::vector<std::string> firstBusyPeriod()
@@ -102,36 +86,38 @@ public:
         changed_.wait_for(lock, 20s, [this] { return !period_.empty() && period_.back() == "watching"; });
         return period_;
     }
-
     int busyStates() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
         return busyStates_;
     }
 
+    // Set before the indicator starts. Runs on the indicator thread before
+    // its first frame: events it schedules count from the start of the busy
+    // period.
+    std::function<void()> onFirstBusy;
+
 private:
+    bool recording() const { return busyStates_ == 1 && (period_.empty() || period_.back() != "watching"); }
+
     void record(const std::string& what)
     {
         if (std::this_thread::get_id() == testThread_)
             return;
         std::lock_guard<std::mutex> lock(mutex_);
         busyStates_ += what == "state 3";
-        if (busyStates_ != 1 || (!period_.empty() && period_.back() == "watching"))
-            return;
-        if (!period_.empty() && period_.back().starts_with("scanning"))
-            period_.back() = period_.back().substr(8) + " " + std::to_string((clock_.now() - shownAt_).count());
-        period_.push_back(what);
-        shownAt_ = clock_.now();
+        if (recording())
+            period_.push_back(what);
         changed_.notify_all();
     }
 
-    const VirtualClock& clock_;
-    std::function<void()> onFirstBusy_;
     const std::thread::id testThread_ = std::this_thread::get_id();
     mutable std::mutex mutex_;
     std::condition_variable changed_;
+    microseconds now_{0};
+    std::multimap<microseconds, std::function<void()>> events_;
+    bool interrupted_ = false;
     std::vector<std::string> period_;
-    microseconds shownAt_{0};
     int busyStates_ = 0;
 };
 
@@ -172,24 +158,23 @@ TEST(Indicator, AnimatesWholeCyclesWhileWorkIsCountedOnceWatching)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        VirtualClock clock;
-        kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = &clock});
+        VirtualIndicator indicator;
+        kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = &indicator});
         const auto end = [&agent, update = c.scanners == 0] {
             update ? agent.menu->stopUpdate() : agent.controller->modifyScannerCountBy(-1);
         };
-        Recorder recorder(clock, [&] {
+        indicator.onFirstBusy = [&] {
             for (microseconds at : c.ends)
-                clock.after(at, end);
-        });
-        agent.menu->setObserver(&recorder);
+                indicator.after(at, end);
+        };
+        agent.menu->setObserver(&indicator);
         agent.menu->startIndicator(*agent.controller);
         agent.menu->clearMenu();
         if (c.scanners == 0)
             agent.menu->startUpdate();
         agent.controller->modifyScannerCountBy(c.scanners);
 
-        // A busy period would end waiting for work, and time would stand still.
-        ASSERT_TRUE(clock.pass(10s) && recorder.busyStates() == 0) << "busy while nothing is watched";
+        EXPECT_EQ(indicator.busyStatesAfter(10s), 0) << "busy while nothing is watched";
         agent.menu->setNumItemsToWatch(1);
         agent.menu->addToMenu(agent.home.path(), "");
         agent.menu->setReady();
@@ -198,8 +183,8 @@ TEST(Indicator, AnimatesWholeCyclesWhileWorkIsCountedOnceWatching)
         for (const std::string& frame : repeat(c.cycle, c.cycles))
             expected.push_back(frame);
         expected.insert(expected.end(), {"state 2", "watching"});
-        EXPECT_EQ(recorder.firstBusyPeriod(), expected);
-        EXPECT_EQ(recorder.busyStates(), 1);
+        EXPECT_EQ(indicator.firstBusyPeriod(), expected);
+        EXPECT_EQ(indicator.busyStates(), 1);
     }
 }
 
