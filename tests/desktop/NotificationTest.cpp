@@ -17,10 +17,10 @@
 
 namespace {
 
-// A notification service of the test's own: it owns
-// org.freedesktop.Notifications on its own connection to the private bus
-// and keeps every Notify call.
-class TestNotificationService : public QObject {
+// A peer of the agent on the private bus, on a connection of its own: it
+// takes a bus name when told to (the notification service's, or the main
+// application's) and keeps every Notify call it gets.
+class BusPeer : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
 public:
@@ -32,22 +32,20 @@ public:
         int expireTimeout;
     };
 
-    TestNotificationService()
-        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "test-notification-service"))
+    explicit BusPeer(QString name)
+        : name_(std::move(name)), connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, name_))
     {
         connection_.registerObject("/org/freedesktop/Notifications", this, QDBusConnection::ExportAllSlots);
     }
     // The object leaves the connection here, in this thread; left to the
     // disconnection, the bus thread would unhook it while it is being freed.
-    ~TestNotificationService() override
+    ~BusPeer() override
     {
         connection_.unregisterObject("/org/freedesktop/Notifications");
-        stop();
-        QDBusConnection::disconnectFromBus("test-notification-service");
+        connection_.unregisterService(name_);
+        QDBusConnection::disconnectFromBus(name_);
     }
-
-    bool start() { return connection_.registerService("org.freedesktop.Notifications"); }
-    void stop() { connection_.unregisterService("org.freedesktop.Notifications"); }
+    bool takeName() { return connection_.registerService(name_); }
 
     std::vector<Received> received;
 
@@ -60,6 +58,7 @@ public Q_SLOTS:
     }
 
 private:
+    QString name_;
     QDBusConnection connection_;
 };
 
@@ -69,7 +68,7 @@ private:
 TEST(Notifications, EveryKindReachesTheServiceWithItsNameTitleAndEscapedBody)
 {
     kv::FreedesktopNotifier notifier;
-    TestNotificationService service;
+    BusPeer service("org.freedesktop.Notifications");
     kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
     // The launch fetches the texts; its failed engine search would send an
     // error notification of its own.
@@ -92,12 +91,12 @@ TEST(Notifications, EveryKindReachesTheServiceWithItsNameTitleAndEscapedBody)
     for (const Case& c : cases)
         EXPECT_FALSE(agent.controller->displayGrowlDialog(c.kind, "/tmp/x: Eicar FOUND")) << c.kind;
 
-    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(service.takeName());
     for (const Case& c : cases)
         EXPECT_TRUE(agent.controller->displayGrowlDialog(c.kind, "/home/a/<b> & c.com: Eicar FOUND")) << c.kind;
     ASSERT_TRUE(QTest::qWaitFor([&] { return service.received.size() == std::size(cases); }, 5000));
     for (size_t i = 0; i < std::size(cases); ++i) {
-        const TestNotificationService::Received& got = service.received[i];
+        const BusPeer::Received& got = service.received[i];
         SCOPED_TRACE(cases[i].kind);
         EXPECT_EQ(got.appName, "Korvane Velgar");
         EXPECT_EQ(got.summary, QString::fromUtf8(cases[i].title));
@@ -109,33 +108,18 @@ TEST(Notifications, EveryKindReachesTheServiceWithItsNameTitleAndEscapedBody)
     }
 }
 
-// Takes the main application's bus name on a connection of its own.
-class FakeMainApplication {
-public:
-    FakeMainApplication() : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fake-main-app")) {}
-    ~FakeMainApplication()
-    {
-        connection_.unregisterService("com.korvane.Korvane");
-        QDBusConnection::disconnectFromBus("fake-main-app");
-    }
-    bool run() { return connection_.registerService("com.korvane.Korvane"); }
-
-private:
-    QDBusConnection connection_;
-};
-
 // The preferences live in the main application: it is launched, and asked
 // to open them once its bus name shows that it runs.
 TEST(OpenPrefs, PostsOnceTheMainApplicationRunsAndQuitsWhenSentByThePanelButton)
 {
     kvtest::DesktopAgent agent;
-    FakeMainApplication mainApplication;
+    BusPeer mainApplication("com.korvane.Korvane");
     agent.controller->openPrefs(true);
     EXPECT_EQ(agent.workspace.launched, std::vector<std::string>{"com.korvane.Korvane"});
     QTest::qWait(0);
     EXPECT_TRUE(agent.center.posted.empty()) << "the main application is not running yet";
 
-    ASSERT_TRUE(mainApplication.run());
+    ASSERT_TRUE(mainApplication.takeName());
     ASSERT_TRUE(QTest::qWaitFor([&] { return !agent.center.posted.empty(); }, 5000));
     EXPECT_EQ(agent.center.posted.front(), std::make_pair(std::string("KorvaneShouldOpenPrefs"), std::string("KorvaneVelgar")));
     EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
