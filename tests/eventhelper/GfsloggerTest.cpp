@@ -77,8 +77,17 @@ public:
         const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         while (std::count(events_.begin(), events_.end(), event) == 0) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            if (left <= 0 || !readFor(static_cast<int>(left)))
+            pollfd output{child_->outputFd(), POLLIN, 0};
+            std::string chunk;
+            if (left <= 0 || ::poll(&output, 1, static_cast<int>(left)) <= 0 ||
+                child_->readChunk(&chunk) != kv::ChildProcess::ReadStatus::Data)
                 return false;
+            for (char c : chunk) {
+                if (c == kv::gfs::kRecordEnd)
+                    take(std::exchange(partial_, {}));
+                else
+                    partial_ += c;
+            }
         }
         return true;
     }
@@ -115,24 +124,6 @@ public:
     kv::ChildProcess& child() { return *child_; }
 
 private:
-    bool readFor(int timeoutMs)
-    {
-        pollfd output{child_->outputFd(), POLLIN, 0};
-        if (::poll(&output, 1, timeoutMs) <= 0)
-            return false;
-        char buffer[65536];
-        const ssize_t n = ::read(child_->outputFd(), buffer, sizeof buffer);
-        if (n <= 0)
-            return false;
-        for (char c : std::string_view(buffer, static_cast<size_t>(n))) {
-            if (c == kv::gfs::kRecordEnd)
-                take(std::exchange(partial_, {}));
-            else
-                partial_ += c;
-        }
-        return true;
-    }
-
     void take(std::string record)
     {
         if (fieldsLeft_ == 0) {
