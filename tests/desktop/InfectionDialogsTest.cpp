@@ -14,112 +14,87 @@
 #include <QPushButton>
 #include <QTest>
 
-#include <thread>
-
 namespace {
 
 using kvtest::exists;
 
-class WarningDialogs : public ::testing::Test {
-protected:
-    WarningDialogs()
-        : home_("HOME", data_.path()), dataHome_("XDG_DATA_HOME", data_ / "share"),
-          dialogs_(kvtest::resourcesFolder(), agent_.workspace)
-    {
-    }
-
-    void SetUp() override
-    {
-        dialogs_.setKorvaneVelgarController(agent_.controller);
+// Three warning dialogs are open, one file each; one click on one of them.
+TEST(WarningDialogs, ModifiersDecideWhatAClickDoesToTheFileAndTheDialogs)
+{
+    struct Case {
+        const char* name;
+        int dialog;
+        const char* button;
+        Qt::KeyboardModifiers modifiers;
+        bool fileVanished; // before the click
+        int dialogsLeft;
+        bool trashed;
+        bool revealed;
+        int beeps;
+    };
+    // Leave It and Delete, with Control, Alt or nothing; the file was gone
+    // before the click or not; dialogs left open, and what became of the file.
+    const Case cases[] = {
+        {"Control on Leave It closes all and touches no file", 1, "ignoreButton", Qt::ControlModifier, false, 0,
+         false, false, 0},
+        {"Control on Delete trashes that file and closes all", 0, "deleteButton", Qt::ControlModifier, false, 0,
+         true, false, 0},
+        {"Alt on Leave It reveals the file and closes its dialog", 2, "ignoreButton", Qt::AltModifier, false, 2,
+         false, true, 0},
+        {"Delete on a file gone beeps and closes its dialog", 1, "deleteButton", Qt::NoModifier, true, 2, false,
+         false, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        kvtest::TempDir data;
+        kvtest::ScopedEnv home("HOME", data.path());
+        kvtest::ScopedEnv dataHome("XDG_DATA_HOME", data / "share");
+        kvtest::DesktopAgent agent;
+        kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
+        dialogs.setKorvaneVelgarController(agent.controller);
+        std::vector<std::string> files;
+        std::vector<QPointer<QDialog>> windows;
         // The last one's name holds a colon: the path ends at the line's last.
         for (const char* name : {"invoice.pdf.exe", "setup.com", "notes:2024.doc"}) {
-            files_.push_back(data_ / ("Downloads/" + std::string(name)));
-            kvtest::writeFile(files_.back(), kvtest::eicar());
-            ASSERT_TRUE(dialogs_.showWarningDialog("firstPatientScanner", files_.back() + ": Eicar-Signature FOUND", files_.back()));
-            windows_.push_back(dialogs_.outletsOf("firstPatientScanner").theDialog);
+            files.push_back(data / ("Downloads/" + std::string(name)));
+            kvtest::writeFile(files.back(), kvtest::eicar());
+            const std::string line = files.back() + ": Eicar-Signature FOUND";
+            ASSERT_TRUE(dialogs.showWarningDialog("firstPatientScanner", line, files.back()));
+            windows.push_back(dialogs.outletsOf("firstPatientScanner").theDialog);
+            EXPECT_EQ(windows.back()->findChild<QLabel*>("theMessage")->text().toStdString(), line);
         }
-    }
+        if (c.fileVanished)
+            ::unlink(files[c.dialog].c_str());
 
-    ~WarningDialogs() override
-    {
+        QTest::mouseClick(windows[c.dialog]->findChild<QPushButton*>(c.button), Qt::LeftButton, c.modifiers);
+        // Deleting a closed dialog waits for the event loop.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        EXPECT_TRUE(windows[c.dialog].isNull());
+        EXPECT_EQ(std::count_if(windows.begin(), windows.end(), [](const QPointer<QDialog>& w) { return w && w->isVisible(); }),
+                  c.dialogsLeft);
+        EXPECT_EQ(agent.controller->dialogList().size(), size_t(c.dialogsLeft));
+        for (size_t i = 0; i < files.size(); ++i)
+            EXPECT_EQ(exists(files[i]), !(int(i) == c.dialog && (c.trashed || c.fileVanished))) << files[i];
+        if (c.trashed) {
+            const std::string trash = data / "share/Trash/";
+            EXPECT_TRUE(exists(trash + "files/invoice.pdf.exe"));
+            const std::string info = kvtest::readFile(trash + "info/invoice.pdf.exe.trashinfo");
+            EXPECT_TRUE(info.starts_with("[Trash Info]\n") && info.find("\nPath=" + files[0] + "\n") != std::string::npos)
+                << info;
+        }
+        EXPECT_EQ(agent.workspace.revealed, c.revealed ? std::vector{files[c.dialog]} : std::vector<std::string>{});
+        EXPECT_EQ(agent.workspace.beeps, c.beeps);
         // Their FileRemovers leave the controller's list before it goes.
-        for (const QPointer<QDialog>& window : windows_)
+        for (const QPointer<QDialog>& window : windows)
             delete window.data();
     }
-
-    QPushButton* button(int dialog, const char* name) { return windows_[dialog]->findChild<QPushButton*>(name); }
-
-    // Deleting a closed dialog waits for the event loop.
-    static void settle() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
-
-    int openDialogs() const
-    {
-        return std::count_if(windows_.begin(), windows_.end(),
-                             [](const QPointer<QDialog>& window) { return window && window->isVisible(); });
-    }
-
-    kvtest::TempDir data_;
-    kvtest::ScopedEnv home_;
-    kvtest::ScopedEnv dataHome_;
-    kvtest::DesktopAgent agent_;
-    kv::InfectionDialogs dialogs_;
-    std::vector<std::string> files_;
-    std::vector<QPointer<QDialog>> windows_;
-};
-
-TEST_F(WarningDialogs, ControlClickOnLeaveItClosesAllAndTouchesNoFile)
-{
-    ASSERT_EQ(agent_.controller->dialogList().size(), 3u);
-    QTest::mouseClick(button(1, "ignoreButton"), Qt::LeftButton, Qt::ControlModifier);
-    settle();
-    for (const QPointer<QDialog>& window : windows_)
-        EXPECT_TRUE(window.isNull());
-    EXPECT_TRUE(agent_.controller->dialogList().empty());
-    for (const std::string& file : files_)
-        EXPECT_TRUE(exists(file)) << file;
-    EXPECT_TRUE(agent_.workspace.revealed.empty());
 }
 
-TEST_F(WarningDialogs, ControlClickOnDeleteTrashesThatFileAndClosesAll)
-{
-    QTest::mouseClick(button(0, "deleteButton"), Qt::LeftButton, Qt::ControlModifier);
-    settle();
-    EXPECT_EQ(openDialogs(), 0);
-    EXPECT_TRUE(agent_.controller->dialogList().empty());
-
-    const std::string trash = data_ / "share/Trash";
-    EXPECT_FALSE(exists(files_[0]));
-    EXPECT_TRUE(exists(trash + "/files/invoice.pdf.exe"));
-    const std::string info = kvtest::readFile(trash + "/info/invoice.pdf.exe.trashinfo");
-    EXPECT_NE(info.find("[Trash Info]"), std::string::npos) << info;
-    EXPECT_NE(info.find("Path=" + files_[0]), std::string::npos) << info;
-    EXPECT_TRUE(exists(files_[1]));
-    EXPECT_TRUE(exists(files_[2]));
-    EXPECT_EQ(agent_.workspace.beeps, 0);
-}
-
-TEST_F(WarningDialogs, AltClickOnLeaveItRevealsTheFileAndClosesOnlyItsDialog)
-{
-    QTest::mouseClick(button(2, "ignoreButton"), Qt::LeftButton, Qt::AltModifier);
-    settle();
-    EXPECT_EQ(agent_.workspace.revealed, std::vector<std::string>{files_[2]});
-    EXPECT_TRUE(windows_[2].isNull());
-    EXPECT_EQ(openDialogs(), 2);
-    EXPECT_EQ(agent_.controller->dialogList().size(), 2u);
-    EXPECT_TRUE(exists(files_[2]));
-}
-
-TEST_F(WarningDialogs, VanishedFileBeepsAndItsDialogCloses)
-{
-    ::unlink(files_[1].c_str());
-    QTest::mouseClick(button(1, "deleteButton"), Qt::LeftButton);
-    settle();
-    EXPECT_EQ(agent_.workspace.beeps, 1);
-    EXPECT_TRUE(windows_[1].isNull());
-    EXPECT_EQ(openDialogs(), 2);
-}
-
-TEST(QuarantineDialogs, OlderDialogsControlHidesTheOwnersNewestAndOpensTheFolder)
+// Quarantine dialogs are not listed; the control of an older one hides the
+// owner's newest (without closing it) and opens the quarantine folder. The
+// engine-unreachable dialog's button quits. Without its interface file a
+// dialog cannot be shown, and the scanner is told so.
+TEST(InfectionDialogs, QuarantineAndEngineUnreachableDialogs)
 {
     kvtest::DesktopAgent agent;
     kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
@@ -130,22 +105,15 @@ TEST(QuarantineDialogs, OlderDialogsControlHidesTheOwnersNewestAndOpensTheFolder
     ASSERT_TRUE(dialogs.showQuarantinedDialog("secondPatientScanner", quarantine));
     QPointer<QDialog> newer = dialogs.outletsOf("secondPatientScanner").theDialog;
     ASSERT_NE(older, newer);
-
     QTest::mouseClick(older->findChild<QPushButton*>("openQuarantineButton"), Qt::LeftButton);
     EXPECT_TRUE(older->isVisible());
     ASSERT_FALSE(newer.isNull()) << "hidden, not closed";
     EXPECT_FALSE(newer->isVisible());
     EXPECT_EQ(agent.workspace.opened, std::vector<std::string>{quarantine});
-    EXPECT_TRUE(agent.controller->dialogList().empty()) << "quarantine dialogs are not listed";
+    EXPECT_TRUE(agent.controller->dialogList().empty());
     delete older.data();
     delete newer.data();
-}
 
-TEST(QuarantineDialogs, EngineUnreachableDialogSaysSoAndItsButtonQuits)
-{
-    kvtest::DesktopAgent agent;
-    kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
-    dialogs.setKorvaneVelgarController(agent.controller);
     ASSERT_TRUE(dialogs.showEngineUnreachableDialog("firstPatientScanner", "The engine is gone.", "Quit Now"));
     const kv::InfectionDialogs::Outlets outlets = dialogs.outletsOf("firstPatientScanner");
     EXPECT_EQ(outlets.theMessage->text(), "The engine is gone.");
@@ -153,35 +121,12 @@ TEST(QuarantineDialogs, EngineUnreachableDialogSaysSoAndItsButtonQuits)
     QTest::mouseClick(outlets.deleteButton, Qt::LeftButton);
     EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
     delete outlets.theDialog.data();
-}
 
-TEST(InfectionDialogs, ScannerThreadGetsItsDialogOrFalseWhenTheFileIsMissing)
-{
-    kvtest::DesktopAgent agent;
     kvtest::TempDir empty;
-    kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
-    dialogs.setKorvaneVelgarController(agent.controller);
     kv::InfectionDialogs missing(empty.path(), agent.workspace);
     missing.setKorvaneVelgarController(agent.controller);
-
-    // The dialogs are made on the main thread, which keeps its event loop
-    // running while the scanner waits.
-    std::atomic<int> results{-1};
-    std::thread scanner([&] {
-        const bool shown = dialogs.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com");
-        const bool notShown = missing.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com");
-        results = (shown ? 1 : 0) + (notShown ? 2 : 0);
-    });
-    EXPECT_TRUE(QTest::qWaitFor([&] { return results >= 0; }, 10000));
-    scanner.join();
-    EXPECT_EQ(results, 1);
-    QPointer<QDialog> dialog = dialogs.outletsOf("firstPatientScanner").theDialog;
-    ASSERT_FALSE(dialog.isNull());
-    EXPECT_TRUE(dialog->isVisible());
-    EXPECT_EQ(dialog->findChild<QLabel*>("theMessage")->text(), "/tmp/x.com: Eicar FOUND");
-    EXPECT_EQ(agent.controller->dialogList().size(), 1u);
-    delete dialog.data();
-    EXPECT_TRUE(agent.controller->dialogList().empty());
+    EXPECT_FALSE(missing.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com"));
+    EXPECT_FALSE(missing.showQuarantinedDialog("firstPatientScanner", quarantine));
 }
 
 } // namespace
