@@ -142,10 +142,6 @@ public:
     // Notifications and panels. Any thread.
     bool displayGrowlDialog(int kind, const std::string& description) override;
     void displayDialog(Panel panel);
-    std::map<std::string, std::vector<std::string>> registrationDictionaryForGrowl() const
-    {
-        return notifications_.registrationDictionary();
-    }
 
     // Definitions updates. updateVirusDefs() starts one on a thread of its
     // own and returns at once; with no argument it is the menu command,

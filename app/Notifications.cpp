@@ -47,10 +47,4 @@ bool Notifications::display(int kind, const std::string& description) const
     return notifier_->notify(notification);
 }
 
-std::map<std::string, std::vector<std::string>> Notifications::registrationDictionary() const
-{
-    const std::vector<std::string> names = {found_, removed_, quarantined_, updateSuccessful_, alreadyUpToDate_, "Error"};
-    return {{"AllNotifications", names}, {"DefaultNotifications", names}};
-}
-
 } // namespace kv

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <map>
 #include <string>
-#include <vector>
 
 namespace kv {
 
@@ -30,10 +28,6 @@ public:
     const std::string& updateSuccessful() const { return updateSuccessful_; }
     const std::string& alreadyUpToDate() const { return alreadyUpToDate_; }
     const std::string& unknownError() const { return unknownError_; }
-
-    // "AllNotifications" and "DefaultNotifications": the six notification
-    // names, each list in the same order.
-    std::map<std::string, std::vector<std::string>> registrationDictionary() const;
 
 private:
     DesktopNotifier* notifier_;
