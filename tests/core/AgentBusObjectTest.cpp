@@ -2,7 +2,7 @@
 // agent's bus object on a private session bus; the controller answers.
 
 #include "platform/AgentBusObject.h"
-#include "tests/core/AgentHarness.h"
+#include "tests/support/TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDBusMessage>

@@ -19,31 +19,28 @@ protected:
     std::optional<int>& exitStatus_ = agent_.exitStatus;
 };
 
-TEST_F(Supervision, ADaemonThatCannotStartFailsTheLoad)
+TEST_F(Supervision, AnEngineThatCannotRunFailsTheLoad)
 {
     struct Breakage {
         const char* name;
         std::function<void()> apply;
+        const char* logged;
     };
     const std::vector<Breakage> breakages = {
-        {"empty database folder", [&] { std::filesystem::remove(engine_.path() + "/db/korvane-test.ndb"); }},
-        {"unreadable configuration", [&] { std::filesystem::remove(engine_.config()); }},
+        {"empty database folder", [&] { std::filesystem::remove(engine_.path() + "/db/korvane-test.ndb"); },
+         "clamd couldn't be launched.  Quitting now."},
+        {"unreadable configuration", [&] { std::filesystem::remove(engine_.config()); },
+         "clamd couldn't be launched.  Quitting now."},
+        {"no executable", [&] { std::filesystem::remove(engine_.path() + "/sbin/clamd"); },
+         "ClamAV installation couldn't be found.  Quitting now."},
     };
     for (const Breakage& breakage : breakages) {
         breakage.apply();
         kvtest::LogCapture log;
         EXPECT_FALSE(controller_->readPrefs()) << breakage.name;
-        EXPECT_TRUE(log.contains("clamd couldn't be launched.  Quitting now.")) << breakage.name;
-        EXPECT_FALSE(controller_->clamd().weLaunchedClamd());
+        EXPECT_TRUE(log.contains(breakage.logged)) << breakage.name;
+        EXPECT_FALSE(controller_->clamd().weLaunchedClamd()) << breakage.name;
     }
-}
-
-TEST_F(Supervision, NoExecutableInThePrefix)
-{
-    std::filesystem::remove(engine_.path() + "/sbin/clamd");
-    kvtest::LogCapture log;
-    EXPECT_FALSE(controller_->readPrefs());
-    EXPECT_TRUE(log.contains("ClamAV installation couldn't be found.  Quitting now."));
 }
 
 } // namespace

@@ -15,111 +15,92 @@
 
 namespace {
 
-class Controller : public ::testing::Test {
+class Controller : public kvtest::AgentTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        engine_ = new kvtest::EnginePrefix;
-        ASSERT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
-    }
-    static void TearDownTestSuite()
-    {
-        delete engine_;
-        engine_ = nullptr;
-    }
-
-    std::unique_ptr<kv::KorvaneVelgar> makeController() { return std::make_unique<kv::KorvaneVelgar>(agent_.parts()); }
-
-    static kvtest::EnginePrefix* engine_;
-    kvtest::RecordingAgent agent_{engine_->path()};
-    kvtest::TempDir& home_ = agent_.home;
-    kvtest::FakePreferences& preferences_ = agent_.preferences;
     kvtest::RecordingCenter& center_ = agent_.center;
-    kvtest::RecordingNotifier& notifier_ = agent_.notifier;
-    kvtest::RecordingPanels& panels_ = agent_.panels;
     kvtest::RecordingStatusMenu& menu_ = agent_.menu;
     std::optional<int>& exitStatus_ = agent_.exitStatus;
 };
 
-kvtest::EnginePrefix* Controller::engine_ = nullptr;
-
-struct ModeCase {
+struct LoadCase {
     const char* name;
-    QJsonObject preferences;
-    std::string mode;
-    std::string location;
-    std::vector<std::string> logLines;
+    QJsonObject preferences;  // the agent's own domain
+    bool loads;
+    const char* logged;     // a line the load logs ("" for none)
+    const char* notLogged;  // a line it must not log ("" for none)
 };
 
-TEST_F(Controller, SwitchesAndPathsOfALoad)
+TEST_F(Controller, PreferenceValuesOfALoad)
 {
-    auto controller = makeController();
-    kvtest::LogCapture log;
-    preferences_.own = {{"multiscan", "YES"}, {"ScanEmail", false}};
-    ASSERT_TRUE(controller->readPrefs());
-    EXPECT_FALSE(controller->useMultiscan()) << "only the exact word turns multiscan on";
-    EXPECT_TRUE(log.contains("do NOT scan email files"));
-    EXPECT_EQ(preferences_.suites, std::vector<std::string>{"com.korvane.Korvane"});
+    const std::vector<LoadCase> cases = {
+        {"multiscan only for the exact word", {{"multiscan", "YES"}}, true, "", "Will use as many processor cores"},
+        {"multiscan", {{"multiscan", "yes"}}, true, "Will use as many processor cores as possible for scanning", ""},
+        {"email scanning off", {{"ScanEmail", false}}, true, "do NOT scan email files", ""},
+        {"email scanning by default", {}, true, "scan email files", "do NOT scan email files"},
+        {"a number is no installation prefix", {{"PathToClamav", 42}}, false, "\"PathToClamav\" should hold a text", ""},
+        {"an array is no quarantine folder", {{"QuarantineFolder", QJsonArray{1, 2}}, {"VelgarQuarantineFiles", true}},
+         true, "\"QuarantineFolder\" holds no folder path", ""},
+    };
+    for (const LoadCase& c : cases) {
+        preferences_.own = c.preferences;
+        kv::KorvaneVelgar& controller = makeController();
+        kvtest::LogCapture log;
+        EXPECT_EQ(controller.readPrefs(), c.loads) << c.name;
+        if (*c.logged)
+            EXPECT_TRUE(log.contains(c.logged)) << c.name;
+        if (*c.notLogged)
+            EXPECT_FALSE(log.contains(c.notLogged)) << c.name;
+        if (c.preferences.contains("QuarantineFolder"))
+            EXPECT_EQ(controller.getQuarantineLocation(), "--move=") << c.name;
+    }
+}
 
-    preferences_.own = {{"multiscan", "yes"}, {"NeedsExit1FreshclamFlag", true}, {"UpdateDefsOnLaunch", "true"}};
-    ASSERT_TRUE(controller->readPrefs());
-    EXPECT_TRUE(controller->useMultiscan());
-    EXPECT_TRUE(log.contains("Will use as many processor cores as possible for scanning"));
-    EXPECT_TRUE(log.contains("scan email files"));
-    EXPECT_EQ(controller->clamScanPATH(), engine_->path() + "/bin/clamdscan");
-    EXPECT_EQ(controller->freshclamPATH(), engine_->path() + "/bin/freshclam");
-    EXPECT_EQ(controller->freshclamLogLocation(), "--log=" + (home_ / "update.log"));
-    EXPECT_TRUE(controller->updateDefsAtLaunch());
+TEST_F(Controller, PathsFlagsAndTheDaemonFoundByALoad)
+{
+    kv::KorvaneVelgar& controller = makeController();
+    preferences_.own = {{"NeedsExit1FreshclamFlag", true}, {"UpdateDefsOnLaunch", "true"}};
+    ASSERT_TRUE(controller.readPrefs());
+    EXPECT_EQ(preferences_.suites, std::vector<std::string>{"com.korvane.Korvane"});
+    EXPECT_EQ(controller.clamScanPATH(), engine_->path() + "/bin/clamdscan");
+    EXPECT_EQ(controller.freshclamPATH(), engine_->path() + "/bin/freshclam");
+    EXPECT_EQ(controller.freshclamLogLocation(), "--log=" + (home_ / "update.log"));
+    EXPECT_TRUE(controller.updateDefsAtLaunch());
 
     // The updater's exit-1 flag is only ever set by a load, never cleared.
     preferences_.own = {};
-    ASSERT_TRUE(controller->readPrefs());
-    EXPECT_TRUE(controller->needsExit1FreshclamFlag());
-    EXPECT_FALSE(controller->updateDefsAtLaunch());
+    ASSERT_TRUE(controller.readPrefs());
+    EXPECT_TRUE(controller.needsExit1FreshclamFlag());
+    EXPECT_FALSE(controller.updateDefsAtLaunch());
 
     // The running daemon is the one found: its socket is the one in use.
-    EXPECT_EQ(controller->clamd().clamdSocket(), engine_->socket());
-    EXPECT_EQ(controller->clamd().clamdConfPATH(), engine_->config());
-    EXPECT_FALSE(controller->clamd().weLaunchedClamd());
+    EXPECT_EQ(controller.clamd().clamdSocket(), engine_->socket());
+    EXPECT_EQ(controller.clamd().clamdConfPATH(), engine_->config());
+    EXPECT_FALSE(controller.clamd().weLaunchedClamd());
 }
 
 TEST_F(Controller, TemporaryFoldersArePreparedAndThrobberFilesEmptied)
 {
-    auto controller = makeController();
-    ASSERT_TRUE(controller->readPrefs());
+    kv::KorvaneVelgar& controller = makeController();
+    ASSERT_TRUE(controller.readPrefs());
     const std::string watch = home_.path() + "//KorvaneVelgarII";
-    EXPECT_EQ(controller->getTheTempDirToWatch(), watch);
-    EXPECT_EQ(controller->getTheThrobberTempDir(), watch + "/Throbber");
+    EXPECT_EQ(controller.getTheTempDirToWatch(), watch);
+    EXPECT_EQ(controller.getTheThrobberTempDir(), watch + "/Throbber");
 
     kvtest::writeFile(watch + "/Throbber/left-over", "x");
     std::filesystem::create_directory(watch + "/Throbber/keep");
-    ASSERT_TRUE(controller->readPrefs());
+    ASSERT_TRUE(controller.readPrefs());
     EXPECT_FALSE(kvtest::exists(watch + "/Throbber/left-over"));
     EXPECT_TRUE(kvtest::exists(watch + "/Throbber/keep"));
-}
-
-TEST_F(Controller, BadPreferenceValuesAreLoggedAndIgnored)
-{
-    auto controller = makeController();
-    kvtest::LogCapture log;
-    preferences_.own = {{"PathToClamav", 42}, {"QuarantineFolder", 7}, {"VelgarQuarantineFiles", true}};
-    EXPECT_FALSE(controller->readPrefs()) << "a number is no installation prefix";
-    EXPECT_TRUE(log.contains("\"PathToClamav\" should hold a text"));
-
-    preferences_.own = {{"QuarantineFolder", QJsonArray{1, 2}}, {"VelgarQuarantineFiles", true}};
-    EXPECT_TRUE(controller->readPrefs());
-    EXPECT_EQ(controller->getQuarantineLocation(), "--move=");
-    EXPECT_TRUE(log.contains("\"QuarantineFolder\" holds no folder path"));
 }
 
 TEST_F(Controller, NoPrefixShowsTheNoEnginePathAndLaunchesNothing)
 {
     preferences_.suite = {};
-    auto controller = makeController();
+    kv::KorvaneVelgar& controller = makeController();
     kvtest::LogCapture log;
-    controller->applicationDidFinishLaunching();
+    controller.applicationDidFinishLaunching();
 
-    EXPECT_FALSE(controller->isWatching());
+    EXPECT_FALSE(controller.isWatching());
     EXPECT_TRUE(log.contains("ClamAV installation couldn't be found.  Quitting now."));
     EXPECT_FALSE(log.contains("clamd not running")) << "no daemon is looked for or launched without a prefix";
     ASSERT_FALSE(notifier_.sent().empty());
@@ -145,61 +126,33 @@ TEST_F(Controller, DockIconOnlyForTrueOrBothInAnyCase)
              {"TRUE", 1}, {"Both", 1}, {"yes", 0}, {"", 0}}) {
         preferences_.own = {{"ShowDockIcon", value}};
         panels_.foregroundRequests = 0;
-        auto controller = makeController();
-        controller->applicationDidFinishLaunching();
+        kv::KorvaneVelgar& controller = makeController();
+        controller.applicationDidFinishLaunching();
         EXPECT_EQ(panels_.foregroundRequests, expected) << value;
     }
 }
 
 TEST_F(Controller, ScannerCountWakesTheIndicatorAndMayGoNegative)
 {
-    auto controller = makeController();
-    controller->modifyScannerCountBy(-1);
-    EXPECT_EQ(controller->scannerCount(), -1);
+    kv::KorvaneVelgar& controller = makeController();
+    controller.modifyScannerCountBy(-1);
+    EXPECT_EQ(controller.scannerCount(), -1);
 
     // A waiter on throbberLock sees each change.
     std::atomic<bool> sawPositive{false};
     std::thread indicator([&] {
-        kv::ConditionLock& lock = controller->throbberLock();
+        kv::ConditionLock& lock = controller.throbberLock();
         lock.lock();
-        while (controller->scannerCount() <= 0)
+        while (controller.scannerCount() <= 0)
             lock.wait();
         sawPositive = true;
         lock.unlock();
     });
-    controller->modifyScannerCountBy(1);
-    controller->modifyScannerCountBy(1);
+    controller.modifyScannerCountBy(1);
+    controller.modifyScannerCountBy(1);
     indicator.join();
     EXPECT_TRUE(sawPositive);
-    EXPECT_EQ(controller->scannerCount(), 1);
-}
-
-TEST_F(Controller, NotificationKinds)
-{
-    auto controller = makeController();
-    controller->applicationDidFinishLaunching();
-    struct Kind {
-        int kind;
-        std::string name;
-        std::string title;
-    };
-    for (const Kind& k : std::vector<Kind>{{1, "FOUND", "FOUND"},
-                                           {2, "QUARANTINED", "QUARANTINED"},
-                                           {3, "REMOVED", "REMOVED"},
-                                           {4, "SUCCESSFUL", "Korvane Velgar"},
-                                           {5, "ALREADY_UP_TO_DATE", "Korvane Velgar"},
-                                           {6, "Error", "Korvane Velgar"},
-                                           {0, "Error", "Korvane Velgar"},
-                                           {7, "Error", "Korvane Velgar"}}) {
-        EXPECT_TRUE(controller->displayGrowlDialog(k.kind, "a <b> & c"));
-        const kv::DesktopNotification sent = notifier_.sent().back();
-        EXPECT_EQ(sent.name, k.name) << k.kind;
-        EXPECT_EQ(sent.title, k.title) << k.kind;
-        EXPECT_EQ(sent.description, "a <b> & c");
-        EXPECT_TRUE(sent.sticky);
-    }
-    notifier_.running = false;
-    EXPECT_FALSE(controller->displayGrowlDialog(1, "x"));
+    EXPECT_EQ(controller.scannerCount(), 1);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "queue/Dispatcher.h"
+#include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -20,31 +21,12 @@ namespace {
 
 using Batch = std::vector<std::string>;
 
-// A folder of real files that disappears with the test.
-class TempFolder {
-public:
-    explicit TempFolder(const std::string& parent = ::testing::TempDir())
-    {
-        std::string pattern = parent + (parent.ends_with('/') ? "" : "/") + "kv-dispatcher-XXXXXX";
-        if (::mkdtemp(pattern.data()))
-            path_ = pattern;
-    }
-    ~TempFolder()
-    {
-        if (!path_.empty())
-            std::filesystem::remove_all(path_);
-    }
-    bool valid() const { return !path_.empty(); }
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name, size_t size) const
-    {
-        std::ofstream(path_ + "/" + name) << std::string(size, 'x');
-        return path_ + "/" + name;
-    }
-
-private:
-    std::string path_;
-};
+// A file of SIZE bytes in the folder.
+std::string file(const kvtest::TempDir& folder, const std::string& name, size_t size)
+{
+    kvtest::writeFile(folder / name, std::string(size, 'x'));
+    return folder / name;
+}
 
 void append(const std::string& path, size_t bytes) { std::ofstream(path, std::ios::app) << std::string(bytes, 'y'); }
 
@@ -58,7 +40,7 @@ protected:
         if (cycle < pauses.size() && pauses[cycle])
             pauses[cycle](subject);
     }};
-    TempFolder folder;
+    kvtest::TempDir folder;
 
     void runCycles(size_t count)
     {
@@ -77,7 +59,7 @@ protected:
     {
         Batch paths;
         for (size_t i = 0; i < count; ++i)
-            paths.push_back(folder.file("r" + std::to_string(i), 3));
+            paths.push_back(file(folder, "r" + std::to_string(i), 3));
         Batch intake = paths;
         queue.addToItemList(intake);
         runCycles(1);
@@ -91,7 +73,7 @@ using DispatcherIntake = DispatcherFixture;
 
 TEST_F(DispatcherIntake, ThreeArrivalsAreCountedThreeTimesButPendOnce)
 {
-    const std::string empty = folder.file("empty", 0);
+    const std::string empty = file(folder, "empty", 0);
     queue.addStringToItemList(empty);
     Batch twice{empty, empty};
     queue.addToItemList(twice);
@@ -136,7 +118,7 @@ TEST_F(DispatcherIntake, LaterArrivalChangesNothingUntilAScannerTookThePath)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::string path = folder.file(c.name, 5);
+        const std::string path = file(folder, c.name, 5);
         c.bringTo(path);
         const int32_t readyBefore = queue.scannableCount();
         Batch again{path};
@@ -164,20 +146,20 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
         std::vector<std::string> afterEachCycle;
     };
     const std::vector<Case> cases = {
-        {"constant file", [&] { return folder.file("constant", 5); }, {}, {"ready"}},
-        {"growing file waits", [&] { return folder.file("growing", 5); }, {grow}, {"8", "ready"}},
-        {"empty file never ready", [&] { return folder.file("empty", 0); }, {}, {"0", "0", "0"}},
-        {"file filled later", [&] { return folder.file("filled", 0); }, {nullptr, grow}, {"0", "3", "ready"}},
+        {"constant file", [&] { return file(folder, "constant", 5); }, {}, {"ready"}},
+        {"growing file waits", [&] { return file(folder, "growing", 5); }, {grow}, {"8", "ready"}},
+        {"empty file never ready", [&] { return file(folder, "empty", 0); }, {}, {"0", "0", "0"}},
+        {"file filled later", [&] { return file(folder, "filled", 0); }, {nullptr, grow}, {"0", "3", "ready"}},
         {"deleted before its first measurement",
          [&] {
-             const std::string path = folder.file("early", 5);
+             const std::string path = file(folder, "early", 5);
              remove(path);
              return path;
          },
          {},
          {"gone"}},
-        {"deleted after its first measurement", [&] { return folder.file("first", 5); }, {remove}, {"gone"}},
-        {"deleted after it was marked ready in a first pass", [&] { return folder.file("marked", 5); },
+        {"deleted after its first measurement", [&] { return file(folder, "first", 5); }, {remove}, {"gone"}},
+        {"deleted after it was marked ready in a first pass", [&] { return file(folder, "marked", 5); },
          {grow,
           [&](const std::string& path) {
               EXPECT_EQ(stateOf(path), "*");
@@ -187,7 +169,7 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
         {"folder is dropped", [&] { return folder.path(); }, {}, {"gone"}},
         {"link is measured by its target",
          [&] {
-             EXPECT_EQ(::symlink(folder.file("target", 5).c_str(), (folder.path() + "/link").c_str()), 0);
+             EXPECT_EQ(::symlink(file(folder, "target", 5).c_str(), (folder.path() + "/link").c_str()), 0);
              return folder.path() + "/link";
          },
          {[&](const std::string&) { append(folder.path() + "/target", 3); }},
@@ -216,10 +198,10 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
 
 TEST_F(DispatcherReadiness, MountPointUnderAVolumeRootIsHandedOverWhole)
 {
-    TempFolder mountPoint("/mnt");
-    if (!mountPoint.valid())
-        GTEST_SKIP() << "/mnt is not writable here";
-    mountPoint.file("content", 5);
+    // A folder directly under /mnt is where volumes are mounted (the tests
+    // run as root, who may make one).
+    const kvtest::TempDir mountPoint("/mnt");
+    file(mountPoint, "content", 5);
     queue.addStringToItemList(mountPoint.path());
     runCycles(1);
     Batch batch;
@@ -293,9 +275,9 @@ using DispatcherAbort = DispatcherFixture;
 TEST_F(DispatcherAbort, EmptiesPendingAndReadyButKeepsTheIntakeList)
 {
     makeReady(2);
-    queue.addStringToItemList(folder.file("empty", 0));
+    queue.addStringToItemList(file(folder, "empty", 0));
     runCycles(1);
-    const std::string late = folder.file("late", 4);
+    const std::string late = file(folder, "late", 4);
     queue.addStringToItemList(late);
     ASSERT_EQ(queue.snapshotOfMyItemList().size(), 1u);
     ASSERT_EQ(queue.scannableCount(), 2);
@@ -364,10 +346,10 @@ private:
 TEST(DispatcherThreads, ProducersAndTwoScannersLoseNoPathAndRepeatNone)
 {
     constexpr int kProducers = 4, kPerProducer = 750, kTotal = kProducers * kPerProducer;
-    TempFolder folder;
+    kvtest::TempDir folder;
     Batch paths;
     for (int i = 0; i < kTotal; ++i)
-        paths.push_back(folder.file(std::to_string(i), 1 + i % 7));
+        paths.push_back(file(folder, std::to_string(i), 1 + i % 7));
 
     RunningDispatcher running;
     std::mutex seenMutex;
@@ -414,7 +396,7 @@ TEST(DispatcherThreads, ProducersAndTwoScannersLoseNoPathAndRepeatNone)
 
 TEST(DispatcherThreads, IdleDispatcherSleepsUntilOneArrivalWakesIt)
 {
-    TempFolder folder;
+    kvtest::TempDir folder;
     RunningDispatcher running;
     auto expectIdle = [&] {
         const int cycles = running.cycles();
@@ -425,7 +407,7 @@ TEST(DispatcherThreads, IdleDispatcherSleepsUntilOneArrivalWakesIt)
     };
     expectIdle();
 
-    running.queue.addStringToItemList(folder.file("one", 5));
+    running.queue.addStringToItemList(file(folder, "one", 5));
     const std::atomic<bool> done = false;
     EXPECT_EQ(running.takeBatch(done), Batch{folder.path() + "/one"});
     expectIdle();

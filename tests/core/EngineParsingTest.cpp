@@ -3,17 +3,14 @@
 #include "engine/ClamdConfig.h"
 #include "engine/ClamdProcessList.h"
 #include "engine/ClamdSupervisor.h"
-#include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 
 namespace {
 
@@ -272,37 +269,6 @@ TEST(ClamdProcessList, TableReadsArgumentVectorsAndRealUsers)
     EXPECT_FALSE(table[0].zombie);
     EXPECT_TRUE(table[1].zombie);
     EXPECT_EQ(table[2].argv, std::vector<std::string>{"rewritten title"});
-}
-
-// Another account's program, named clamd and given the user's own prefix
-// configuration, runs on the machine: it is not the user's daemon. The
-// user's own (this test's) is.
-TEST(ClamdProcessList, ANeighboursClamdNeverCountsAsOwn)
-{
-    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
-    kvtest::TempDir dir;
-    ::chmod(dir.path().c_str(), 0755);
-    const std::string prefix = dir / "prefix";
-    std::filesystem::create_directories(dir / "bin");
-    std::filesystem::copy_file(KV_IDLE_PROCESS, dir / "bin/clamd");
-    const std::vector<std::string> fakeDaemon = {dir / "bin/clamd", "-c", prefix + "/etc/clamd.conf"};
-
-    kv::ClamdSupervisor supervisor;
-    std::vector<std::string> asNeighbour = kvtest::asUser("nobody");
-    asNeighbour.insert(asNeighbour.end(), fakeDaemon.begin(), fakeDaemon.end());
-    std::optional<kv::ChildProcess> neighbour = kv::ChildProcess::spawn(asNeighbour, kv::ChildProcess::Output::Inherit);
-    ASSERT_TRUE(neighbour);
-    const std::string table = "/proc/" + std::to_string(neighbour->pid()) + "/cmdline";
-    ASSERT_TRUE(kvtest::waitFor([&] { return kvtest::readFile(table).starts_with(dir / "bin/clamd"); }, 5000));
-    EXPECT_FALSE(supervisor.checkForClamd(prefix));
-    ::kill(neighbour->pid(), SIGKILL);
-    neighbour->wait();
-
-    std::optional<kv::ChildProcess> own = kv::ChildProcess::spawn(fakeDaemon, kv::ChildProcess::Output::Inherit);
-    ASSERT_TRUE(own);
-    EXPECT_TRUE(kvtest::waitFor([&] { return supervisor.checkForClamd(prefix); }, 5000));
-    ::kill(own->pid(), SIGKILL);
-    own->wait();
 }
 
 } // namespace

@@ -5,13 +5,11 @@
 #include "app/KorvaneVelgar.h"
 #include "intake/FSEventWatcher.h"
 #include "platform/ChildProcess.h"
-#include "platform/LongPath.h"
 #include "platform/Paths.h"
 #include "platform/RootControlled.h"
 #include "queue/Dispatcher.h"
 #include "tests/support/TestSupport.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -112,9 +110,9 @@ TEST(EventFilter, HandsTheQueueEachWatchedPathOnce)
 
 // Files that raised no events of their own are found by walking: every
 // watched folder after the kernel lost events, a folder moved in from where
-// its files were not watched, the folder above an event the helper could
-// not name. The helper's reasons are logged once however often it repeats
-// them.
+// its files were not watched. (The folder above a file the helper could not
+// name, deeper than PATH_MAX, is e2e.arrivals' case.) The helper's reasons
+// are logged once however often it repeats them.
 TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
 {
     kvtest::TempDir folder;
@@ -122,16 +120,6 @@ TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
     kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "W/data");
     const std::vector<std::string> watched = {folder / "W/", folder / "V/"};
     const std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}};
-
-    // A folder nested deeper than PATH_MAX, made a step at a time.
-    std::string deep = folder / "W/deep";
-    fs::create_directories(deep);
-    for (int level = 0; deep.size() < 4300; ++level) {
-        const std::string name(200, static_cast<char>('a' + level % 26));
-        const kv::UniqueFd parent = kv::openPath(deep, O_PATH | O_DIRECTORY);
-        ASSERT_EQ(::mkdirat(parent.get(), name.c_str(), 0755), 0);
-        deep += "/" + name;
-    }
 
     struct WalkCase {
         const char* name;
@@ -171,27 +159,6 @@ TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
             fs::remove(folder / file);
     }
 
-    // The deep file is found, and queued whole, from the nearest folder the
-    // helper could name.
-    const std::string deepFile = deep + "/infected.com";
-    {
-        const kv::UniqueFd parent = kv::openPath(deep, O_PATH | O_DIRECTORY);
-        ASSERT_TRUE(parent);
-        const kv::UniqueFd file(::openat(parent.get(), "infected.com", O_WRONLY | O_CREAT, 0644));
-        ASSERT_EQ(::write(file.get(), "x", 1), 1);
-    }
-    kvtest::LogCapture log;
-    kv::Dispatcher queue{[] {}};
-    kv::FSEventWatcher watcher(queue);
-    watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, folder / "W/Q"));
-    watcher.taskDataAvailable(records({"!unresolved", "its path is longer than 4096 bytes", folder / "W/deep"}));
-    ASSERT_TRUE(kvtest::waitFor([&] { return !watcher.isWalkingFolders(); }, 10000));
-    queue.runOneCycle();
-    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{deepFile});
-    EXPECT_EQ(log.count("its path is longer than 4096 bytes), so the folder " + (folder / "W/deep") + " is scanned whole"),
-              1u);
-    // Too deep for the folder's own removal, which works by path.
-    kv::runAndWait({"rm", "-rf", folder / "W/deep"}, kv::ChildProcess::Output::Inherit);
 }
 
 TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
@@ -219,53 +186,16 @@ TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
 
 // The watcher as the agent runs it: started and stopped by the controller,
 // running the real gfslogger as root.
-class Intake : public ::testing::Test {
+class Intake : public kvtest::AgentTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        engine_ = new kvtest::EnginePrefix;
-        ASSERT_TRUE(engine_->startDaemon());
-        // The installation step asks the main thread for its stop and start.
-        if (!QCoreApplication::instance())
-            application_ = new QCoreApplication(argc_, argv_);
-    }
-    static void TearDownTestSuite()
-    {
-        delete application_;
-        application_ = nullptr;
-        delete engine_;
-        engine_ = nullptr;
-    }
-
     void SetUp() override
     {
-        ::chmod(home_.path().c_str(), 0700);
         fs::create_directories(watched());
-        preferences_.suite["PathToClamav"] = QString::fromStdString(engine_->path());
-        preferences_.suite["PathToUpdateLog"] = QString::fromStdString(home_ / "update.log");
         preferences_.own["VelgarFolderArray"] =
             QJsonArray{QJsonObject{{"pathName", QString::fromStdString(watched())}, {"WatchSubdirs", true}}};
     }
 
     std::string watched() const { return home_ / "watched"; }
-
-    kv::KorvaneVelgar& controller(bool permanentThreads = false)
-    {
-        kv::ControllerParts parts;
-        parts.velgarPrefs = &preferences_;
-        parts.notifier = &notifier_;
-        parts.scanAlerts = &alerts_;
-        parts.homeDirectory = home_.path();
-        parts.redirectToScanLog = false;
-        parts.dispatcherPause = [] {};
-        parts.exitProcess = [this](int status) { exitStatus_ = status; };
-        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-        if (permanentThreads)
-            controller_->applicationDidFinishLaunching();
-        else
-            controller_->prepareNotifications();
-        return *controller_;
-    }
 
     // Writes the file until the watcher has put it in the queue: the helper
     // may still be marking file systems when watching starts.
@@ -281,16 +211,6 @@ protected:
             10000);
     }
 
-    bool untilWithEvents(const std::function<bool()>& condition)
-    {
-        return kvtest::waitFor(
-            [&] {
-                QCoreApplication::processEvents();
-                return condition();
-            },
-            10000);
-    }
-
     // An installation that root alone controls (under "/", not /tmp), with
     // the real installer, and a helper that runs the real one only once it
     // is set-user-ID: before that it exits 1, as a helper without root's
@@ -298,16 +218,15 @@ protected:
     // arguments and runs them or refuses.
     std::string prepareInstallation(bool administratorAgrees)
     {
-        char pattern[] = "/kv-intake-test.XXXXXX";
-        installRoot_ = ::mkdtemp(pattern);
-        ::chmod(installRoot_.c_str(), 0755);
-        const std::string helper = installRoot_ + "/share/korvane-velgar/gfslogger";
+        installRoot_.emplace("/", "kv-intake-test.");
+        ::chmod(installRoot_->path().c_str(), 0755);
+        const std::string helper = *installRoot_ / "share/korvane-velgar/gfslogger";
         kvtest::writeFile(helper, "#!/bin/sh\n[ -u \"$0\" ] || exit 1\nexec " KV_TEST_RESOURCES_DIR "/gfslogger \"$@\"\n",
                           0755);
-        fs::create_directories(installRoot_ + "/libexec/korvane-velgar");
-        fs::copy_file(KV_TEST_INSTALLER, installRoot_ + "/libexec/korvane-velgar/install-gfslogger");
+        fs::create_directories(*installRoot_ / "libexec/korvane-velgar");
+        fs::copy_file(KV_TEST_INSTALLER, *installRoot_ / "libexec/korvane-velgar/install-gfslogger");
         prepareStandInPkexec(administratorAgrees);
-        resources_.emplace("KORVANE_VELGAR_RESOURCES", installRoot_ + "/share/korvane-velgar");
+        resources_.emplace("KORVANE_VELGAR_RESOURCES", *installRoot_ / "share/korvane-velgar");
         return helper;
     }
 
@@ -320,51 +239,27 @@ protected:
         path_.emplace("PATH", home_ / "bin:" + std::string(std::getenv("PATH")));
     }
 
-    ~Intake() override
-    {
-        if (!installRoot_.empty())
-            fs::remove_all(installRoot_);
-    }
-
-    static kvtest::EnginePrefix* engine_;
-    static QCoreApplication* application_;
-    static inline int argc_ = 1;
-    static inline char applicationName_[] = "kvcore_tests";
-    static inline char* argv_[] = {applicationName_, nullptr};
-
-    std::string installRoot_;
-    kvtest::TempDir home_;
-    kvtest::ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_.path()};
-    kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
-    kvtest::ScopedEnv helperFolder_{"KORVANE_VELGAR_RESOURCES", KV_TEST_RESOURCES_DIR};
+    std::optional<kvtest::TempDir> installRoot_;
     std::optional<kvtest::ScopedEnv> resources_;
     std::optional<kvtest::ScopedEnv> path_;
-    kvtest::FakePreferences preferences_;
-    kvtest::RecordingNotifier notifier_;
-    kvtest::RecordingAlerts alerts_;
-    kvtest::LogCapture log_;
-    std::optional<int> exitStatus_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
+    std::optional<int>& exitStatus_ = agent_.exitStatus;
 };
-
-kvtest::EnginePrefix* Intake::engine_ = nullptr;
-QCoreApplication* Intake::application_ = nullptr;
 
 TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
 {
     const std::string helper = prepareInstallation(true);
-    kv::KorvaneVelgar& agent = controller();
+    kv::KorvaneVelgar& agent = makeController();
     agent.startWatcher();
 
     const auto installed = [&] {
         struct stat info{};
         return ::stat(helper.c_str(), &info) == 0 && (info.st_mode & 07777) == 04755;
     };
-    ASSERT_TRUE(untilWithEvents([&] { return installed() && agent.isWatching() && agent.gfsLogger().helperPid() > 0; }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return installed() && agent.isWatching() && agent.gfsLogger().helperPid() > 0; }));
     EXPECT_TRUE(reachesQueue(watched() + "/after-install"));
 
     EXPECT_TRUE(log_.contains("termination status = 1"));
-    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), installRoot_ + "/libexec/korvane-velgar/install-gfslogger\n");
+    EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), *installRoot_ / "libexec/korvane-velgar/install-gfslogger\n");
     const std::vector<kv::DesktopNotification> sent = notifier_.sent();
     ASSERT_FALSE(sent.empty());
     EXPECT_EQ(sent.front().name, "Error");
@@ -374,10 +269,10 @@ TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
 TEST_F(Intake, RefusedInstallationStopsWatchingAndQuits)
 {
     const std::string helper = prepareInstallation(false);
-    kv::KorvaneVelgar& agent = controller();
+    kv::KorvaneVelgar& agent = makeController();
     agent.startWatcher();
 
-    ASSERT_TRUE(untilWithEvents([&] { return exitStatus_.has_value(); }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return exitStatus_.has_value(); }));
     EXPECT_EQ(*exitStatus_, 0);
     EXPECT_TRUE(log_.contains("Authentication failed. Sorry!"));
     EXPECT_FALSE(agent.isWatching());
@@ -397,12 +292,12 @@ TEST_F(Intake, HelperOthersCouldChangeIsNeverMadeSetUserId)
     kvtest::writeFile(helper, "#!/bin/sh\nexit 1\n", 0755);
     prepareStandInPkexec(true);
     resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
-    kv::KorvaneVelgar& agent = controller();
+    kv::KorvaneVelgar& agent = makeController();
     agent.startWatcher();
 
-    ASSERT_TRUE(untilWithEvents([&] { return log_.contains("sudo cmake --install build"); }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return log_.contains("sudo cmake --install build"); }));
     EXPECT_TRUE(log_.contains("/tmp may be written by users other than root"));
-    ASSERT_TRUE(untilWithEvents([&] { return !agent.isWatching(); }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return !agent.isWatching(); }));
     EXPECT_FALSE(kvtest::exists(home_ / "pkexec.args"));
     EXPECT_FALSE(exitStatus_.has_value());
     const std::vector<kv::DesktopNotification> sent = notifier_.sent();
@@ -421,14 +316,14 @@ TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
                           "\nprintf 'gfslogger: fanotify: Function not implemented\\n\\0' >&2\nexit 2\n",
                       0755);
     resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
-    kv::KorvaneVelgar& agent = controller();
+    kv::KorvaneVelgar& agent = makeController();
     agent.startWatcher();
 
     const auto runs = [&] {
         const std::string text = kvtest::readFile(home_ / "runs");
         return std::count(text.begin(), text.end(), '\n');
     };
-    ASSERT_TRUE(untilWithEvents([&] { return runs() >= 3; }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return runs() >= 3; }));
     agent.stopWatcher();
     EXPECT_EQ(log_.count("gfslogger: fanotify: Function not implemented"), 1u);
     EXPECT_EQ(log_.count("termination status = 2"), 1u);
@@ -467,8 +362,8 @@ TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
          "/share is a symbolic link"},
     };
     for (const ControlCase& c : cases) {
-        char pattern[] = "/kv-root-controlled.XXXXXX";
-        const std::string root = ::mkdtemp(pattern);
+        const kvtest::TempDir folder("/", "kv-root-controlled.");
+        const std::string& root = folder.path();
         ::chmod(root.c_str(), 0755);
         kvtest::writeFile(root + "/share/gfslogger", "#!/bin/sh\n", 0755);
         ::chmod((root + "/share").c_str(), 0755);
@@ -478,7 +373,6 @@ TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
             EXPECT_EQ(why, "") << c.name;
         else
             EXPECT_TRUE(why.starts_with(root + c.reason)) << c.name << ": " << why;
-        fs::remove_all(root);
     }
     EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
     EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
@@ -518,8 +412,8 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
     };
     ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
     for (const InstallerCase& c : cases) {
-        char pattern[] = "/kv-installer-test.XXXXXX";
-        const std::string root = ::mkdtemp(pattern);
+        const kvtest::TempDir folder("/", "kv-installer-test.");
+        const std::string& root = folder.path();
         ::chmod(root.c_str(), 0755);
         kvtest::writeFile(root + helper, "#!/bin/sh\n", 0755);
         ::chmod((root + "/share").c_str(), 0755);
@@ -540,7 +434,6 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
                 setUserId.push_back(entry.path().string().substr(root.size()) + (info.st_uid == 0 ? "" : " (not root's)"));
         }
         EXPECT_EQ(setUserId, c.status == 0 ? std::vector<std::string>{helper} : std::vector<std::string>{}) << c.name;
-        fs::remove_all(root);
     }
 }
 

@@ -3,7 +3,7 @@
 // and the queue and a scanner driven by hand.
 
 #include "platform/MountWatcher.h"
-#include "tests/core/AgentHarness.h"
+#include "tests/support/TestSupport.h"
 
 #include <sys/mount.h>
 #include <unistd.h>
@@ -16,28 +16,19 @@ namespace {
 // volume names often have; unmounted and removed with the object.
 class ScopedVolume {
 public:
-    ScopedVolume()
-    {
-        char pattern[] = "/mnt/Korvane test XXXXXX";
-        path_ = ::mkdtemp(pattern) ? pattern : "";
-    }
-    ~ScopedVolume()
-    {
-        ::umount2(path_.c_str(), MNT_DETACH);
-        ::rmdir(path_.c_str());
-    }
+    ~ScopedVolume() { ::umount2(path().c_str(), MNT_DETACH); }
     bool mount(const std::string& eicar = {})
     {
-        if (::mount("korvane-test", path_.c_str(), "tmpfs", 0, "size=1m") != 0)
+        if (::mount("korvane-test", path().c_str(), "tmpfs", 0, "size=1m") != 0)
             return false;
         if (!eicar.empty())
-            kvtest::writeFile(path_ + "/eicar.com", eicar);
+            kvtest::writeFile(path() + "/eicar.com", eicar);
         return true;
     }
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return folder_.path(); }
 
 private:
-    std::string path_;
+    kvtest::TempDir folder_{"/mnt", "Korvane test "};
 };
 
 // The real mount watcher, noting what it reports, so that a test knows when
@@ -66,9 +57,7 @@ class MountedVolumes : public kvtest::AgentTest {
 protected:
     void SetUp() override
     {
-        if (::geteuid() != 0)
-            GTEST_SKIP() << "mounting needs root";
-        AgentTest::SetUp();
+        ASSERT_EQ(::geteuid(), 0u) << "mounting a volume needs root: run the core tests as root, as scripts/test.sh does";
     }
     kv::KorvaneVelgar& watch(const QJsonObject& preferences)
     {

@@ -2,9 +2,7 @@
 // output: log lines, alerts by handling mode, recovery of a lost daemon.
 
 #include "app/KorvaneVelgar.h"
-#include "platform/PathText.h"
 #include "scan/ExclusionPatterns.h"
-#include "scan/TrashInfo.h"
 #include "tests/support/TestSupport.h"
 
 #include <signal.h>
@@ -21,44 +19,10 @@
 
 namespace {
 
-class Scanning : public ::testing::Test {
+class Scanning : public kvtest::AgentTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        engine_ = new kvtest::EnginePrefix;
-        ASSERT_TRUE(engine_->startDaemon());
-    }
-    static void TearDownTestSuite()
-    {
-        delete engine_;
-        engine_ = nullptr;
-    }
-
     void SetUp() override { std::filesystem::create_directories(home_ / "watched"); }
-
-    void start(const QJsonObject& preferences = {})
-    {
-        preferences_.own = preferences;
-        kv::ControllerParts parts = agent_.parts();
-        parts.dispatcherPause = [] {};
-        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-        // No permanent threads: the test drives the queue and the scanners.
-        controller_->prepareNotifications();
-        controller_->startWatcher(false);
-        ASSERT_TRUE(controller_->isWatching());
-    }
-
-    // Queues the paths, runs the dispatcher by hand until they are ready and
-    // lets the first scanner take and scan one batch, returning what it
-    // wrote to the scan log.
-    std::string scan(const std::vector<std::string>& paths)
-    {
-        kv::Dispatcher& queue = controller_->theDispatcher();
-        for (const std::string& path : paths)
-            queue.addStringToItemList(path);
-        queue.runOneCycle();
-        return kvtest::captureStandardStreams([&] { controller_->firstPatientScanner().scanBatch(queue); });
-    }
+    void start(const QJsonObject& preferences = {}) { startWatching(preferences); }
 
     std::string file(const std::string& name, const std::string& contents)
     {
@@ -66,18 +30,7 @@ protected:
         kvtest::writeFile(path, contents);
         return path;
     }
-
-    static kvtest::EnginePrefix* engine_;
-    kvtest::RecordingAgent agent_{engine_->path()};
-    kvtest::TempDir& home_ = agent_.home;
-    kvtest::FakePreferences& preferences_ = agent_.preferences;
-    kvtest::RecordingNotifier& notifier_ = agent_.notifier;
-    kvtest::RecordingPanels& panels_ = agent_.panels;
-    kvtest::RecordingAlerts& alerts_ = agent_.alerts;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
 };
-
-kvtest::EnginePrefix* Scanning::engine_ = nullptr;
 
 const std::regex kStampedLine(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d .+$)");
 
@@ -164,81 +117,6 @@ TEST_F(Scanning, FaultInARunIsReportedAndTheCountRestored)
     for (int v = 1; v <= 9; ++v)
         EXPECT_TRUE(capture.contains("Scanner v" + std::to_string(v) + " of 9: ")) << v;
     EXPECT_EQ(controller_->scannerCount(), 0);
-}
-
-// Names that clamdscan's list or output cannot carry are scanned by
-// descriptor, exactly as they are, and handled by mode like any other; a
-// name built to look like result lines acts on nothing.
-TEST_F(Scanning, EveryNameIsScannedAsItIsAndNoNameForgesAResult)
-{
-    namespace fs = std::filesystem;
-    const std::string watched = home_ / "watched";
-    const std::string trashFiles = kv::trashFilesFolder();
-    const std::string trashInfo = kv::trashFolder() + "/info";
-    const std::string finding = ": Eicar-Test-Signature.UNOFFICIAL FOUND";
-    const std::string victim = file("victim.txt", "clean\n");
-    const std::string evil = file("evil", "clean neighbour\n");
-    // Infected files whose folders spell result lines: one that claims the
-    // victim is infected, one that claims it was moved to the Trash.
-    const std::vector<std::string> forgers = {watched + "/a\n" + victim + finding + "\n/z.com",
-                                              watched + "/b\n" + victim + ": moved to '" + trashFiles +
-                                                  "/victim.txt'\n/z.com"};
-    struct ModeCase {
-        const char* name;
-        QJsonObject preferences;
-        std::string movedTo;  // "" when infected files stay
-    };
-    const std::vector<ModeCase> modes = {
-        {"quarantine", {{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(home_ / "Q")}},
-         home_ / "Q"},
-        {"Trash", {{"VelgarTrashFiles", true}}, trashFiles},
-        {"warn", {}, ""},
-    };
-    for (const ModeCase& mode : modes) {
-        start(mode.preferences);
-        std::vector<std::string> infected = {watched + "/evil\r", watched + "/line\nbreak.com",
-                                             watched + "/latin1-\xe9t\xe9.com",
-                                             watched + "/" + std::string(250, 'l') + "/" + std::string(250, 'l') + "/" +
-                                                 std::string(250, 'l') + "/" + std::string(250, 'l') + "/long.com"};
-        infected.insert(infected.end(), forgers.begin(), forgers.end());
-        for (const std::string& path : infected) {
-            fs::create_directories(fs::path(path).parent_path());
-            kvtest::writeFile(path, kvtest::eicar());
-        }
-        const size_t dialogsBefore = alerts_.shown().size();
-        const std::string log = scan(infected);
-
-        for (const std::string& path : infected) {
-            const std::string shown = kv::displayText(path);
-            EXPECT_NE(log.find(shown + finding + "\n"), std::string::npos) << mode.name << ": " << shown << "\n" << log;
-            EXPECT_EQ(kvtest::exists(path), mode.movedTo.empty()) << mode.name << ": " << shown;
-        }
-        EXPECT_EQ(kvtest::readFile(victim), "clean\n") << mode.name;
-        EXPECT_EQ(kvtest::readFile(evil), "clean neighbour\n") << mode.name;
-        EXPECT_FALSE(kvtest::exists(trashInfo + "/victim.txt.trashinfo")) << mode.name;
-        for (const std::string& line : linesOf(log))
-            EXPECT_FALSE(line.substr(20).starts_with(victim)) << mode.name << ": " << line;
-        for (size_t i = dialogsBefore; i < alerts_.shown().size(); ++i) {
-            EXPECT_NE(alerts_.shown()[i].path, victim) << mode.name;
-            if (alerts_.shown()[i].dialog == "Warning")
-                EXPECT_TRUE(std::find(infected.begin(), infected.end(), alerts_.shown()[i].path) != infected.end());
-        }
-        if (mode.movedTo == trashFiles) {
-            // Each trashed file can be put back where it was.
-            for (const std::string& path : infected) {
-                const std::string encoded = "Path=" + kv::percentEncodePath(path) + "\n";
-                bool recorded = false;
-                for (const auto& entry : fs::directory_iterator(trashInfo))
-                    recorded = recorded || kvtest::readFile(entry.path()).find(encoded) != std::string::npos;
-                EXPECT_TRUE(recorded) << kv::displayText(path);
-            }
-        }
-        if (!mode.movedTo.empty())
-            EXPECT_NE(log.find(kv::displayText(infected[0] + ": moved to '" + mode.movedTo + "/evil\r'")),
-                      std::string::npos) << log;
-        for (const std::string& path : infected)
-            fs::remove(path);
-    }
 }
 
 // The same unchanged file reported twice warns once; changed, it warns again.

@@ -62,17 +62,4 @@ TEST(Preferences, GarbageFileCountsAsEmptyAndIsLoggedOncePerLoad)
     EXPECT_EQ(log.count((folder / "own.json") + " could not be read"), 2u);
 }
 
-TEST(Preferences, AtomicWriteReplacesTheWholeFile)
-{
-    kvtest::TempDir folder;
-    const std::string path = folder / "deeper/suite.json";
-    std::string error;
-    ASSERT_TRUE(kv::writeDomainFile(path, QJsonObject{{"K", "v"}}, &error)) << error;
-    ASSERT_TRUE(kv::writeDomainFile(path, QJsonObject{{"K", "w"}}, &error)) << error;
-    const std::optional<QJsonObject> read = kv::readDomainFile(path, &error);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(read->value("K").toString(), "w");
-    EXPECT_EQ(kv::readDomainFile(folder / "absent.json", &error), QJsonObject());
-}
-
 } // namespace

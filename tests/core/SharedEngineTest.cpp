@@ -22,8 +22,7 @@ protected:
     {
         std::filesystem::create_directories(home_ / "watched");
         // Definitions already there: setup never tries to download any.
-        kvtest::writeFile(prefix() + "/db/korvane-test.ndb",
-                          kvtest::readFile(KV_TEST_RESOURCES_DIR "/clamav/korvane-test.ndb"));
+        kvtest::installTestDefinitions(prefix());
     }
 
     void TearDown() override
@@ -64,16 +63,7 @@ protected:
         ASSERT_TRUE(controller_->isWatching());
     }
 
-    // Queues the paths and lets the first scanner scan them as one batch,
-    // returning what it wrote to the scan log.
-    std::string scan(const std::vector<std::string>& paths)
-    {
-        kv::Dispatcher& queue = controller_->theDispatcher();
-        for (const std::string& path : paths)
-            queue.addStringToItemList(path);
-        queue.runOneCycle();
-        return kvtest::captureStandardStreams([&] { controller_->firstPatientScanner().scanBatch(queue); });
-    }
+    std::string scan(const std::vector<std::string>& paths) { return kvtest::scanOneBatch(*controller_, paths); }
 
     // An EICAR file in the user's home (mode 0700), which only the user can
     // read: a daemon of another user sees it only through what clamdscan
@@ -185,45 +175,6 @@ protected:
     const std::string standInLine_ = "The system's clamd service does not answer at " + service_.socket() +
                                      "; your own clamd stands in until it answers again";
 };
-
-TEST_F(SystemServiceEngine, StandInScansWhileTheServiceIsSilentAndStopsWhenItAnswers)
-{
-    start();
-    EXPECT_TRUE(log_.contains("Using the system's clamd service at " + service_.socket()));
-    const std::string first = infectedFile("first.com");
-    EXPECT_TRUE(found(scan({first}), first));
-
-    // The batch that finds the service gone is scanned again by the
-    // stand-in; the user hears of it once.
-    service_.stopDaemon();
-    const std::string second = infectedFile("second.com");
-    std::string scanLog = scan({second});
-    EXPECT_TRUE(found(scanLog, second)) << scanLog;
-    EXPECT_TRUE(controller_->clamd().standingIn());
-    const int standIn = standInPid();
-    EXPECT_FALSE(kvtest::processGone(standIn));
-    const std::string third = infectedFile("third.com");
-    scanLog += scan({third});
-    EXPECT_TRUE(found(scanLog, third)) << scanLog;
-    EXPECT_EQ(log_.count(standInLine_), 1u);
-    EXPECT_EQ(log_.count("clamd not running. Now trying to launch it..."), 1u);
-    EXPECT_EQ(log_.count("clamd launched successfully.  Continuing..."), 1u);
-    EXPECT_EQ(notificationsSaying("SERVICE_STANDIN"), 1u);
-    EXPECT_EQ(unreachableAlerts(), 0u);
-    EXPECT_EQ(scanLog.find(kRestartLine), std::string::npos) << scanLog;
-
-    // The service answers again: scanning goes back to it and the stand-in
-    // is stopped.
-    ASSERT_TRUE(service_.startDaemon());
-    controller_->clamd().setSilenceProbeInterval(std::chrono::milliseconds(0));
-    const std::string fourth = infectedFile("fourth.com");
-    scanLog = scan({fourth});
-    EXPECT_TRUE(found(scanLog, fourth)) << scanLog;
-    EXPECT_EQ(log_.count("The system's clamd service answers again at " + service_.socket()), 1u);
-    EXPECT_FALSE(controller_->clamd().standingIn());
-    EXPECT_TRUE(kvtest::waitFor([&] { return kvtest::processGone(standIn); }, 15000));
-    EXPECT_EQ(controller_->clamd().clamdSocket(), service_.socket());
-}
 
 TEST_F(SystemServiceEngine, SilentAtStartTheStandInIsLaunchedAndQuitWithTheAgent)
 {

@@ -3,7 +3,7 @@
 // watches for real (gfslogger runs).
 
 #include "platform/SleepWatcher.h"
-#include "tests/core/AgentHarness.h"
+#include "tests/support/TestSupport.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -2,36 +2,9 @@
 
 #include "ui/MyMenuItem.h"
 
-#include <signal.h>
-
-#include <stdexcept>
-
 namespace kvtest {
 
 std::string resourcesFolder() { return KV_RESOURCES_DIR; }
-
-PrivateSessionBus::PrivateSessionBus()
-{
-    daemon_ = kv::ChildProcess::spawn({"dbus-daemon", "--session", "--nofork", "--print-address"},
-                                      kv::ChildProcess::Output::StdoutPipe);
-    if (!daemon_)
-        throw std::runtime_error("dbus-daemon cannot be started");
-    // The daemon prints its address, one line, once it listens.
-    std::string printed;
-    while (printed.find('\n') == std::string::npos) {
-        if (daemon_->readChunk(&printed) != kv::ChildProcess::ReadStatus::Data)
-            throw std::runtime_error("dbus-daemon printed no address");
-    }
-    address_ = printed.substr(0, printed.find('\n'));
-}
-
-PrivateSessionBus::~PrivateSessionBus()
-{
-    if (daemon_) {
-        ::kill(daemon_->pid(), SIGTERM);
-        daemon_->wait();
-    }
-}
 
 void RecordingWorkspace::openPath(const std::string& path, std::function<void(bool opened)> done)
 {

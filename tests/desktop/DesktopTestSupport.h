@@ -4,7 +4,6 @@
 // offscreen platform and the test run's private session bus.
 
 #include "app/KorvaneVelgar.h"
-#include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 #include "ui/DesktopWorkspace.h"
 #include "ui/Agent.h"
@@ -23,18 +22,8 @@ namespace kvtest {
 // The staged resources folder of the build tree.
 std::string resourcesFolder();
 
-// A dbus-daemon of its own, ended with the object. main() starts one for the
-// whole run and points DBUS_SESSION_BUS_ADDRESS at it before Qt looks.
-class PrivateSessionBus {
-public:
-    PrivateSessionBus();
-    ~PrivateSessionBus();
-    const std::string& address() const { return address_; }
-
-private:
-    std::optional<kv::ChildProcess> daemon_;
-    std::string address_;
-};
+// main() starts one session bus for the whole run, the shared one.
+using PrivateSessionBus = PrivateBus;
 
 // The real workspace with the Trash left real; opening, revealing,
 // launching and beeping are recorded instead of reaching the desktop.

@@ -1,6 +1,7 @@
 #include "tests/support/TestSupport.h"
 
 #include "engine/ClamdCtrl.h"
+#include "scan/PatientScanner.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,6 +15,8 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <QCoreApplication>
 
 #include <cerrno>
 #include <chrono>
@@ -71,14 +74,14 @@ void holdMachineTestLock()
     (void)machineTestLock;
 }
 
-TempDir::TempDir()
+TempDir::TempDir(const std::string& parent, const std::string& name)
 {
     // No "-" before the random part: an engine prefix in here would put a
     // "-c" into clamd's path one time in 62, and the agent, reading the
     // process list as it always has, would take the path apart there.
-    char pattern[] = "/tmp/kvtest.XXXXXX";
-    if (!::mkdtemp(pattern))
-        throw std::runtime_error("mkdtemp failed");
+    std::string pattern = (parent == "/" ? "" : parent) + "/" + name + "XXXXXX";
+    if (!::mkdtemp(pattern.data()))
+        throw std::runtime_error("cannot make a folder " + pattern + ": " + std::strerror(errno));
     path_ = pattern;
 }
 
@@ -178,6 +181,17 @@ bool exists(const std::string& path)
 {
     struct stat info{};
     return ::lstat(path.c_str(), &info) == 0;
+}
+
+std::map<std::string, std::string> snapshotFiles(const std::string& folder)
+{
+    std::map<std::string, std::string> files;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder, ignored)) {
+        if (entry.is_regular_file())
+            files[entry.path().string().substr(folder.size())] = readFile(entry.path());
+    }
+    return files;
 }
 
 ScopedEnv::ScopedEnv(const char* name, const std::optional<std::string>& value) : name_(name)
@@ -363,15 +377,22 @@ std::string sourceRoot()
 }
 } // namespace
 
+void installTestDefinitions(const std::string& prefix)
+{
+    const std::string definitions = readFile(sourceRoot() + "/resources/clamav/korvane-test.ndb");
+    if (definitions.empty())
+        throw std::runtime_error("the test signatures cannot be read from " + sourceRoot());
+    writeFile(prefix + "/db/korvane-test.ndb", definitions);
+}
+
 EnginePrefix::EnginePrefix(EngineOptions options) : options_(std::move(options))
 {
     const std::string root = dir_.path();
     std::filesystem::create_directories(root + "/bin");
     std::filesystem::create_directories(root + "/sbin");
     std::filesystem::create_directories(root + "/run");
-    std::filesystem::create_directories(root + "/db");
     std::filesystem::create_symlink("/usr/sbin/clamd", root + "/sbin/clamd");
-    writeFile(root + "/db/korvane-test.ndb", readFile(sourceRoot() + "/resources/clamav/korvane-test.ndb"));
+    installTestDefinitions(root);
     std::string listen = "LocalSocket " + socket() + "\n";
     if (options_.tcpPort)
         listen = "TCPSocket " + std::to_string(*options_.tcpPort) + "\nTCPAddr 127.0.0.1\n";
@@ -488,7 +509,70 @@ void EnginePrefix::stopDaemon()
     }
 }
 
-RecordingAgent::RecordingAgent(const std::string& enginePrefix)
+PrivateBus::PrivateBus(Kind kind)
+{
+    const std::string config = folder_ / "bus.conf";
+    writeFile(config, "<busconfig>\n  <type>" + std::string(kind == Kind::System ? "system" : "session") +
+                          "</type>\n  <listen>unix:path=" + (folder_ / "socket") +
+                          "</listen>\n  <auth>EXTERNAL</auth>\n  <policy context=\"default\">\n"
+                          "    <allow user=\"*\"/><allow own=\"*\"/>\n"
+                          "    <allow send_destination=\"*\"/><allow receive_sender=\"*\"/>\n"
+                          "  </policy>\n</busconfig>\n");
+    daemon_ = kv::ChildProcess::spawn({"dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"},
+                                      kv::ChildProcess::Output::StdoutPipe);
+    if (!daemon_)
+        throw std::runtime_error("dbus-daemon cannot be started (scripts/deps.sh installs it)");
+    // The daemon prints its address, one line, once it listens.
+    std::string printed;
+    while (printed.find('\n') == std::string::npos) {
+        if (daemon_->readChunk(&printed) != kv::ChildProcess::ReadStatus::Data)
+            throw std::runtime_error("dbus-daemon printed no address");
+    }
+    address_ = printed.substr(0, printed.find('\n'));
+}
+
+PrivateBus::~PrivateBus()
+{
+    for (const QString& name : connections_)
+        QDBusConnection::disconnectFromBus(name);
+    ::kill(daemon_->pid(), SIGTERM);
+    daemon_->wait();
+}
+
+QDBusConnection PrivateBus::connect()
+{
+    static int made = 0;
+    connections_.push_back(QStringLiteral("kvtest-%1").arg(++made));
+    return QDBusConnection::connectToBus(QString::fromStdString(address_), connections_.back());
+}
+
+bool waitFor(const std::function<bool()>& predicate, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+bool processEventsUntil(const std::function<bool()>& predicate, int timeoutMs)
+{
+    static int argc = 1;
+    static char name[] = "kvtest";
+    static char* argv[] = {name, nullptr};
+    if (!QCoreApplication::instance())
+        new QCoreApplication(argc, argv);
+    return waitFor(
+        [&] {
+            QCoreApplication::processEvents();
+            return predicate();
+        },
+        timeoutMs);
+}
+
+RecordingAgent::RecordingAgent(const std::string& enginePrefix) : resources("KORVANE_VELGAR_RESOURCES", KV_TEST_RESOURCES_DIR)
 {
     ::chmod(home.path().c_str(), 0700);
     preferences.suite["PathToClamav"] = QString::fromStdString(enginePrefix);
@@ -510,15 +594,49 @@ kv::ControllerParts RecordingAgent::parts()
     return parts;
 }
 
-bool waitFor(const std::function<bool()>& predicate, int timeoutMs)
+std::string scanOneBatch(kv::KorvaneVelgar& controller, const std::vector<std::string>& paths)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    kv::Dispatcher& queue = controller.theDispatcher();
+    for (const std::string& path : paths)
+        queue.addStringToItemList(path);
+    queue.runOneCycle();
+    return captureStandardStreams([&] { controller.firstPatientScanner().scanBatch(queue); });
+}
+
+EnginePrefix* AgentTest::engine_ = nullptr;
+
+void AgentTest::SetUpTestSuite()
+{
+    engine_ = new EnginePrefix;
+    ASSERT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
+    // The controller hands work to the main thread through Qt's event loop.
+    processEventsUntil([] { return true; });
+}
+
+void AgentTest::TearDownTestSuite()
+{
+    delete engine_;
+    engine_ = nullptr;
+}
+
+kv::KorvaneVelgar& AgentTest::makeController(const std::function<void(kv::ControllerParts&)>& adjust)
+{
+    kv::ControllerParts parts = agent_.parts();
+    parts.dispatcherPause = [] {};
+    if (adjust)
+        adjust(parts);
+    controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
+    controller_->prepareNotifications();
+    return *controller_;
+}
+
+kv::KorvaneVelgar& AgentTest::startWatching(const QJsonObject& preferences)
+{
+    preferences_.own = preferences;
+    kv::KorvaneVelgar& controller = makeController();
+    controller.startWatcher(false);
+    EXPECT_TRUE(controller.isWatching());
+    return controller;
 }
 
 } // namespace kvtest

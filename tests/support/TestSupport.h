@@ -1,11 +1,13 @@
 #pragma once
 
-// Small helpers shared by the test suites: temporary folders, files,
-// environment overrides, log capture and the recording fakes that stand
-// behind the platform interfaces.
+// What the test suites share: temporary folders, files, environment
+// overrides, log capture, the recording fakes that stand behind the platform
+// interfaces, engine prefixes with a real clamd, private D-Bus daemons, and
+// the fixture of the controller tests.
 
 #include "app/KorvaneVelgar.h"
 #include "app/StatusMenu.h"
+#include "platform/ChildProcess.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
 #include "platform/Log.h"
@@ -13,12 +15,16 @@
 #include "platform/Preferences.h"
 #include "scan/ScanAlerts.h"
 
+#include <QDBusConnection>
 #include <QJsonObject>
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,10 +36,12 @@ namespace kvtest {
 inline constexpr const char* machineTestLockPath = "/tmp/korvane-velgar-tests.lock";
 void holdMachineTestLock();
 
-// A fresh folder under /tmp, removed with everything in it on destruction.
+// A fresh folder of mode 0700 under PARENT, its name NAME and six random
+// characters, removed with everything in it on destruction. Tests that need
+// a folder only root controls make it under "/".
 class TempDir {
 public:
-    TempDir();
+    explicit TempDir(const std::string& parent = "/tmp", const std::string& name = "kvtest.");
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -47,6 +55,8 @@ private:
 void writeFile(const std::string& path, const std::string& contents, unsigned mode = 0644);
 std::string readFile(const std::string& path);
 bool exists(const std::string& path);
+// Every regular file below FOLDER, by its path relative to it, with its bytes.
+std::map<std::string, std::string> snapshotFiles(const std::string& folder);
 
 // The start of a command line that runs a program as the user NAME, with
 // that user's ids and no supplementary groups. setpriv execs the program
@@ -189,6 +199,9 @@ private:
 // The 68-byte EICAR test string.
 std::string eicar();
 
+// Puts the tests' signature database into PREFIX/db.
+void installTestDefinitions(const std::string& prefix);
+
 // How an EnginePrefix's daemon runs.
 struct EngineOptions {
     // Listen on 127.0.0.1 at this port instead of the socket, as a scanning
@@ -241,6 +254,34 @@ bool processGone(int pid);
 // True when something accepts connections on the UNIX socket.
 bool socketAccepts(const std::string& path);
 
+// A dbus-daemon of the test's own, ended with the object. A System bus lets
+// anyone own any name, as logind's stand-in must. Qt keeps its first
+// connection to each bus type for the whole process, so tests connect by
+// address.
+class PrivateBus {
+public:
+    enum class Kind { System, Session };
+    explicit PrivateBus(Kind kind = Kind::Session);
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+    const std::string& address() const { return address_; }
+    // A new connection, closed when the bus object goes away.
+    QDBusConnection connect();
+
+private:
+    TempDir folder_;
+    std::optional<kv::ChildProcess> daemon_;
+    std::string address_;
+    std::vector<QString> connections_;
+};
+
+// Waits up to timeoutMs for the predicate, checking every few milliseconds.
+bool waitFor(const std::function<bool()>& predicate, int timeoutMs);
+// The same, running the Qt event loop meanwhile (the application is made
+// once, for the whole run).
+bool processEventsUntil(const std::function<bool()>& predicate, int timeoutMs = 10000);
+
 // What a controller test stands on: a private home with its XDG folders,
 // preferences naming the engine prefix, and the recording fakes behind every
 // platform interface. parts() hands them to a controller that keeps its
@@ -253,6 +294,8 @@ struct RecordingAgent {
     ScopedEnv runtime{"XDG_RUNTIME_DIR", home.path()};
     ScopedEnv homeEnv{"HOME", home.path()};
     ScopedEnv data{"XDG_DATA_HOME", home / "data"};
+    // The build tree's staged resources, where the agent finds gfslogger.
+    ScopedEnv resources;
     FakePreferences preferences;
     RecordingCenter center;
     RecordingNotifier notifier;
@@ -262,7 +305,35 @@ struct RecordingAgent {
     std::optional<int> exitStatus;
 };
 
-// Waits up to timeoutMs for the predicate, checking every few milliseconds.
-bool waitFor(const std::function<bool()>& predicate, int timeoutMs);
+// Queues the paths, runs the controller's dispatcher once by hand and lets
+// its first scanner take and scan one batch; returns what the scan wrote to
+// the scan log.
+std::string scanOneBatch(kv::KorvaneVelgar& controller, const std::vector<std::string>& paths);
+
+// The controller tests: one clamd from Debian for the whole suite (started
+// once, it is the slowest part), and a RecordingAgent on it for each test.
+class AgentTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+
+    // A new controller on the engine with its notifications prepared and a
+    // queue that never pauses; adjust() changes its parts first.
+    kv::KorvaneVelgar& makeController(const std::function<void(kv::ControllerParts&)>& adjust = {});
+    // A controller with these preferences of its own, watching without its
+    // permanent threads: the test drives the queue and the scanners.
+    kv::KorvaneVelgar& startWatching(const QJsonObject& preferences = {});
+    std::string scan(const std::vector<std::string>& paths) { return scanOneBatch(*controller_, paths); }
+
+    static EnginePrefix* engine_;
+    RecordingAgent agent_{engine_->path()};
+    TempDir& home_ = agent_.home;
+    FakePreferences& preferences_ = agent_.preferences;
+    RecordingNotifier& notifier_ = agent_.notifier;
+    RecordingPanels& panels_ = agent_.panels;
+    RecordingAlerts& alerts_ = agent_.alerts;
+    LogCapture log_;
+    std::unique_ptr<kv::KorvaneVelgar> controller_;
+};
 
 } // namespace kvtest

@@ -3,10 +3,11 @@
 #include "engine/ClamdCtrl.h"
 #include "tests/support/TestSupport.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QThread>
 
 #include <signal.h>
 #include <unistd.h>
@@ -15,10 +16,9 @@
 #include <optional>
 #include <sstream>
 
-namespace kv::test {
+namespace kvtest {
 namespace {
 
-const std::string kEicar = R"(X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*)";
 
 std::string configValue(const std::string& configText, const std::string& option)
 {
@@ -49,8 +49,7 @@ public:
         const pid_t pid = static_cast<pid_t>(std::atoi(readFile(pidFile_).c_str()));
         if (pid <= 0 || ::kill(pid, SIGTERM) != 0)
             return;
-        for (int i = 0; i < 100 && QFile::exists(QString::fromStdString(socket_)); ++i)
-            QThread::msleep(50);
+        waitFor([this] { return !exists(socket_); }, 5000);
     }
 
 private:
@@ -66,15 +65,13 @@ protected:
     }
     void writeSuitePreferences(const QJsonObject& preferences) const
     {
-        QDir().mkpath(QString::fromStdString(configFolder()));
         writeFile(domainFile("com.korvane.Korvane"), QJsonDocument(preferences).toJson().toStdString());
     }
     // A prefix whose database already has definitions: setup skips freshclam.
     std::string prefixWithDefinitions(const std::string& name = "engine") const
     {
         const std::string prefix = home() + "/" + name;
-        QDir().mkpath(QString::fromStdString(prefix + "/db"));
-        writeFile(prefix + "/db/korvane-test.ndb", readFile(TEST_DEFINITIONS_PATH));
+        installTestDefinitions(prefix);
         return prefix;
     }
 };
@@ -128,8 +125,8 @@ TEST_F(VelgarctlSetup, OptionsReplaceTheirKeysAndKeepTheRest)
                            {"PathToUpdateLog", "/elsewhere/update.log"},
                            {"VelgarFolderArray", QJsonArray{QJsonObject{{"pathName", "/old"}, {"WatchSubdirs", true}}}}});
     const std::string prefix = prefixWithDefinitions();
-    QDir().mkpath(QString::fromStdString(home() + "/a"));
-    QDir().mkpath(QString::fromStdString(home() + "/b"));
+    std::filesystem::create_directories(home() + "/a");
+    std::filesystem::create_directories(home() + "/b");
 
     const CommandResult result =
         runVelgarctl({"setup", "--prefix", prefix, "--watch", home() + "/a", "--watch=" + home() + "/b", "--no-subdirs"});
@@ -144,7 +141,6 @@ TEST_F(VelgarctlSetup, OptionsReplaceTheirKeysAndKeepTheRest)
 
     // A prefix holding an engine setup did not build is refused untouched.
     const std::string foreign = home() + "/foreign";
-    QDir().mkpath(QString::fromStdString(foreign + "/bin"));
     writeFile(foreign + "/bin/clamdscan", "#!/bin/sh\necho a real installation\n");
     const CommandResult refused = runVelgarctl({"setup", "--prefix", foreign});
     EXPECT_EQ(refused.status, 2);
@@ -174,7 +170,7 @@ TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixKeepsI
     }
     EXPECT_EQ(readFile(second + "/bin/clamdscan").find("--fdpass") != std::string::npos, service.has_value());
 
-    writeFile(home() + "/eicar.com", kEicar);
+    writeFile(home() + "/eicar.com", eicar());
     writeFile(home() + "/clean.txt", "nothing to see\n");
     writeFile(home() + "/list", home() + "/eicar.com\n" + home() + "/clean.txt\n");
     QProcess scan;
@@ -186,52 +182,24 @@ TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixKeepsI
     EXPECT_NE(output.find(home() + "/clean.txt: OK\n"), std::string::npos) << output;
 }
 
-struct RefusedCase {
-    std::vector<std::string> arguments;
-    const char* says;
-};
-
-TEST_F(VelgarctlSetup, EngineAddressIsCheckedBeforeAnythingIsWritten)
+// A scanning server of another machine, down today: still the one to use.
+// (That the agent streams to it and finds what it finds, with a server
+// running, is SharedEngine's test.)
+TEST_F(VelgarctlSetup, RemoteEngineIsWrittenDownAndKeptByLaterSetups)
 {
-    const std::vector<RefusedCase> cases = {
-        {{"--engine"}, "--engine needs HOST:PORT"},
-        {{"--engine="}, "--engine needs HOST:PORT"},
-        {{"--engine", "scanner"}, "--engine scanner: give HOST:PORT"},
-        {{"--engine", "::1:3310"}, "in brackets"},
-        {{"--engine=[::1]"}, "give a port"},
-        {{"--engine", "scanner:70000"}, "from 1 to 65535"},
-        {{"--engine", "scan..example:3310"}, "empty label"},
-        {{"--engine", "a:1", "--engine", "b:1"}, "--engine given twice"},
-        {{"--engine", "a:1", "--own-engine"}, "give --own-engine or --engine, not both"},
-        {{"--engine", "a:1", "--autostart"}, "stand alone"},
-    };
-    for (const RefusedCase& c : cases) {
-        std::vector<std::string> arguments{"setup"};
-        arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
-        const CommandResult result = runVelgarctl(arguments);
-        EXPECT_EQ(result.status, 2) << c.says;
-        EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
-        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    }
-    EXPECT_TRUE(snapshotFiles(home()).empty());
-}
-
-TEST_F(VelgarctlSetup, RemoteEngineIsStreamedToAndKeptByLaterSetups)
-{
-    // The server runs as clamav and cannot read the user's home: it finds
-    // the file only in what clamdscan streams to it.
     const uint16_t port = kvtest::freeTcpPort();
-    kvtest::EnginePrefix server({.tcpPort = port, .user = "clamav"});
-    ASSERT_TRUE(server.startDaemon());
     const std::string address = "127.0.0.1:" + std::to_string(port);
     const std::string prefix = prefixWithDefinitions();
 
     const CommandResult result = runVelgarctl({"setup", "--prefix", prefix, "--engine", address});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("the clamd at " + address + ", over TCP"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("The clamd at " + address + " answers."), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find("freshclam"), std::string::npos) << "the server's definitions are its own";
     EXPECT_NE(result.err.find("warning: 127.0.0.1 is this machine: while its clamd is down any user here may listen"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("velgarctl: warning: the clamd at " + address + " does not answer (" + address +
+                              ": Connection refused)"),
               std::string::npos)
         << result.err;
     const std::string config = readFile(prefix + "/etc/clamd.conf");
@@ -241,27 +209,12 @@ TEST_F(VelgarctlSetup, RemoteEngineIsStreamedToAndKeptByLaterSetups)
     EXPECT_EQ(readFile(prefix + "/etc/freshclam.conf").find("NotifyClamd"), std::string::npos)
         << "an update here never makes the shared server reload";
 
-    writeFile(home() + "/eicar.com", kEicar);
-    QProcess scan;
-    scan.start(QString::fromStdString(prefix + "/bin/clamdscan"), {"--stdout", QString::fromStdString(home() + "/eicar.com")});
-    ASSERT_TRUE(scan.waitForFinished(30000));
-    const std::string output = scan.readAllStandardOutput().toStdString();
-    EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
-
     // A later setup keeps the server; --own-engine leaves it.
     const auto before = snapshotFiles(home());
     const CommandResult again = runVelgarctl({"setup"});
     EXPECT_EQ(again.status, 0) << again.err;
     EXPECT_NE(again.out.find("Keeping the clamd at " + address), std::string::npos) << again.out;
     EXPECT_EQ(snapshotFiles(home()), before);
-
-    server.stopDaemon();
-    const CommandResult silent = runVelgarctl({"setup", "--engine", address});
-    EXPECT_EQ(silent.status, 0) << "a server that is down today is still the one to use";
-    EXPECT_NE(silent.err.find("velgarctl: warning: the clamd at " + address + " does not answer (" + address +
-                              ": Connection refused)"),
-              std::string::npos)
-        << silent.err;
 
     ASSERT_EQ(runVelgarctl({"setup", "--own-engine"}).status, 0);
     EXPECT_EQ(kv::tcpEngineOf(readFile(prefix + "/etc/clamd.conf")), std::nullopt);
@@ -296,27 +249,14 @@ TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
     EXPECT_EQ(configValue(standInConfig, "DatabaseDirectory"), service.path() + "/db") << standInConfig;
     EXPECT_EQ(QFile::symLinkTarget(QString::fromStdString(standIn + "/sbin/clamd")), "/usr/sbin/clamd");
 
-    // The stand-in is a working engine of the user's own.
-    QDir().mkpath(QString::fromStdString(home() + "/run"));
-    ASSERT_EQ(QProcess::execute(QString::fromStdString(standIn + "/sbin/clamd"),
-                                {"-c", QString::fromStdString(standIn + "/etc/clamd.conf")}), 0);
-    {
-        DaemonGuard daemon(standIn + "/run/clamd.pid", standInSocket);
-        writeFile(home() + "/eicar.com", kEicar);
-        QProcess scan;
-        scan.start(QString::fromStdString(standIn + "/bin/clamdscan"), {"--stdout", QString::fromStdString(home() + "/eicar.com")});
-        ASSERT_TRUE(scan.waitForFinished(30000));
-        const std::string output = scan.readAllStandardOutput().toStdString();
-        EXPECT_NE(output.find(home() + "/eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND\n"), std::string::npos) << output;
-    }
-
-    // Setup again changes nothing; a service whose definitions the user
+    // (The agent's tests scan with the stand-in: SharedEngine.) Setup again
+    // changes nothing; a service whose definitions the user
     // cannot use leaves the stand-in the prefix's own.
     const auto before = snapshotFiles(prefix);
     EXPECT_EQ(besideService(service.config(), {}).status, 0);
     EXPECT_EQ(snapshotFiles(prefix), before);
     const std::string emptyDatabase = home() + "/service-db";
-    QDir().mkpath(QString::fromStdString(emptyDatabase));
+    std::filesystem::create_directories(emptyDatabase);
     writeFile(home() + "/service.conf", "LocalSocket " + service.socket() + "\nDatabaseDirectory " + emptyDatabase + "\n");
     const std::string second = prefixWithDefinitions("second");
     ASSERT_EQ(besideService(home() + "/service.conf", {"--prefix", second}).status, 0);
@@ -324,6 +264,7 @@ TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
 
     // A daemon of the user's own has nothing to stand in for; the stand-in's
     // log is kept.
+    writeFile(standIn + "/log/clamd.log", "what the stand-in said\n");
     ASSERT_EQ(runVelgarctl({"setup", "--prefix", prefix, "--own-engine"}).status, 0);
     for (const char* gone : {"/etc/clamd.conf", "/bin/clamdscan", "/sbin/clamd", "/etc", "/bin"})
         EXPECT_FALSE(QFileInfo::exists(QString::fromStdString(standIn + gone))) << gone;
@@ -338,30 +279,33 @@ protected:
     void SetUp() override
     {
         VelgarctlTest::SetUp();
-        ASSERT_TRUE(install_.isValid());
-        QDir().mkpath(QString::fromStdString(bin()));
-        ASSERT_TRUE(QFile::copy(VELGARCTL_PATH, QString::fromStdString(velgarctl())));
+        std::filesystem::create_directories(bin());
+        std::filesystem::copy_file(VELGARCTL_PATH, velgarctl());
     }
-    std::string bin() const { return install_.path().toStdString() + "/Korvane \"Velgar\" $HOME `id` \\ bin"; }
+    std::string bin() const { return install_.path() + "/Korvane \"Velgar\" $HOME `id` \\ bin"; }
     std::string velgarctl() const { return bin() + "/velgarctl"; }
     std::string agent() const { return bin() + "/korvane-velgar"; }
-    std::string mark() const { return install_.path().toStdString() + "/agent-ran"; }
+    std::string mark() const { return install_.path() + "/agent-ran"; }
     void installStandInAgent() const
     {
-        writeFile(agent(), "#!/bin/sh\nprintf '%s\\n' \"$0\" > '" + mark() + "'\n");
-        QFile::setPermissions(QString::fromStdString(agent()), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        writeFile(agent(), "#!/bin/sh\nprintf '%s\\n' \"$0\" > '" + mark() + "'\n", 0700);
     }
     std::string entry() const { return home() + "/.config/autostart/com.korvane.KorvaneVelgar.desktop"; }
 
 private:
-    QTemporaryDir install_;
+    TempDir install_;
 };
 
 TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChanged)
 {
+    // Without the agent beside velgarctl nothing is written.
+    const CommandResult alone = runProgram(velgarctl(), {"setup", "--autostart"});
+    EXPECT_EQ(alone.status, 1);
+    EXPECT_NE(alone.err.find(agent()), std::string::npos) << alone.err;
+    EXPECT_TRUE(snapshotFiles(home()).empty());
+
     installStandInAgent();
     // Preferences a full setup would complete, and no engine prefix.
-    QDir().mkpath(QString::fromStdString(configFolder()));
     writeFile(domainFile("com.korvane.Korvane"), "{\"SomeKey\": 1}\n");
     const auto before = snapshotFiles(home());
 
@@ -376,8 +320,7 @@ TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChang
     // Read the way a desktop session reads it.
     EXPECT_EQ(QProcess::execute("desktop-file-validate", {QString::fromStdString(entry())}), 0) << text;
     EXPECT_EQ(QProcess::execute("gio", {"launch", QString::fromStdString(entry())}), 0) << text;
-    for (int i = 0; i < 200 && readFile(mark()).empty(); ++i)
-        QThread::msleep(50);
+    waitFor([this] { return !readFile(mark()).empty(); }, 10000);
     EXPECT_EQ(readFile(mark()), agent() + "\n") << text;
 
     EXPECT_EQ(runProgram(velgarctl(), {"setup", "--autostart"}).status, 0);
@@ -391,13 +334,5 @@ TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChang
     EXPECT_NE(again.out.find("nothing to remove"), std::string::npos) << again.out;
 }
 
-TEST_F(VelgarctlAutostart, WithoutTheAgentBesideItNothingIsWritten)
-{
-    const CommandResult result = runProgram(velgarctl(), {"setup", "--autostart"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find(agent()), std::string::npos) << result.err;
-    EXPECT_TRUE(snapshotFiles(home()).empty());
-}
-
 } // namespace
-} // namespace kv::test
+} // namespace kvtest

@@ -1,16 +1,20 @@
 #pragma once
 
+// velgarctl as users run it: the built program as a child process, in a home
+// of the test's own.
+
+#include "tests/support/TestSupport.h"
+
 #include <QProcess>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <map>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-namespace kv::test {
+namespace kvtest {
 
 struct CommandResult {
     int status = -1;
@@ -27,36 +31,22 @@ CommandResult runProgram(const std::string& program, const std::vector<std::stri
 // A QProcess of velgarctl started in the background.
 std::unique_ptr<QProcess> startVelgarctl(const std::vector<std::string>& arguments);
 
-std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& contents);
-// Every regular file below folder, by relative path, with its bytes.
-std::map<std::string, std::string> snapshotFiles(const std::string& folder);
-
 // Gives each test its own user: HOME and the XDG folders point into a fresh
 // temporary folder, so velgarctl never touches the real user's files.
 class VelgarctlTest : public ::testing::Test {
 protected:
-    void SetUp() override;
+    void SetUp() override { std::filesystem::create_directories(home() + "/run"); }
 
-    std::string home() const { return home_.path().toStdString(); }
+    std::string home() const { return home_.path(); }
     std::string configFolder() const { return home() + "/.config/korvane"; }
     std::string domainFile(const std::string& domain) const { return configFolder() + "/" + domain + ".json"; }
 
 private:
-    QTemporaryDir home_;
+    TempDir home_;
+    ScopedEnv homeEnv_{"HOME", home_.path()};
+    ScopedEnv config_{"XDG_CONFIG_HOME", home_ / ".config"};
+    ScopedEnv data_{"XDG_DATA_HOME", home_ / ".local/share"};
+    ScopedEnv runtime_{"XDG_RUNTIME_DIR", home_ / "run"};
 };
 
-// A private session bus, started with dbus-daemon and ended with the
-// object. DBUS_SESSION_BUS_ADDRESS points at it meanwhile.
-class PrivateSessionBus {
-public:
-    PrivateSessionBus();
-    ~PrivateSessionBus();
-    const std::string& address() const { return address_; }
-
-private:
-    QProcess daemon_;
-    std::string address_;
-};
-
-} // namespace kv::test
+} // namespace kvtest

@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-// The bus tests serve a stand-in agent object, which needs an application
-// object and its event loop.
+// velgarctl runs as QProcess children, which want an application object.
 int main(int argc, char** argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
