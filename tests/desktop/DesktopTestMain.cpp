@@ -18,9 +18,9 @@ int main(int argc, char* argv[])
 
     // Started before Qt first looks the session bus up. Listing the tests
     // needs no bus.
-    std::unique_ptr<kvtest::PrivateSessionBus> bus;
+    std::unique_ptr<kvtest::PrivateBus> bus;
     if (!GTEST_FLAG_GET(list_tests)) {
-        bus = std::make_unique<kvtest::PrivateSessionBus>();
+        bus = std::make_unique<kvtest::PrivateBus>();
         ::setenv("DBUS_SESSION_BUS_ADDRESS", bus->address().c_str(), 1);
     }
 

@@ -22,9 +22,6 @@ namespace kvtest {
 // The staged resources folder of the build tree.
 std::string resourcesFolder();
 
-// main() starts one session bus for the whole run, the shared one.
-using PrivateSessionBus = PrivateBus;
-
 // The real workspace with the Trash left real; opening, revealing,
 // launching and beeping are recorded instead of reaching the desktop.
 class RecordingWorkspace : public kv::DesktopWorkspace {
