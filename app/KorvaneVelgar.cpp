@@ -79,6 +79,8 @@ KorvaneVelgar::KorvaneVelgar(ControllerParts parts)
 
 KorvaneVelgar::~KorvaneVelgar()
 {
+    // The watch loop calls the controller: it ends before anything goes.
+    gfsLogger_.stopWatching();
     {
         // An update thread uses the controller until its last step.
         std::unique_lock<std::mutex> held(updatesMutex_);
@@ -123,9 +125,9 @@ void KorvaneVelgar::applicationDidFinishLaunching()
     // The permanent threads, the indicator first.
     if (mainMenu_)
         mainMenu_->startIndicator(*this);
-    startPermanentThreads();
-
+    // The texts first: the workers may notify from their first run on.
     prepareNotifications();
+    startPermanentThreads();
     startWatcher(true);
 
     if (const std::optional<std::string> dockIcon = parts_.velgarPrefs->string("ShowDockIcon")) {
@@ -181,6 +183,8 @@ void KorvaneVelgar::startWatcher(bool update)
 
 void KorvaneVelgar::setScanParameters()
 {
+    if (!settings_)
+        return;
     std::vector<std::string> arguments;
     if (clamScanPATH_)
         arguments.push_back(*clamScanPATH_);
@@ -393,10 +397,13 @@ bool KorvaneVelgar::readPrefs()
     nsLog(settings_->scanEmail ? "scan email files\n" : "do NOT scan email files\n");
     if (settings_->multiscan)
         nsLog("Will use as many processor cores as possible for scanning\n");
-    if (settings_->trashes())
+    if (settings_->trashRequested)
         nsLog("I will delete infected files\n");
-    if (settings_->quarantines())
+    if (settings_->quarantines()) {
         nsLog("I will quarantine infected files\n");
+        if (settings_->quarantineFolderProblem)
+            nsLog(*settings_->quarantineFolderProblem);
+    }
     if (settings_->needsExit1FreshclamFlag)
         needsExit1FreshclamFlag_ = true;
 

@@ -271,7 +271,9 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
     }
     task->closeOutput();
     loop.lastStatus = terminationStatus;
-    if (terminationStatus != 1)
+    // A helper that lacks root's rights is installed only for a loop that
+    // still watches: never during a stop or the agent's teardown.
+    if (terminationStatus != 1 || !loop.isWatching)
         return RunEnd::Ended;
     installHelper(loop, helper);
     return RunEnd::Installed;

@@ -112,7 +112,7 @@ private:
     Dispatcher& queue_;
 
     mutable std::mutex mutex_;
-    std::condition_variable changed_;           // signalled when scanCheckTask_ or runningLoops_ change
+    std::condition_variable changed_;           // signalled when scanCheckTask_, runningLoops_ or the folders to walk change, and at a stop
     std::shared_ptr<Loop> current_;             // guarded by mutex_: the loop a stop ends
     pid_t scanCheckTask_ = -1;                  // guarded by mutex_: the running helper
     int runningLoops_ = 0;                      // guarded by mutex_: watch loops and walks

@@ -35,7 +35,8 @@ std::shared_ptr<const Settings> Settings::load(const Preferences& prefs)
         }
     }
 
-    if (prefs.boolean("VelgarTrashFiles"))
+    settings->trashRequested = prefs.boolean("VelgarTrashFiles");
+    if (settings->trashRequested)
         settings->handling = Handling::MoveToTrash;
     if (prefs.boolean("VelgarQuarantineFiles"))
         settings->handling = Handling::MoveToQuarantine;
@@ -45,7 +46,7 @@ std::shared_ptr<const Settings> Settings::load(const Preferences& prefs)
         if (folder->isString())
             settings->quarantineFolder = expandTilde(folder->toString().toStdString());
         else
-            problems.push_back("The preference \"QuarantineFolder\" holds no folder path; it is ignored");
+            settings->quarantineFolderProblem = "The preference \"QuarantineFolder\" holds no folder path; it is ignored";
     }
 
     if (const std::optional<QJsonArray> records = prefs.array("ExcludePatterns"))

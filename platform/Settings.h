@@ -27,6 +27,7 @@ struct Settings {
     std::vector<WatchedFolder> watchedFolders;
     // "VelgarQuarantineFiles" wins over "VelgarTrashFiles".
     Handling handling = Handling::LeaveAndWarn;
+    bool trashRequested = false;  // "VelgarTrashFiles", even where quarantine wins
     // "QuarantineFolder" (or its "path" entry), "~" expanded; "" when unset.
     // Files in it are never scanned, whatever the handling.
     std::string quarantineFolder;
@@ -42,8 +43,10 @@ struct Settings {
     bool needsExit1FreshclamFlag = false;      // "NeedsExit1FreshclamFlag"
     bool updateDefsAtLaunch = false;           // "UpdateDefsOnLaunch"
 
-    // One log line for each value that was there but could not be used.
+    // One log line for each value that was there but could not be used;
+    // a quarantine folder that is no path matters in quarantine mode only.
     std::vector<std::string> problems;
+    std::optional<std::string> quarantineFolderProblem;
 
     // Reads the preferences as they are now (the caller synchronises).
     static std::shared_ptr<const Settings> load(const Preferences& prefs);

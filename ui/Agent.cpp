@@ -94,7 +94,11 @@ Agent::Agent(Parts parts) : owned_(std::make_unique<Owned>())
 
 Agent::~Agent()
 {
+    // The indicator thread and the open warning dialogs use the controller:
+    // they end, and let go of it, before it goes.
     menu_->stopIndicator();
+    controller_->removeAllFromDialogList();
+    dialogs_->setKorvaneVelgarController(nullptr);
 }
 
 BusNameResult Agent::publishOnSessionBus()

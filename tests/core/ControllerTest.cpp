@@ -46,12 +46,15 @@ TEST_F(Controller, PreferenceValuesOfALoad)
         kv::KorvaneVelgar& controller = makeController();
         kvtest::LogCapture log;
         EXPECT_EQ(controller.readPrefs(), c.loads) << c.name;
-        if (*c.logged)
+        if (*c.logged) {
             EXPECT_TRUE(log.contains(c.logged)) << c.name;
-        if (*c.notLogged)
+        }
+        if (*c.notLogged) {
             EXPECT_FALSE(log.contains(c.notLogged)) << c.name;
-        if (c.preferences.contains("QuarantineFolder"))
+        }
+        if (c.preferences.contains("QuarantineFolder")) {
             EXPECT_EQ(controller.getQuarantineLocation(), "--move=") << c.name;
+        }
     }
 }
 

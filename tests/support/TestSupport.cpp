@@ -344,7 +344,7 @@ bool RecordingAlerts::record(Shown shown)
 
 bool RecordingAlerts::showQuarantinedDialog(const std::string& owner, const std::string& folder)
 {
-    return record({"Quarantined", owner, folder, {}});
+    return record({"Quarantined", owner, folder, {}, {}});
 }
 
 bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line, const std::string& path)
@@ -355,7 +355,7 @@ bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::str
 bool RecordingAlerts::showEngineUnreachableDialog(const std::string& owner, const std::string& message,
                                                   const std::string& quitTitle)
 {
-    return record({"EngineUnreachable", owner, message, quitTitle});
+    return record({"EngineUnreachable", owner, message, quitTitle, {}});
 }
 
 std::vector<RecordingAlerts::Shown> RecordingAlerts::shown() const
