@@ -87,11 +87,14 @@ TEST_F(Scanning, PlantedLinkAtTheListFileIsNeverFollowed)
 
 TEST_F(Scanning, AbortKillsOnlyTheAgentsOwnClients)
 {
+    // Both scripts are written before the agent's threads start programs of
+    // their own: a program started while a script is open for writing holds
+    // it open, and the script cannot run (ETXTBSY).
     const std::string fake = home_ / "slowscan";
     kvtest::writeFile(fake, "#!/bin/sh\nexec sleep 60\n", 0755);
+    kvtest::writeFile(home_ / "bystander.sh", "#!/bin/sh\nexec sleep 60\n", 0755);
     start();
     controller_->firstPatientScanner().setMenuAndParams(kv::ScanParameters{{fake}, controller_->settings()});
-    kvtest::writeFile(home_ / "bystander.sh", "#!/bin/sh\nexec sleep 60\n", 0755);
     std::optional<kv::ChildProcess> bystander =
         kv::ChildProcess::spawn({home_ / "bystander.sh"}, kv::ChildProcess::Output::Null);
     ASSERT_TRUE(bystander);

@@ -1,6 +1,8 @@
 #include "tests/support/TestSupport.h"
 
 #include "engine/ClamdCtrl.h"
+#include "platform/FileWriting.h"
+#include "platform/UniqueFd.h"
 #include "scan/PatientScanner.h"
 
 #include <arpa/inet.h>
@@ -162,11 +164,12 @@ std::string sanitizerObstacleFor(const std::string& name)
 void writeFile(const std::string& path, const std::string& contents, unsigned mode)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    {
-        std::ofstream file(path, std::ios::binary | std::ios::trunc);
-        file << contents;
-    }
-    ::chmod(path.c_str(), mode);
+    // Close-on-exec, so a program another thread starts meanwhile does not
+    // keep the file open for writing (a script so held cannot run: ETXTBSY).
+    kv::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!file || !kv::writeAll(file.get(), contents))
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    ::fchmod(file.get(), mode);
 }
 
 std::string readFile(const std::string& path)
