@@ -23,12 +23,18 @@ count() {
     END { print n + 0 }' "$@" </dev/null
 }
 
-files() { git ls-files --cached --others --exclude-standard -- "$@" | grep -E "$pattern" | while read -r f; do [ -f "$f" ] && echo "$f"; done; }
+# Files by name, found in the tree itself: a checkout may be a plain copy
+# without git's records, or one that git will not read for another user.
+files() { find "$@" -type f | grep -E "$pattern" | sort; }
 
 pattern='\.(cpp|h)$'
 mapfile -t product < <(files platform engine queue scan intake app ui tools eventhelper)
 pattern='\.(cpp|h|sh|py)$'
 mapfile -t tests < <(files tests)
+if [ "${#product[@]}" -eq 0 ] || [ "${#tests[@]}" -eq 0 ]; then
+  echo "code-ratio.sh: no sources found under $(pwd)" >&2
+  exit 1
+fi
 
 product_lines=$(count "${product[@]}")
 test_lines=$(count "${tests[@]}")
