@@ -217,15 +217,19 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         return RunEnd::Ended;
     }
     const pid_t pid = task->pid();
-    partialRecord_.clear();
-    fieldsOf_.clear();
-    fields_.clear();
     bool registered = false;
     {
         std::lock_guard<std::mutex> held(mutex_);
         if (loop.isWatching) {
             scanCheckTask_ = pid;
             registered = true;
+            // A new helper's records start afresh. Only a loop that still
+            // watches touches this state: a stop that came before the
+            // helper was registered returns at once, and the next loop may
+            // be reading records already.
+            partialRecord_.clear();
+            fieldsOf_.clear();
+            fields_.clear();
         }
     }
 
