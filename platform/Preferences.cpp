@@ -4,6 +4,7 @@
 #include "platform/Paths.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
@@ -167,6 +168,47 @@ bool writeDomainFile(const std::string& path, const QJsonObject& contents, std::
         return false;
     }
     return true;
+}
+
+bool isDomainName(const std::string& text)
+{
+    if (text.empty())
+        return false;
+    for (const char c : text) {
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                             c == '-' || c == '_';
+        if (!allowed)
+            return false;
+    }
+    return true;
+}
+
+DomainEdit editDomainFile(const std::string& path, const DomainEditor& edit, std::string* error)
+{
+    std::string why;
+    const std::optional<QJsonObject> before = readDomainFile(path, &why);
+    if (!before) {
+        if (error)
+            *error = why;
+        // A file that exists but does not parse is the user's: never replaced.
+        return QFile::exists(QString::fromStdString(path)) && QFileInfo(QString::fromStdString(path)).isReadable()
+                   ? DomainEdit::NotValid
+                   : DomainEdit::Failed;
+    }
+    QJsonObject after = *before;
+    if (!edit(after, &why)) {
+        if (error)
+            *error = why;
+        return DomainEdit::Refused;
+    }
+    if (after == *before)
+        return DomainEdit::Unchanged;
+    if (!writeDomainFile(path, after, &why)) {
+        if (error)
+            *error = why;
+        return DomainEdit::Failed;
+    }
+    return DomainEdit::Written;
 }
 
 } // namespace kv

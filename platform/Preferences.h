@@ -3,6 +3,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -72,5 +73,26 @@ std::optional<QJsonObject> readDomainFile(const std::string& path, std::string* 
 // Writes a domain file atomically (temporary file in the same folder, then
 // rename), so a reader never sees half a file. Creates the folder if needed.
 bool writeDomainFile(const std::string& path, const QJsonObject& contents, std::string* error);
+
+// The one way the programs that write preferences (velgarctl and the Korvane
+// application) change a domain, so they keep the same rules.
+//
+// A domain is named with letters, digits, '.', '-' and '_' only, so its name
+// can never lead out of the preferences folder.
+bool isDomainName(const std::string& text);
+
+enum class DomainEdit {
+    Written,    // the edit changed the contents; the file was replaced
+    Unchanged,  // the edit left the contents as they were; nothing written
+    Refused,    // the edit said no (its reason in *error); nothing written
+    NotValid,   // the file is not valid JSON (*error says why); never overwritten
+    Failed,     // the file could not be read or written (*error)
+};
+
+// Reads the domain file at path, hands its object to edit, and writes the
+// result atomically when it differs. edit returns false, with a reason in
+// *error, to refuse the change.
+using DomainEditor = std::function<bool(QJsonObject& contents, std::string* error)>;
+DomainEdit editDomainFile(const std::string& path, const DomainEditor& edit, std::string* error);
 
 } // namespace kv

@@ -15,11 +15,25 @@ const char* const kSuiteDomain = kMainAppDomain;
 // Checks DOMAIN (and KEY) before anything is read or written.
 int checkDomainAndKey(const std::vector<std::string>& arguments, size_t count)
 {
-    if (!DefaultsCommand::isDomainName(arguments[0]))
+    if (!isDomainName(arguments[0]))
         return reportBadInput("\"" + arguments[0] + "\" is not a domain name (letters, digits, '.', '-' and '_' only)");
     if (count > 1 && arguments[1].empty())
         return reportBadInput("the key must not be empty");
     return kExitSuccess;
+}
+
+// The exit status of an edit, with its one line on standard error.
+int reportEdit(const std::string& path, DomainEdit outcome, const std::string& error)
+{
+    switch (outcome) {
+    case DomainEdit::Written:
+    case DomainEdit::Unchanged: return kExitSuccess;
+    case DomainEdit::Refused: return reportFailure(error);
+    case DomainEdit::NotValid:
+        return reportBadInput(path + " is not a valid preferences file (" + error + "); leaving it untouched");
+    case DomainEdit::Failed: break;
+    }
+    return reportFailure("cannot write " + path + ": " + error);
 }
 
 } // namespace
@@ -32,19 +46,6 @@ DefaultsCommand::DefaultsCommand(std::string folder)
 std::string DefaultsCommand::pathOfDomain(const std::string& domain) const
 {
     return joinPath(folder_, domain + ".json");
-}
-
-bool DefaultsCommand::isDomainName(const std::string& text)
-{
-    if (text.empty())
-        return false;
-    for (const char c : text) {
-        const bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                             c == '-' || c == '_';
-        if (!allowed)
-            return false;
-    }
-    return true;
 }
 
 int DefaultsCommand::run(const std::vector<std::string>& arguments)
@@ -112,13 +113,11 @@ int DefaultsCommand::write(const std::vector<std::string>& arguments)
         return reportBadInput(error);
 
     const std::string path = pathOfDomain(arguments[0]);
-    std::optional<QJsonObject> contents = readDomainFile(path, &error);
-    if (!contents)
-        return reportBadInput(path + " is not a valid preferences file (" + error + "); leaving it untouched");
-    contents->insert(QString::fromStdString(arguments[1]), *value);
-    if (!writeDomainFile(path, *contents, &error))
-        return reportFailure("cannot write " + path + ": " + error);
-    return kExitSuccess;
+    const QString key = QString::fromStdString(arguments[1]);
+    return reportEdit(path, editDomainFile(path, [&](QJsonObject& contents, std::string*) {
+        contents.insert(key, *value);
+        return true;
+    }, &error), error);
 }
 
 int DefaultsCommand::remove(const std::vector<std::string>& arguments)
@@ -129,17 +128,17 @@ int DefaultsCommand::remove(const std::vector<std::string>& arguments)
         return status;
 
     const std::string path = pathOfDomain(arguments[0]);
-    std::string error;
-    std::optional<QJsonObject> contents = readDomainFile(path, &error);
-    if (!contents)
-        return reportBadInput(path + " is not a valid preferences file (" + error + "); leaving it untouched");
     const QString key = QString::fromStdString(arguments[1]);
-    if (!contents->contains(key))
-        return reportFailure("the domain " + arguments[0] + " has no key \"" + arguments[1] + "\"; nothing changed");
-    contents->remove(key);
-    if (!writeDomainFile(path, *contents, &error))
-        return reportFailure("cannot write " + path + ": " + error);
-    return kExitSuccess;
+    std::string error;
+    const DomainEdit outcome = editDomainFile(path, [&](QJsonObject& contents, std::string* why) {
+        if (!contents.contains(key)) {
+            *why = "the domain " + arguments[0] + " has no key \"" + arguments[1] + "\"; nothing changed";
+            return false;
+        }
+        contents.remove(key);
+        return true;
+    }, &error);
+    return reportEdit(path, outcome, error);
 }
 
 } // namespace kv

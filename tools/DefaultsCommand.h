@@ -21,10 +21,6 @@ public:
 
     std::string pathOfDomain(const std::string& domain) const;
 
-    // A domain is named with letters, digits, '.', '-' and '_' only, so its
-    // name can never lead out of the preferences folder.
-    static bool isDomainName(const std::string& text);
-
 private:
     int read(const std::vector<std::string>& arguments);
     int write(const std::vector<std::string>& arguments);

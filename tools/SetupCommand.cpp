@@ -3,7 +3,7 @@
 #include "engine/ClamdCtrl.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
-#include "tools/AutostartEntry.h"
+#include "platform/AutostartEntry.h"
 #include "tools/CommandStatus.h"
 #include "tools/DefaultsCommand.h"
 #include "tools/EngineSetup.h"
@@ -197,9 +197,15 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
         return status;
     }
 
-    QJsonObject updated = *preferences;
-    updatePreferences(options, prefix, &updated);
-    if (updated != *preferences && !writeDomainFile(preferencesPath, updated, &error))
+    // Edited afresh from the file: another program may have written it while
+    // the engine was being built.
+    const DomainEdit edit = editDomainFile(preferencesPath, [&](QJsonObject& contents, std::string*) {
+        updatePreferences(options, prefix, &contents);
+        return true;
+    }, &error);
+    if (edit == DomainEdit::NotValid)
+        return reportBadInput(preferencesPath + " is not a valid preferences file (" + error + "); leaving it untouched");
+    if (edit == DomainEdit::Failed)
         return reportFailure("cannot write " + preferencesPath + ": " + error);
     printLine("Preferences: " + preferencesPath);
     return kExitSuccess;

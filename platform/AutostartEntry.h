@@ -6,8 +6,9 @@ namespace kv {
 
 // The desktop entry that has the user's desktop session start the agent at
 // login: $XDG_CONFIG_HOME/autostart/com.korvane.KorvaneVelgar.desktop.
-// `velgarctl setup --autostart` writes it and `--no-autostart` removes it;
-// neither touches any other file. Used on velgarctl's main thread only.
+// `velgarctl setup --autostart` and the Korvane application's "Start at
+// login" write it; `--no-autostart` and unticking that box remove it.
+// Neither touches any other file. Not thread-safe: one caller's main thread.
 class AutostartEntry {
 public:
     AutostartEntry();
@@ -25,6 +26,9 @@ public:
 
     // Removes the entry; *removed tells whether there was one.
     bool remove(bool* removed, std::string* error) const;
+
+    // Whether the entry is there, so the session starts the agent.
+    bool installed() const;
 
 private:
     std::string path_;

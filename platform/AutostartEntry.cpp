@@ -1,4 +1,4 @@
-#include "tools/AutostartEntry.h"
+#include "platform/AutostartEntry.h"
 
 #include "platform/Paths.h"
 
@@ -113,5 +113,7 @@ bool AutostartEntry::remove(bool* removed, std::string* error) const
     *error = "cannot remove " + path_ + ": " + std::strerror(errno);
     return false;
 }
+
+bool AutostartEntry::installed() const { return pathExists(path_); }
 
 } // namespace kv
