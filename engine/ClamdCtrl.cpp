@@ -155,6 +155,38 @@ bool answersPing(int socketFd)
     return received >= 4 && std::string_view(reply, 4) == "PONG";
 }
 
+// The daemon's one-line answer to VERSION on the connected socket.
+std::optional<std::string> versionOf(int socketFd)
+{
+    static constexpr char kVersion[] = "zVERSION";
+    if (::send(socketFd, kVersion, sizeof kVersion, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof kVersion))
+        return std::nullopt;
+    // The answer ends with a NUL byte (the z form); it is short, but may come
+    // in pieces.
+    std::string answer;
+    char chunk[256];
+    while (answer.size() < 1024) {
+        const ssize_t received = ::recv(socketFd, chunk, sizeof chunk, 0);
+        if (received < 0 && errno == EINTR)
+            continue;
+        if (received <= 0)
+            break;
+        answer.append(chunk, static_cast<size_t>(received));
+        if (answer.find('\0') != std::string::npos)
+            break;
+    }
+    answer = answer.substr(0, answer.find('\0'));
+    while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r'))
+        answer.pop_back();
+    if (!answer.starts_with("ClamAV "))
+        return std::nullopt;
+    // Only what prints: the answer ends up on the user's screen.
+    for (char& c : answer)
+        if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7e)
+            c = '?';
+    return answer;
+}
+
 using AddressList = std::unique_ptr<addrinfo, void (*)(addrinfo*)>;
 
 // A host name look-up that may outlive the wait for it: the thread running
@@ -419,6 +451,40 @@ bool ClamdCtrl::systemServiceAnswers(const std::string& pathToSocket)
     if (!peer || *peer == ::getuid() || !isSystemUser(*peer))
         return false;
     return answersPing(socketFd.get());
+}
+
+std::optional<std::string> ClamdCtrl::askVersion(const std::string& pathToSocket, std::string* problem)
+{
+    const UniqueFd socketFd = connectedTo(pathToSocket);
+    std::string why;
+    if (!socketFd)
+        why = "nothing answers at " + pathToSocket;
+    else if (why = untrustedPeer(socketFd.get()); why.empty()) {
+        if (std::optional<std::string> version = versionOf(socketFd.get()))
+            return version;
+        why = "the daemon at " + pathToSocket + " gave no version";
+    }
+    if (problem)
+        *problem = why;
+    return std::nullopt;
+}
+
+std::optional<std::string> ClamdCtrl::askVersion(const TcpEngine& engine, std::string* problem)
+{
+    std::string why;
+    const UniqueFd socketFd = connectedOverTcp(engine, &why);
+    if (socketFd) {
+        if (why = untrustedLocalTcpServer(socketFd.get()); why.empty()) {
+            if (std::optional<std::string> version = versionOf(socketFd.get()))
+                return version;
+            why = "the daemon at " + engine.describe() + " gave no version";
+        } else {
+            why = engine.describe() + ": " + why;
+        }
+    }
+    if (problem)
+        *problem = why;
+    return std::nullopt;
 }
 
 bool ClamdCtrl::tcpEngineAnswers(const TcpEngine& engine, std::string* problem)

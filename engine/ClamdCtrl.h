@@ -71,6 +71,12 @@ public:
     // answers PING with PONG.
     static bool systemServiceAnswers(const std::string& pathToSocket);
 
+    // The daemon's answer to VERSION ("ClamAV 1.4.3/27463/Mon Nov 23 ...":
+    // the engine, the definitions' version and their date), after the same
+    // trust checks as a scan: the Korvane application's "does the engine
+    // answer". Nothing, with *problem set, when it does not answer.
+    static std::optional<std::string> askVersion(const std::string& pathToSocket, std::string* problem);
+    static std::optional<std::string> askVersion(const TcpEngine& engine, std::string* problem);
     // communicateWithSocket() for a daemon reached over TCP: the engine's
     // addresses are tried in order, as clamdscan tries them. True when the
     // command was written (whatever the reply).
