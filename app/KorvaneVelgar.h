@@ -169,6 +169,8 @@ public:
     // Launches the main application, then quits.
     void openAppFromError();
     void openPrefs(bool fromOpenPrefsButton) { mainApplication_.openPrefs(fromOpenPrefsButton); }
+    // The main application at one of its pages; false when it cannot be launched.
+    bool openPage(const std::string& page) { return mainApplication_.openPage(page); }
 
     // The open warning dialogs, in the order they opened. Main thread only:
     // the dialogs are created there.

@@ -28,21 +28,37 @@ void MainApplicationLink::openPrefs(bool fromOpenPrefsButton)
             quit_();
         return;
     }
+    std::vector<std::pair<const char*, std::string>> requests{{bus::kShouldOpenPrefs, bus::kAgentObject}};
+    if (fromOpenPrefsButton)
+        requests.emplace_back(bus::kShouldOpenPage, "protection");
+    postWhenRunning(std::move(requests), fromOpenPrefsButton);
+}
 
+bool MainApplicationLink::openPage(const std::string& page)
+{
+    if (!workspace_ || !workspace_->launchApplication(kBundleIdentifier))
+        return false;
+    postWhenRunning({{bus::kShouldOpenPage, page}}, false);
+    return true;
+}
+
+void MainApplicationLink::postWhenRunning(std::vector<std::pair<const char*, std::string>> requests, bool thenQuit)
+{
     // The main application owns its bus name once it runs. Waiting for that
     // in the event loop keeps the menu and the dialogs alive meanwhile; after
-    // the time limit the request goes out anyway, for a main application that
+    // the time limit the requests go out anyway, for a main application that
     // is slow to start.
     auto* waiter = new QObject(this);
     auto finished = std::make_shared<bool>(false);
-    auto finish = [this, waiter, finished, fromOpenPrefsButton] {
+    auto finish = [this, waiter, finished, requests = std::move(requests), thenQuit] {
         if (*finished)
             return;
         *finished = true;
         waiter->deleteLater();
         if (center_)
-            center_->post(bus::kShouldOpenPrefs, bus::kAgentObject);
-        if (fromOpenPrefsButton)
+            for (const auto& [name, object] : requests)
+                center_->post(name, object);
+        if (thenQuit)
             quit_();
     };
     QDBusConnection bus = QDBusConnection::sessionBus();

@@ -5,6 +5,9 @@
 #include <QObject>
 
 #include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kv {
 
@@ -28,13 +31,21 @@ public:
     // Launches the main application and, once it owns its bus name (at most
     // kOpenPrefsWaitSeconds later, waiting in the event loop), posts
     // "KorvaneShouldOpenPrefs". A launch that cannot start beeps and posts
-    // nothing. Sent by the no-engine panel's button, it then quits.
+    // nothing. Sent by the no-engine panel's button, it also asks for the
+    // Protection page, which tells what the engine lacks, and then quits.
     void openPrefs(bool fromOpenPrefsButton);
+    // Launches the main application at one of its pages
+    // ("KorvaneShouldOpenPage" with the page's name, once it runs). False
+    // when it could not be launched.
+    bool openPage(const std::string& page);
 
 private:
     Workspace* workspace_;
     DistributedCenter* center_;
     std::function<void()> quit_;
+
+    // Posts the requests once the main application owns its bus name.
+    void postWhenRunning(std::vector<std::pair<const char*, std::string>> requests, bool thenQuit);
 };
 
 } // namespace kv

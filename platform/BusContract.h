@@ -32,4 +32,17 @@ inline constexpr const char* kShouldQuit = "KorvaneVelgarShouldQuit";
 inline constexpr const char* kHasQuit = "KorvaneVelgarHasQuit";
 inline constexpr const char* kShouldOpenPrefs = "KorvaneShouldOpenPrefs";
 
+// The agent's state as the Korvane application shows it live: posted with
+// one of the words below as its object whenever the state changes, and
+// answered to a scripted read of kStatusKey.
+inline constexpr const char* kStatus = "KorvaneVelgarStatus";
+inline constexpr const char* kStatusKey = "agentStatus";
+inline constexpr const char* kStatusChanging = "changing";  // starting or stopping watching
+inline constexpr const char* kStatusStopped = "stopped";
+inline constexpr const char* kStatusWatching = "watching";
+inline constexpr const char* kStatusScanning = "scanning";
+// Asks the Korvane application to show one of its pages; the object is the
+// page's name (see korvane/Pages.h).
+inline constexpr const char* kShouldOpenPage = "KorvaneShouldOpenPage";
+
 } // namespace kv::bus

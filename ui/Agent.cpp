@@ -90,6 +90,26 @@ Agent::Agent(Parts parts) : owned_(std::make_unique<Owned>())
     mainInterface_->setOpenPrefsAction([controller] { controller->openPrefs(true); });
     menu_->setKorvaneVelgarController(controller);
     dialogs_->setKorvaneVelgarController(controller);
+
+    // The Korvane application shows the agent's state live.
+    DistributedCenter* center = controllerParts.distributedCenter;
+    QObject::connect(menu_.get(), &Throbber::menuStateApplied, menu_.get(), [this, center](int state) {
+        const char* status = statusWord(state);
+        if (status == status_)
+            return;
+        status_ = status;
+        center->post(bus::kStatus, status);
+    });
+}
+
+const char* Agent::statusWord(int state)
+{
+    switch (state) {
+    case StatusMenu::kStopped: return bus::kStatusStopped;
+    case StatusMenu::kWatching: return bus::kStatusWatching;
+    case StatusMenu::kBusy: return bus::kStatusScanning;
+    default: return bus::kStatusChanging;
+    }
 }
 
 Agent::~Agent()
@@ -110,9 +130,13 @@ BusNameResult Agent::publishOnSessionBus()
     // Scripts reach the agent through its object under the name it owns.
     KorvaneVelgar* controller = controller_.get();
     AgentBusObject::ScriptedKeys keys;
-    keys.handlesKey = [controller](const std::string& key) { return controller->applicationDelegateHandlesKey(key); };
-    keys.valueForKey = [controller](const std::string&) { return controller->restartWatchingViaAS(); };
-    keys.names = {bus::kScriptKey};
+    keys.handlesKey = [controller](const std::string& key) {
+        return key == bus::kStatusKey || controller->applicationDelegateHandlesKey(key);
+    };
+    keys.valueForKey = [this, controller](const std::string& key) {
+        return key == bus::kStatusKey ? std::string(status_) : controller->restartWatchingViaAS();
+    };
+    keys.names = {bus::kScriptKey, bus::kStatusKey};
     busObject_ = std::make_unique<AgentBusObject>(keys);
     if (!busObject_->registerOn(bus))
         nsLog("The agent's bus object cannot be registered: scripts cannot reach the agent");

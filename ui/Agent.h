@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/BusContract.h"
+
 #include "platform/BusName.h"
 
 #include <functional>
@@ -65,6 +67,9 @@ public:
     Preferences& preferences() { return *preferences_; }
 
 private:
+    // The word for a menu state that the Korvane application shows.
+    static const char* statusWord(int state);
+
     struct Owned;
     std::unique_ptr<Owned> owned_;  // the real parts made here
     Preferences* preferences_;
@@ -73,6 +78,7 @@ private:
     std::unique_ptr<InfectionDialogs> dialogs_;
     std::unique_ptr<KorvaneVelgar> controller_;
     std::unique_ptr<AgentBusObject> busObject_;
+    const char* status_ = bus::kStatusChanging;  // main thread
 };
 
 } // namespace kv

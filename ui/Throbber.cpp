@@ -160,7 +160,10 @@ void Throbber::enableMenuItems(int state)
         return;
     if (observer_)
         observer_->menuStateShown(state);
-    runOnMainThread([this, state] { applyMenuState(state); });
+    runOnMainThread([this, state] {
+        applyMenuState(state);
+        Q_EMIT menuStateApplied(state);
+    });
 }
 
 void Throbber::applyMenuState(int state)
@@ -263,13 +266,19 @@ void Throbber::openLog(const QObject* sender, Qt::KeyboardModifiers modifiers)
     if (!workspace)
         return;
     std::string path;
+    const std::string scanLog = joinPath(home_, "Library/Logs/KorvaneVelgar-scan.log");
     if (sender && sender == openScanLogMenuItem.data()) {
-        path = joinPath(home_, "Library/Logs/KorvaneVelgar-scan.log");
-        if (modifiers & Qt::AltModifier)
-            path.replace(path.rfind("KorvaneVelgar-scan.log"), std::string("KorvaneVelgar-scan.log").size(),
-                         "korvane-scan.log");
+        path = scanLog;
+        // The main application's scan log is its History page.
+        if ((modifiers & Qt::AltModifier) && korvaneVelgarController_ && korvaneVelgarController_->openPage("history"))
+            return;
     } else if (sender && sender == openVelgarConsoleLogMenuItem.data()) {
-        path = joinPath(home_, "Library/Logs/KorvaneVelgarConsole.log");
+        // The agent's diagnostics go to the system log and to its standard
+        // error, which is the scan log: the main application shows them
+        // apart from the scan results; without it, the scan log itself.
+        if (korvaneVelgarController_ && korvaneVelgarController_->openPage("diagnostics"))
+            return;
+        path = scanLog;
     } else {
         const std::optional<std::string> option =
             korvaneVelgarController_ ? korvaneVelgarController_->freshclamLogLocation() : std::nullopt;

@@ -83,6 +83,12 @@ public:
     // Set before startIndicator(); not owned.
     void setObserver(Observer* observer) { observer_ = observer; }
 
+Q_SIGNALS:
+    // The menu now shows this state (kDisabled to kBusy). Main thread.
+    void menuStateApplied(int state);
+
+public:
+
     // StatusMenu.
     void enableMenuItems(int state) override;
     void clearMenu() override;

@@ -131,37 +131,45 @@ TEST(StatusMenu, ShowDockIconDecidesTrayIconAndQuitItem)
     }
 }
 
-TEST(StatusMenu, OpenLogPicksTheFileOrBeeps)
+TEST(StatusMenu, OpenLogPicksTheFileThePageOrBeeps)
 {
     DesktopAgent agent;
-    const std::string logs = agent.home / "Library/Logs/";
+    const std::string scanLog = agent.home / "Library/Logs/KorvaneVelgar-scan.log";
+    kvtest::writeFile(scanLog, "");
     struct Case {
         const char* item;
         Qt::KeyboardModifiers modifiers;
-        const char* log;
-        bool exists;
-        bool applicationOpensIt;
+        bool applicationLaunches;
+        bool applicationOpensFiles;
+        const char* opened;  // "" nothing, "log" the scan log
+        bool launched;       // the main application was asked for, at a page
+        bool beep;
     };
+    // The console log and the main application's scan log are pages of the
+    // main application; without it the agent's diagnostics are in the scan log.
     const Case cases[] = {
-        {"openScanLogMenuItem", Qt::NoModifier, "KorvaneVelgar-scan.log", true, true},
-        {"openScanLogMenuItem", Qt::AltModifier, "korvane-scan.log", true, true},
-        {"openVelgarConsoleLogMenuItem", Qt::NoModifier, "KorvaneVelgarConsole.log", true, true},
+        {"openScanLogMenuItem", Qt::NoModifier, true, true, "log", false, false},
+        {"openScanLogMenuItem", Qt::NoModifier, true, false, "log", false, true},
+        {"openScanLogMenuItem", Qt::AltModifier, true, true, "", true, false},
+        {"openScanLogMenuItem", Qt::AltModifier, false, true, "log", true, false},
+        {"openVelgarConsoleLogMenuItem", Qt::NoModifier, true, true, "", true, false},
+        {"openVelgarConsoleLogMenuItem", Qt::NoModifier, false, true, "log", true, false},
         // No preferences loaded: there is no update log option.
-        {"openUpdateLogMenuItem", Qt::NoModifier, "", false, true},
-        {"openScanLogMenuItem", Qt::NoModifier, "KorvaneVelgar-scan.log", true, false},
-        {"openScanLogMenuItem", Qt::AltModifier, "korvane-scan.log", false, true},
+        {"openUpdateLogMenuItem", Qt::NoModifier, true, true, "", false, true},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.item) + (c.modifiers ? " with Alt" : "") + (c.exists ? "" : ", no log") +
-                     (c.applicationOpensIt ? "" : ", no application opens it"));
-        if (*c.log)
-            c.exists ? kvtest::writeFile(logs + c.log, "") : void(::unlink((logs + c.log).c_str()));
+        SCOPED_TRACE(std::string(c.item) + (c.modifiers ? " with Alt" : "") +
+                     (c.applicationLaunches ? "" : ", no main application") +
+                     (c.applicationOpensFiles ? "" : ", no application opens files"));
         agent.workspace.opened.clear();
+        agent.workspace.launched.clear();
         agent.workspace.beeps = 0;
-        agent.workspace.opens = c.applicationOpensIt;
+        agent.workspace.opens = c.applicationOpensFiles;
+        agent.workspace.launches = c.applicationLaunches;
         agent.menu->openLog(agent.find(c.item), c.modifiers);
-        EXPECT_EQ(agent.workspace.opened, c.exists ? std::vector{logs + c.log} : std::vector<std::string>{});
-        EXPECT_EQ(agent.workspace.beeps, c.exists && c.applicationOpensIt ? 0 : 1);
+        EXPECT_EQ(agent.workspace.opened, *c.opened ? std::vector{scanLog} : std::vector<std::string>{});
+        EXPECT_EQ(agent.workspace.launched.size(), c.launched ? 1u : 0u);
+        EXPECT_EQ(agent.workspace.beeps, c.beep ? 1 : 0);
     }
 }
 
