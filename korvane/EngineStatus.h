@@ -1,0 +1,52 @@
+#pragma once
+
+#include "engine/ClamdConfig.h"
+
+#include <QString>
+
+#include <optional>
+#include <string>
+
+namespace kv {
+
+// Which scanning engine the agent's "PathToClamav" names, as the
+// Protection and Definitions pages describe it, read from the prefix that
+// `velgarctl setup` built.
+struct EngineDescription {
+    enum class Kind {
+        NotSetUp,       // no prefix, or no clamd.conf in it: *problem says which
+        Own,            // the user's own clamd, started by the agent
+        SystemService,  // Debian's clamd service, through its socket
+        Remote,         // a clamd on another machine, over TCP
+    };
+    Kind kind = Kind::NotSetUp;
+    std::string prefix;
+    std::string socket;                 // Own, SystemService
+    std::optional<TcpEngine> remote;    // Remote
+    std::string databaseFolder;         // where its definitions live, when known
+    QString problem;                    // NotSetUp
+
+    static EngineDescription of(const std::string& prefix);
+    // "The agent's own clamd (socket /run/user/1000/korvane-clamd.ctl)", ...
+    QString describe() const;
+    std::string freshclam() const { return prefix + "/bin/freshclam"; }
+};
+
+// Whether the engine answers, and the version it reports. Blocks for at
+// most a few seconds: call it off the main thread.
+struct EngineAnswer {
+    bool answers = false;
+    QString version;  // "ClamAV 1.4.3/27463/Mon Nov 23 09:12:03 2026"
+    QString problem;  // why it does not answer
+};
+EngineAnswer askEngine(const EngineDescription& engine);
+
+// The parts of a VERSION answer: "ClamAV 1.4.3", "27463", the date.
+struct DefinitionsVersion {
+    QString engine;
+    QString version;
+    QString date;
+};
+std::optional<DefinitionsVersion> parseVersion(const QString& answer);
+
+} // namespace kv

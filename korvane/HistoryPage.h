@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QWidget>
+
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QSortFilterProxyModel;
+class QStandardItemModel;
+class QTableView;
+
+namespace kv {
+
+struct PageContext;
+
+// The scan log as a table: findings first, newest first, searchable, with
+// a choice of what to show (everything, findings, the agent's diagnostics).
+class HistoryPage : public QWidget {
+    Q_OBJECT
+public:
+    enum class Show { Everything, Findings, Diagnostics };
+
+    explicit HistoryPage(PageContext& context, QWidget* parent = nullptr);
+
+    void refresh();
+    void showOnly(Show what);
+    void search(const QString& text);
+    // The rows on screen now, for tests: the row's kind and path or text.
+    int rowsShown() const;
+    QString shownText(int row, int column) const;
+
+private:
+    PageContext& context_;
+    QLineEdit* searchEdit_;
+    QComboBox* showBox_;
+    QLabel* summary_;
+    QStandardItemModel* model_;
+    QSortFilterProxyModel* filter_;
+    QTableView* view_;
+};
+
+} // namespace kv

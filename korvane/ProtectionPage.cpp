@@ -1,0 +1,183 @@
+#include "korvane/ProtectionPage.h"
+
+#include "korvane/AgentLink.h"
+#include "korvane/PageContext.h"
+#include "korvane/PreferenceStore.h"
+#include "platform/AutostartEntry.h"
+#include "platform/BusContract.h"
+#include "platform/Paths.h"
+
+#include <QCheckBox>
+#include <QCoreApplication>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QJsonObject>
+#include <QLabel>
+#include <QPointer>
+#include <QPushButton>
+#include <QThreadPool>
+#include <QTimer>
+#include <QVBoxLayout>
+
+namespace kv {
+
+ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(parent), context_(context)
+{
+    auto* layout = new QVBoxLayout(this);
+
+    auto* agentBox = new QGroupBox(tr("Protection"), this);
+    auto* agentLayout = new QVBoxLayout(agentBox);
+    agentState_ = new QLabel(agentBox);
+    agentState_->setObjectName("agentState");
+    QFont big = agentState_->font();
+    big.setPointSizeF(big.pointSizeF() * 1.3);
+    big.setBold(true);
+    agentState_->setFont(big);
+    foldersState_ = new QLabel(agentBox);
+    foldersState_->setWordWrap(true);
+    auto* buttons = new QHBoxLayout;
+    startButton_ = new QPushButton(tr("Start Protection"), agentBox);
+    startButton_->setObjectName("startButton");
+    stopButton_ = new QPushButton(tr("Stop Protection"), agentBox);
+    stopButton_->setObjectName("stopButton");
+    restartButton_ = new QPushButton(tr("Restart Watching"), agentBox);
+    restartButton_->setObjectName("restartButton");
+    buttons->addWidget(startButton_);
+    buttons->addWidget(stopButton_);
+    buttons->addWidget(restartButton_);
+    buttons->addStretch();
+    loginBox_ = new QCheckBox(tr("Start protection when I log in"), agentBox);
+    loginBox_->setObjectName("loginBox");
+    agentLayout->addWidget(agentState_);
+    agentLayout->addWidget(foldersState_);
+    agentLayout->addLayout(buttons);
+    agentLayout->addWidget(loginBox_);
+
+    auto* engineBox = new QGroupBox(tr("Scanning engine"), this);
+    auto* engineLayout = new QFormLayout(engineBox);
+    engineKind_ = new QLabel(engineBox);
+    engineKind_->setObjectName("engineKind");
+    engineKind_->setWordWrap(true);
+    engineKind_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    engineAnswer_ = new QLabel(engineBox);
+    engineAnswer_->setObjectName("engineAnswer");
+    engineAnswer_->setWordWrap(true);
+    engineLayout->addRow(tr("Engine:"), engineKind_);
+    engineLayout->addRow(tr("Answers:"), engineAnswer_);
+
+    problems_ = new QLabel(this);
+    problems_->setObjectName("preferenceProblems");
+    problems_->setWordWrap(true);
+    problems_->setStyleSheet(QStringLiteral("color: #b00020"));
+
+    layout->addWidget(agentBox);
+    layout->addWidget(engineBox);
+    layout->addWidget(problems_);
+    layout->addStretch();
+
+    connect(startButton_, &QPushButton::clicked, this, [this] {
+        QString error;
+        if (context_.agent.start(&error))
+            context_.tell(tr("Starting Korvane Velgar…"), false);
+        else
+            context_.tell(error, true);
+    });
+    connect(stopButton_, &QPushButton::clicked, this, [this] { context_.agent.quit(); });
+    connect(restartButton_, &QPushButton::clicked, this, [this] { context_.agent.restartWatching(); });
+    connect(loginBox_, &QCheckBox::toggled, this, [this](bool on) {
+        const AutostartEntry entry;
+        std::string error;
+        bool removed = false;
+        const bool done = on ? entry.install(context_.agent.agentProgram(), &error) : entry.remove(&removed, &error);
+        if (!done) {
+            context_.tell(tr("Could not change %1: %2")
+                              .arg(QString::fromStdString(entry.path()), QString::fromStdString(error)),
+                          true);
+            const QSignalBlocker quiet(loginBox_);
+            loginBox_->setChecked(entry.installed());
+        }
+    });
+    connect(&context_.agent, &AgentLink::stateChanged, this, [this] {
+        showAgentState();
+        checkEngine();
+    });
+    connect(&context_.prefs, &PreferenceStore::changed, this, &ProtectionPage::refresh);
+    // The engine may stop or start answering at any time: asked again now
+    // and then while the page is on screen.
+    auto* poll = new QTimer(this);
+    poll->setInterval(10000);
+    connect(poll, &QTimer::timeout, this, [this] {
+        if (isVisible())
+            checkEngine();
+    });
+    poll->start();
+    refresh();
+}
+
+void ProtectionPage::refresh()
+{
+    {
+        const QSignalBlocker quiet(loginBox_);
+        loginBox_->setChecked(AutostartEntry().installed());
+    }
+    problems_->setText(context_.prefs.problems().join(QLatin1Char('\n')));
+    problems_->setVisible(!context_.prefs.problems().isEmpty());
+    engine_ = EngineDescription::of(expandTilde(context_.prefs.string(QStringLiteral("PathToClamav")).toStdString()));
+    engineKind_->setText(engine_.describe());
+    showAgentState();
+    checkEngine();
+}
+
+void ProtectionPage::showAgentState()
+{
+    const AgentLink& agent = context_.agent;
+    const QString& status = agent.status();
+    QString state;
+    if (!agent.running())
+        state = tr("Not running: new files are not scanned");
+    else if (status == QLatin1String(bus::kStatusScanning))
+        state = tr("Scanning new files");
+    else if (status == QLatin1String(bus::kStatusWatching))
+        state = tr("Watching for new files");
+    else if (status == QLatin1String(bus::kStatusStopped))
+        state = tr("Running, but watching is stopped");
+    else
+        state = tr("Starting…");
+    agentState_->setText(state);
+    agentState_->setProperty("status", agent.running() ? status : QStringLiteral("not running"));
+
+    int existing = 0, missing = 0;
+    for (const QJsonValue& record : context_.prefs.array(QStringLiteral("VelgarFolderArray"))) {
+        const QString path = record.toObject().value(QStringLiteral("pathName")).toString();
+        (pathExists(expandTilde(path.toStdString())) ? existing : missing)++;
+    }
+    QString folders = tr("%n folder(s) chosen for watching.", nullptr, existing + missing);
+    if (missing)
+        folders += QLatin1Char(' ') + tr("%n of them do(es) not exist.", nullptr, missing);
+    foldersState_->setText(folders);
+
+    startButton_->setEnabled(!agent.running());
+    stopButton_->setEnabled(agent.running());
+    restartButton_->setEnabled(agent.running());
+}
+
+void ProtectionPage::checkEngine()
+{
+    const int question = ++engineQuestion_;
+    engineAnswer_->setText(tr("Asking…"));
+    QPointer<ProtectionPage> page(this);
+    const EngineDescription engine = engine_;
+    QThreadPool::globalInstance()->start([page, engine, question] {
+        const EngineAnswer answer = askEngine(engine);
+        QMetaObject::invokeMethod(qApp, [page, answer, question] {
+            if (!page || question != page->engineQuestion_)
+                return;
+            page->engineAnswer_->setProperty("answers", answer.answers);
+            page->engineAnswer_->setText(answer.answers ? tr("Yes: %1").arg(answer.version)
+                                                        : tr("No: %1").arg(answer.problem));
+        });
+    });
+}
+
+} // namespace kv

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "korvane/EngineStatus.h"
+
+#include <QWidget>
+
+class QCheckBox;
+class QLabel;
+class QPushButton;
+
+namespace kv {
+
+struct PageContext;
+
+// Is the agent running, watching, scanning (live), which engine it uses and
+// whether that answers; start and stop the agent; start it at login.
+class ProtectionPage : public QWidget {
+    Q_OBJECT
+public:
+    explicit ProtectionPage(PageContext& context, QWidget* parent = nullptr);
+
+    // Reads the preferences and the agent's state again, and asks the engine.
+    void refresh();
+
+private:
+    void showAgentState();
+    void checkEngine();
+
+    PageContext& context_;
+    QLabel* agentState_;
+    QLabel* foldersState_;
+    QPushButton* startButton_;
+    QPushButton* stopButton_;
+    QPushButton* restartButton_;
+    QLabel* engineKind_;
+    QLabel* engineAnswer_;
+    QCheckBox* loginBox_;
+    QLabel* problems_;
+    EngineDescription engine_;
+    int engineQuestion_ = 0;  // the newest question; older answers are dropped
+};
+
+} // namespace kv

@@ -1,0 +1,151 @@
+#include "korvane/QuarantinePage.h"
+
+#include "korvane/PageContext.h"
+#include "platform/PathText.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <QDir>
+#include <QFileSystemWatcher>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLocale>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTableWidget>
+#include <QVBoxLayout>
+
+namespace kv {
+namespace {
+
+// A path as the user reads it: odd bytes escaped the way the log shows them.
+QString shown(const std::string& path) { return QString::fromStdString(displayText(path)); }
+
+} // namespace
+
+QuarantinePage::QuarantinePage(PageContext& context, QWidget* parent)
+    : QWidget(parent), context_(context), index_(context.quarantineIndexPath)
+{
+    auto* layout = new QVBoxLayout(this);
+    summary_ = new QLabel(this);
+    summary_->setObjectName("quarantineSummary");
+    summary_->setWordWrap(true);
+    table_ = new QTableWidget(0, 5, this);
+    table_->setObjectName("quarantineTable");
+    table_->setHorizontalHeaderLabels({tr("File"), tr("Came from"), tr("Virus"), tr("Moved"), tr("Now in")});
+    table_->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Stretch);
+    table_->verticalHeader()->hide();
+    table_->setSelectionBehavior(QAbstractItemView::SelectRows);
+    table_->setSelectionMode(QAbstractItemView::SingleSelection);
+    table_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+
+    auto* buttons = new QHBoxLayout;
+    restoreButton_ = new QPushButton(tr("Restore"), this);
+    restoreButton_->setObjectName("restoreButton");
+    restoreButton_->setToolTip(tr("Put the file back where it came from. If the folder is watched, the agent will "
+                                  "find it again."));
+    deleteButton_ = new QPushButton(tr("Delete for Good…"), this);
+    deleteButton_->setObjectName("deleteButton");
+    auto* refreshButton = new QPushButton(tr("Refresh"), this);
+    buttons->addWidget(restoreButton_);
+    buttons->addWidget(deleteButton_);
+    buttons->addStretch();
+    buttons->addWidget(refreshButton);
+
+    layout->addWidget(summary_);
+    layout->addWidget(table_);
+    layout->addLayout(buttons);
+
+    connect(restoreButton_, &QPushButton::clicked, this, [this] { restoreRow(table_->currentRow()); });
+    connect(deleteButton_, &QPushButton::clicked, this, [this] { deleteRow(table_->currentRow(), true); });
+    connect(refreshButton, &QPushButton::clicked, this, &QuarantinePage::refresh);
+    connect(table_, &QTableWidget::currentCellChanged, this, [this](int row) {
+        restoreButton_->setEnabled(row >= 0);
+        deleteButton_->setEnabled(row >= 0);
+    });
+    // The agent appends to the index while the page is open.
+    auto* watcher = new QFileSystemWatcher(this);
+    const QFileInfo indexFile(QString::fromStdString(index_.indexPath()));
+    if (indexFile.dir().exists())
+        watcher->addPath(indexFile.absolutePath());
+    if (indexFile.exists())
+        watcher->addPath(indexFile.absoluteFilePath());
+    auto changed = [this, watcher, indexFile] {
+        if (!watcher->files().contains(indexFile.absoluteFilePath()) && indexFile.exists())
+            watcher->addPath(indexFile.absoluteFilePath());
+        refresh();
+    };
+    connect(watcher, &QFileSystemWatcher::fileChanged, this, changed);
+    connect(watcher, &QFileSystemWatcher::directoryChanged, this, changed);
+    refresh();
+}
+
+void QuarantinePage::refresh()
+{
+    std::string error;
+    int skipped = 0;
+    records_ = index_.current(&error, &skipped);
+    table_->setRowCount(0);
+    for (const QuarantineRecord& record : records_) {
+        const int row = table_->rowCount();
+        table_->insertRow(row);
+        const size_t slash = record.originalPath.rfind('/');
+        auto* name = new QTableWidgetItem(shown(record.originalPath.substr(slash == std::string::npos ? 0 : slash + 1)));
+        name->setToolTip(shown(record.storedPath));
+        table_->setItem(row, 0, name);
+        table_->setItem(row, 1, new QTableWidgetItem(shown(record.originalPath)));
+        table_->setItem(row, 2, new QTableWidgetItem(QString::fromStdString(record.signature)));
+        table_->setItem(row, 3, new QTableWidgetItem(QLocale().toString(
+                                    QDateTime::fromSecsSinceEpoch(record.movedAt), QLocale::ShortFormat)));
+        table_->setItem(row, 4, new QTableWidgetItem(record.place == QuarantineRecord::Place::Trash ? tr("Trash")
+                                                                                                    : tr("Quarantine")));
+    }
+    QString summary = records_.empty() ? tr("Nothing is in quarantine.")
+                                       : tr("%n file(s) the agent moved away because they hold a virus.", nullptr,
+                                            static_cast<int>(records_.size()));
+    if (!error.empty())
+        summary += QLatin1Char(' ') + tr("The quarantine index cannot be read: %1").arg(QString::fromStdString(error));
+    if (skipped)
+        summary += QLatin1Char(' ') + tr("%n damaged line(s) of the index were passed over.", nullptr, skipped);
+    summary_->setText(summary);
+    restoreButton_->setEnabled(table_->currentRow() >= 0);
+    deleteButton_->setEnabled(table_->currentRow() >= 0);
+}
+
+bool QuarantinePage::restoreRow(int row)
+{
+    if (row < 0 || row >= static_cast<int>(records_.size()))
+        return false;
+    const QuarantineRecord record = records_[row];
+    std::string error;
+    const bool done = index_.restore(record, &error);
+    if (done)
+        context_.tell(tr("%1 is back where it came from.").arg(shown(record.originalPath)), false);
+    else
+        context_.tell(tr("%1 was not restored: %2").arg(shown(record.originalPath), QString::fromStdString(error)), true);
+    refresh();
+    return done;
+}
+
+bool QuarantinePage::deleteRow(int row, bool confirm)
+{
+    if (row < 0 || row >= static_cast<int>(records_.size()))
+        return false;
+    const QuarantineRecord record = records_[row];
+    if (confirm &&
+        QMessageBox::question(this, tr("Delete for Good"),
+                              tr("Delete %1 for good? It cannot be restored afterwards.").arg(shown(record.originalPath)),
+                              QMessageBox::Discard | QMessageBox::Cancel, QMessageBox::Cancel) != QMessageBox::Discard)
+        return false;
+    std::string error;
+    const bool done = index_.remove(record, &error);
+    if (done)
+        context_.tell(tr("%1 is deleted.").arg(shown(record.originalPath)), false);
+    else
+        context_.tell(tr("%1 was not deleted: %2").arg(shown(record.originalPath), QString::fromStdString(error)), true);
+    refresh();
+    return done;
+}
+
+} // namespace kv
