@@ -280,4 +280,25 @@ TEST_F(QuarantineRecording, EachMovedFileIsRecordedWithItsSignature)
     EXPECT_EQ(kv::QuarantineRecords::defaultIndexPath(), home_ / "data/korvane/quarantine.jsonl");
 }
 
+// An index that cannot be written costs one log line a run, and no move.
+TEST_F(QuarantineRecording, AnIndexThatCannotBeWrittenNeverStopsTheMove)
+{
+    fs::create_directories(home_ / "watched");
+    fs::create_directories(home_ / "data/korvane");
+    fs::create_symlink(home_ / "elsewhere", kv::QuarantineRecords::defaultIndexPath());
+    startWatching({{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(home_ / "Q")}});
+    std::vector<std::string> paths;
+    for (const char* name : {"a.com", "b.com"}) {
+        paths.push_back(home_ / ("watched/" + std::string(name)));
+        kvtest::writeFile(paths.back(), kvtest::eicar());
+    }
+    kvtest::LogCapture capture;
+    scan(paths);
+    EXPECT_EQ(capture.count("in the quarantine index"), 1u);
+    EXPECT_TRUE(capture.contains("is a symbolic link"));
+    EXPECT_EQ(kvtest::readFile(home_ / "Q/a.com"), kvtest::eicar());
+    EXPECT_EQ(kvtest::readFile(home_ / "Q/b.com"), kvtest::eicar());
+    EXPECT_FALSE(kvtest::exists(home_ / "elsewhere"));
+}
+
 } // namespace
