@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,5 +16,12 @@ namespace kv {
 // becomes \\, so the text names exactly one path. Everything else, other
 // scripts included, is shown as it is.
 std::string displayText(std::string_view bytes);
+
+// A path as a .trashinfo Path= key and the agent's own records keep it: every
+// byte but unreserved characters and "/" becomes %XX, so the text is plain
+// ASCII without line breaks whatever bytes the name holds.
+std::string percentEncodePath(std::string_view path);
+// The bytes back; nothing for a "%" not followed by two hex digits.
+std::optional<std::string> percentDecodePath(std::string_view text);
 
 } // namespace kv

@@ -8,6 +8,7 @@
 #include "platform/Log.h"
 #include "platform/LongPath.h"
 #include "platform/PathText.h"
+#include "platform/QuarantineRecords.h"
 #include "queue/Dispatcher.h"
 #include "scan/ExclusionPatterns.h"
 #include "scan/Relocation.h"
@@ -376,12 +377,18 @@ void PatientScanner::handleLine(std::string_view line)
             logLine("Unexpected scanner output: " + shown);
             return;
         }
-        foundInRun_.insert(*found);
+        // "PATH: SIGNATURE FOUND"
+        const size_t signatureStart = found->size() + 2;
+        foundInRun_.signatures[*found] =
+            std::string(line.substr(signatureStart, line.size() - signatureStart - std::strlen(" FOUND")));
         raiseAlert(shown, *found, config);
     }
     if (const std::optional<MovedLine> moved = movedLine(line)) {
-        if (config.settings && config.settings->trashes())
+        const bool trashes = config.settings && config.settings->trashes();
+        if (trashes)
             writeTrashInfo(*moved, std::time(nullptr));
+        if (config.settings && config.settings->handling != Handling::LeaveAndWarn)
+            recordMove(*moved, trashes);
     } else if (line.ends_with("'") && line.find(kMovedMarker) != std::string_view::npos) {
         // clamdscan moves only what it found; a move of anything else was
         // written by a file name.
@@ -420,6 +427,25 @@ std::optional<MovedLine> PatientScanner::movedLine(std::string_view line) const
         return MovedLine{std::move(path), std::string(line.substr(start, line.size() - 1 - start))};
     }
     return std::nullopt;
+}
+
+void PatientScanner::recordMove(const MovedLine& moved, bool trashes)
+{
+    // The quarantine page lists what the agent moved away; a move it cannot
+    // record has happened all the same.
+    QuarantineRecord record;
+    record.originalPath = moved.originalPath;
+    record.storedPath = moved.destination;
+    if (const auto found = foundInRun_.signatures.find(moved.originalPath); found != foundInRun_.signatures.end())
+        record.signature = found->second;
+    record.movedAt = std::time(nullptr);
+    record.place = trashes ? QuarantineRecord::Place::Trash : QuarantineRecord::Place::Quarantine;
+    std::string error;
+    if (QuarantineRecords().record(std::move(record), &error) || foundInRun_.recordFailureLogged)
+        return;
+    foundInRun_.recordFailureLogged = true;
+    nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(moved.originalPath).c_str(),
+           error.c_str());
 }
 
 ClamdCtrl::FileVerdict PatientScanner::scanOpenFile(int fd, uint64_t* generation)

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace kv {
@@ -125,6 +126,7 @@ private:
     void alertEngineUnreachable();
     std::string moveDestination() const;
     std::optional<MovedLine> movedLine(std::string_view line) const;
+    void recordMove(const MovedLine& moved, bool trashes);
     bool confirmedInfected(const std::string& path);
     ClamdCtrl::FileVerdict scanOpenFile(int fd, uint64_t* generation = nullptr);
 
@@ -142,7 +144,20 @@ private:
     bool rerunOnNewEngine_ = false;  // the run lost its daemon to a new one
     bool relaunchedInRun_ = false;   // the run's daemon died and was launched again
     AskedPaths asked_;
-    std::unordered_set<std::string> foundInRun_;
+    // The paths this run found infected, each with the signature it was
+    // found with, and whether a move the run could not record was logged;
+    // cleared at the start of each run.
+    struct RunFindings {
+        std::unordered_map<std::string, std::string> signatures;
+        bool recordFailureLogged = false;
+        bool contains(const std::string& path) const { return signatures.contains(path); }
+        void clear()
+        {
+            signatures.clear();
+            recordFailureLogged = false;
+        }
+    };
+    RunFindings foundInRun_;
     std::string partialLine_;        // output after the last line break
     bool verdictByDescriptor_ = false;        // the line at hand is a verdict by descriptor
     std::shared_ptr<FindingMemory> findings_ = std::make_shared<FindingMemory>();

@@ -2,6 +2,7 @@
 
 #include "platform/FileWriting.h"
 #include "platform/LongPath.h"
+#include "platform/PathText.h"
 #include "platform/Paths.h"
 
 #include <fcntl.h>
@@ -21,25 +22,6 @@ bool ensureTrashFolders()
 {
     const std::string root = trashFolder();
     return makeDirectories(joinPath(root, "files"), 0700) && makeDirectories(joinPath(root, "info"), 0700);
-}
-
-std::string percentEncodePath(const std::string& path)
-{
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string encoded;
-    encoded.reserve(path.size() * 3 / 2);
-    for (const unsigned char c : path) {
-        const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                                c == '-' || c == '_' || c == '.' || c == '~' || c == '/';
-        if (unreserved) {
-            encoded += static_cast<char>(c);
-        } else {
-            encoded += '%';
-            encoded += kHex[c >> 4];
-            encoded += kHex[c & 0xf];
-        }
-    }
-    return encoded;
 }
 
 bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime)

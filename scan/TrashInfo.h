@@ -21,10 +21,6 @@ struct MovedLine {
     std::string destination;
 };
 
-// Percent-encodes a path for a .trashinfo Path= key: every byte but
-// unreserved characters and "/" becomes %XX.
-std::string percentEncodePath(const std::string& path);
-
 // Writes info/<name>.trashinfo for a file that now lies at files/<name>, so
 // the desktop can show where it came from and restore it. False when the
 // destination is not a file inside the Trash's files folder, when the
