@@ -134,6 +134,6 @@ void MainWindow::tell(const QString& text, bool problem)
     messageBar_->setVisible(!text.isEmpty());
 }
 
-QString MainWindow::message() const { return messageBar_->isVisible() ? messageBar_->text() : QString(); }
+QString MainWindow::message() const { return messageBar_->isHidden() ? QString() : messageBar_->text(); }
 
 } // namespace kv

@@ -28,6 +28,11 @@ if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ] && [ ! -S "${XDG_RUNTIME_DIR:-/nonexis
   echo "  export DBUS_SESSION_BUS_ADDRESS='$DBUS_SESSION_BUS_ADDRESS'"
 fi
 
+# The agent opens the Korvane application through its desktop entry; the
+# build tree's own comes first.
+export XDG_DATA_DIRS="$PWD/build/share:${XDG_DATA_DIRS:-/usr/local/share:/usr/share}"
+
 echo "== Korvane Velgar is running. Scan log: ~/Library/Logs/KorvaneVelgar-scan.log"
+echo "   Settings, quarantine and history: build/bin/korvane (or the menu's Korvane Preferences…)"
 echo "   Stop it with: build/bin/velgarctl quit   (or Ctrl-C)"
 exec build/bin/korvane-velgar
