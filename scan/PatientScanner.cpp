@@ -432,7 +432,19 @@ std::optional<MovedLine> PatientScanner::movedLine(std::string_view line) const
 void PatientScanner::recordMove(const MovedLine& moved, bool trashes)
 {
     // The quarantine page lists what the agent moved away; a move it cannot
-    // record has happened all the same.
+    // record has happened all the same. Only a file directly in the folder
+    // the run moves to is recorded: a destination read from a line that a
+    // file name helped to spell is no place to restore from.
+    std::string folder = moveDestination();
+    while (folder.size() > 1 && folder.ends_with('/'))
+        folder.pop_back();
+    const std::string& destination = moved.destination;
+    size_t name = folder.size();
+    while (name < destination.size() && destination[name] == '/')
+        ++name;
+    if (folder.empty() || !destination.starts_with(folder) || name == folder.size() || name == destination.size() ||
+        destination.find('/', name) != std::string::npos)
+        return;
     QuarantineRecord record;
     record.originalPath = moved.originalPath;
     record.storedPath = moved.destination;

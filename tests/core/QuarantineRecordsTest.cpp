@@ -166,9 +166,11 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
         std::function<void(Scene&)> arrange;
         const char* error;  // empty: succeeds
     };
+    // Written beside it first: a file made after the stored one was removed
+    // could be given its inode number again.
     const auto replaceStored = [](Scene& s) {
-        fs::remove(s.stored);
-        kvtest::writeFile(s.stored, "someone else's\n");
+        kvtest::writeFile(s.root / "replacement", "someone else's\n");
+        fs::rename(s.root / "replacement", s.stored);
     };
     const auto linkStored = [](Scene& s) {
         kvtest::writeFile(s.root / "elsewhere", "someone else's\n");
