@@ -2,7 +2,8 @@
 # Prints the lines of test code against the lines of product code.
 #
 # A line counts when it is neither blank nor a whole-line comment. Product:
-# the C++ of the programs we ship (the agent, its helpers, velgarctl).
+# the C++ of the programs we ship (the agent, its helpers, velgarctl, the
+# Korvane application).
 # Tests: the C++ and the scripts under tests/. Benchmarks and the scripts
 # that build, run and photograph the agent count as neither.
 set -euo pipefail
@@ -28,7 +29,7 @@ count() {
 files() { find "$@" -type f | grep -E "$pattern" | sort; }
 
 pattern='\.(cpp|h)$'
-mapfile -t product < <(files platform engine queue scan intake app ui tools eventhelper)
+mapfile -t product < <(files platform engine queue scan intake app ui tools eventhelper korvane)
 pattern='\.(cpp|h|sh|py)$'
 mapfile -t tests < <(files tests)
 if [ "${#product[@]}" -eq 0 ] || [ "${#tests[@]}" -eq 0 ]; then
@@ -40,3 +41,12 @@ product_lines=$(count "${product[@]}")
 test_lines=$(count "${tests[@]}")
 echo "Test code: $test_lines lines against $product_lines lines of product code" \
   "($((100 * test_lines / product_lines))%; the aim is at most 35%)"
+
+# The Korvane application on its own: its tests against its code.
+pattern='\.(cpp|h)$'
+mapfile -t application < <(files korvane)
+mapfile -t application_tests < <(files tests/korvane)
+application_lines=$(count "${application[@]}")
+application_test_lines=$(count "${application_tests[@]}")
+echo "The Korvane application: $application_test_lines test lines against $application_lines lines" \
+  "($((100 * application_test_lines / application_lines))%; the aim is at most a third)"

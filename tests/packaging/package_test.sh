@@ -41,6 +41,7 @@ contents() {
   local expected=(
     "-rwxr-xr-x ./usr/bin/korvane-velgar"
     "-rwxr-xr-x ./usr/bin/velgarctl"
+    "-rwxr-xr-x ./usr/bin/korvane"
     # Unpacked plain; postinst gives it its set-user-ID mode.
     "-rwxr-xr-x ./usr/share/korvane-velgar/gfslogger"
     "-rwxr-xr-x ./usr/libexec/korvane-velgar/install-gfslogger"
@@ -57,6 +58,9 @@ contents() {
     "-rw-r--r-- ./usr/share/icons/hicolor/96x96/apps/com.korvane.KorvaneVelgar.png"
     "-rw-r--r-- ./usr/share/man/man1/korvane-velgar.1.gz"
     "-rw-r--r-- ./usr/share/man/man1/velgarctl.1.gz"
+    "-rw-r--r-- ./usr/share/man/man1/korvane.1.gz"
+    "-rw-r--r-- ./usr/share/applications/com.korvane.Korvane.desktop"
+    "-rw-r--r-- ./usr/share/icons/hicolor/scalable/apps/com.korvane.Korvane.svg"
     "-rw-r--r-- ./usr/share/doc/korvane-velgar/copyright"
     "-rw-r--r-- ./usr/share/doc/korvane-velgar/changelog.gz"
   )
@@ -71,7 +75,9 @@ contents() {
   local scratch
   scratch=$(mktemp -d)
   dpkg-deb -x "$deb" "$scratch"
-  desktop-file-validate "$scratch/usr/share/applications/com.korvane.KorvaneVelgar.desktop" || { rm -rf "$scratch"; fail "desktop entry"; }
+  for entry in com.korvane.KorvaneVelgar com.korvane.Korvane; do
+    desktop-file-validate "$scratch/usr/share/applications/$entry.desktop" || { rm -rf "$scratch"; fail "desktop entry $entry"; }
+  done
   file "$scratch/usr/share/icons/hicolor/48x48/apps/com.korvane.KorvaneVelgar.png" | grep -q '48 x 48' ||
     { rm -rf "$scratch"; fail "48 px icon"; }
   rm -rf "$scratch"
