@@ -25,9 +25,10 @@ public:
     virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
                                    const std::string& foundPath) = 0;
 
-    // "QuarantinedDialog" used for an unreachable engine: the message
-    // replaces the dialog's own text and its action button, titled
-    // quitTitle, quits the agent.
+    // The unreachable-engine dialog: the message, what the user can do
+    // about it, a button titled quitTitle that quits the agent and one that
+    // closes the dialog. The caller decides how often it is shown (see
+    // ScannerHost::engineUnreachableAlertDue()).
     virtual bool showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
                                              const std::string& quitTitle) = 0;
 };
