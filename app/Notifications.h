@@ -21,7 +21,6 @@ class Notifications {
 public:
     static constexpr int kFindingsOneByOne = 3;
     static constexpr std::chrono::seconds kFloodQuiet{60};
-    static constexpr const char* kFloodUpdateKey = "findings-flood";
 
     Notifications(DesktopNotifier* notifier, const StringTable* strings) : notifier_(notifier), strings_(strings) {}
 
@@ -44,12 +43,14 @@ private:
     DesktopNotifier* notifier_;
     const StringTable* strings_;
     // Any thread. Whether the finding is one of the first of its flood; if
-    // not, *more is how many came past those.
-    bool oneByOne(int* more) const;
+    // not, *more is how many came past those, and *flood numbers the flood
+    // (each flood's count is a notification of its own).
+    bool oneByOne(int* more, int* flood) const;
 
     bool prepared_ = false;
     mutable std::mutex floodMutex_;
     mutable int floodFindings_ = 0;                              // guarded by floodMutex_
+    mutable int floods_ = 0;                                     // guarded by floodMutex_
     mutable std::chrono::steady_clock::time_point lastFinding_;  // guarded by floodMutex_
     std::string found_, removed_, quarantined_, updateSuccessful_, alreadyUpToDate_, unknownError_;
 };

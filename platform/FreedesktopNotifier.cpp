@@ -7,6 +7,7 @@
 #include <QDBusVariant>
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 #include <QVariantMap>
 
 namespace kv {
@@ -113,8 +114,10 @@ void FreedesktopNotifier::sendLatest(const std::string& key)
             if (!more)
                 updated.inFlight = false;
         }
+        // An update at most every kUpdateInterval: a flood is a count that
+        // changes often, not thousands of redraws by the daemon.
         if (more)
-            sendLatest(key);
+            QTimer::singleShot(kUpdateInterval, replies_.get(), [this, key] { sendLatest(key); });
     });
 }
 

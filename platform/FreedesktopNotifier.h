@@ -4,6 +4,7 @@
 
 #include <QDBusConnection>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,10 +26,12 @@ namespace kv {
 // that key (Notify's replaces_id, from the daemon's reply to the previous
 // one). Those calls are made from the thread that made the notifier (the
 // main thread, whose event loop receives the replies), one at a time per
-// key: updates that come while one is on its way are folded into the
-// newest, which follows as soon as the reply is in.
+// key: updates that come while one is on its way, or within
+// kUpdateInterval of it, are folded into the newest, which follows then.
 class FreedesktopNotifier : public DesktopNotifier {
 public:
+    static constexpr std::chrono::milliseconds kUpdateInterval{500};
+
     explicit FreedesktopNotifier(QDBusConnection connection = QDBusConnection::sessionBus());
     ~FreedesktopNotifier() override;
 

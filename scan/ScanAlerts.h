@@ -21,7 +21,9 @@ public:
 
     // "WarningDialog" with the finding's whole output line as its message
     // (as the log shows it, odd bytes escaped), and a FileRemover that
-    // carries out the user's choice on foundPath, the file's real name.
+    // carries out the user's choice on foundPath, the file's real name. In a
+    // flood, past the few dialogs open at once, the finding is listed in one
+    // summary window instead.
     virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
                                    const std::string& foundPath) = 0;
 
