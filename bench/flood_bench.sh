@@ -68,6 +68,8 @@ count_windows() { xdotool search --onlyvisible "$@" 2>/dev/null | wc -l; }
 warnings=$(count_windows --name "virus found$")
 summaries=$(count_windows --name "more viruses found$")
 agent_windows=$(count_windows --pid "$agent_pid")
+agent_window_names=$(for window in $(xdotool search --onlyvisible --pid "$agent_pid" 2>/dev/null); do
+  name=$(xdotool getwindowname "$window" 2>/dev/null); echo "\"${name}\""; done | sort | uniq -c | awk '{$1 = $1 " x"; print}' | paste -sd, -)
 root_children=$(xwininfo -root -children | awk '/child(ren)?:$/ {print $1; exit}')
 hwm=$(rss_kb VmHWM)
 end_rss=$(rss_kb VmRSS)
@@ -83,6 +85,6 @@ echo "| agent resident memory at rest, before the flood | $(mb "$rest_rss") MB |
 echo "| agent peak resident memory (VmHWM) | **$(mb "$hwm") MB** (sampled peak $(mb "$peak") MB, at the end $(mb "$end_rss") MB) |"
 echo "| warning dialogs open | $warnings |"
 echo "| summary windows open | $summaries |"
-echo "| the agent's visible top-level windows (all) | $agent_windows |"
+echo "| the agent's visible top-level windows (all) | $agent_windows: $agent_window_names |"
 echo "| top-level windows on the display (xwininfo -root -children) | $root_children |"
 echo "| notifications dunst received | $notified (last count: \"$last_count\") |"

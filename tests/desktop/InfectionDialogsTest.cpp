@@ -214,6 +214,10 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
                 EXPECT_NE(kvtest::readFile(data / ("share/Trash/info/" + name + ".trashinfo")).find("\nPath="),
                           std::string::npos);
         }
+        std::error_code none;
+        const auto trashed = std::distance(std::filesystem::directory_iterator(data / "share/Trash/files", none),
+                                           std::filesystem::directory_iterator());
+        EXPECT_EQ(trashed, c.trashed ? findings - 4 : 0) << "nothing else is moved";
         if (c.trashed) {
             ASSERT_TRUE(summary) << "the folder is still listed";
             EXPECT_EQ(summary->foundPaths(), std::vector<std::string>{files[20]});
