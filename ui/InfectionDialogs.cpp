@@ -135,10 +135,10 @@ bool InfectionDialogs::showEngineUnreachableDialog(const std::string& /*ownerNam
         theMessage->setTextFormat(Qt::PlainText);
         theMessage->setWordWrap(true);
         auto* advice = new QLabel(
-            tr("New files are not scanned until the engine answers again. The engine may still be starting, or it "
-               "may have stopped. Run \"velgarctl setup\" to set it up again, check the engine settings in the "
-               "Korvane application, and look in the update log for errors. You are told again if the engine stops "
-               "answering after it has come back."),
+            tr("Files cannot be scanned while the engine does not answer. It may still be starting, or it may have "
+               "stopped. Run \"velgarctl setup\" to set it up again, check the engine settings in the Korvane "
+               "application, and look in the update log for errors. This is shown once; you are told again only if "
+               "the engine stops answering after it has come back."),
             dialog);
         advice->setObjectName("advice");
         advice->setTextFormat(Qt::PlainText);
