@@ -26,6 +26,9 @@ FindingsSummary::FindingsSummary(Workspace& workspace, QWidget* parent)
 
     headline_->setObjectName("headline");
     headline_->setTextFormat(Qt::PlainText);
+    QFont bold = headline_->font();
+    bold.setBold(true);
+    headline_->setFont(bold);
     auto* explanation = new QLabel(tr("These files are still where they were found. As long as you do not open them, "
                                       "they cannot harm this computer. Move them to the Trash unless you know that "
                                       "they are safe: you can still restore them from there."),
