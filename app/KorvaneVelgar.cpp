@@ -444,7 +444,13 @@ bool KorvaneVelgar::launchClamd(const std::string& clamdPath, const std::optiona
     return clamd_.launchClamd(clamdPath, configPath);
 }
 
-bool KorvaneVelgar::clamdStillAlive() { return clamd_.clamdStillAlive(); }
+bool KorvaneVelgar::clamdStillAlive()
+{
+    const bool alive = clamd_.clamdStillAlive();
+    if (alive)
+        engineAnswered();
+    return alive;
+}
 
 bool KorvaneVelgar::clamdSocketTrusted(const std::optional<std::string>& socket)
 {
@@ -461,6 +467,10 @@ bool KorvaneVelgar::recoverFromCrashedClamd(uint64_t generation)
     // without a stand-in the scanners' unreachable-engine alert says it once.
     if (recovery == ClamdSupervisor::Recovery::StandInTookOver)
         displayGrowlDialog(kError, localizedString("SERVICE_STANDIN"));
+    // A relaunch that did not take is no answer: only the daemon's PING
+    // opens the unreachable-engine alert again.
+    if (recovery == ClamdSupervisor::Recovery::Relaunched || recovery == ClamdSupervisor::Recovery::StandInTookOver)
+        clamdStillAlive();
     return recovery == ClamdSupervisor::Recovery::Relaunched;
 }
 

@@ -131,11 +131,20 @@ public:
     // Engine link.
     bool checkForClamd();
     bool launchClamd(const std::string& clamdPath, const std::optional<std::string>& configPath);
+    // Any thread. An answer counts as the engine answering again.
     bool clamdStillAlive() override;
     bool clamdSocketTrusted(const std::optional<std::string>& socket) override;
     // Also notifies the user once when the stand-in takes over from the
     // system's service (see ClamdSupervisor::recoverFromCrashedClamd()).
+    // A daemon that answers after the recovery counts as the engine
+    // answering again.
     bool recoverFromCrashedClamd(uint64_t generation) override;
+    // Any thread. The scanners' unreachable-engine alert is told once per
+    // silence: the controller keeps that, since it sends the alert's
+    // notification and sees every sign that the engine answers (a PING, a
+    // relaunch, a run that reached it), where the dialogs see none of them.
+    bool engineUnreachableAlertDue() override { return !engineUnreachableTold_.exchange(true); }
+    void engineAnswered() override { engineUnreachableTold_.store(false); }
     void discernClamdSocketLocation();
     void noEnginePanic() override;
 
@@ -235,6 +244,7 @@ private:
     std::mutex scannerCountLock_;       // guards writes of scannerCount_
     ConditionLock throbberLock_;        // taken before scannerCountLock_
     std::atomic<int32_t> scannerCount_{0};
+    std::atomic<bool> engineUnreachableTold_{false};  // since the engine last answered
 
     Dispatcher theDispatcher_;
     FSEventWatcher gfsLogger_;  // after the queue it feeds, so it stops first

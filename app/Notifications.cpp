@@ -21,6 +21,21 @@ std::string Notifications::localizedString(const std::string& key) const
     return strings_ ? strings_->localizedString(key) : key;
 }
 
+bool Notifications::oneByOne(int* more, int* flood) const
+{
+    std::lock_guard<std::mutex> guard(floodMutex_);
+    const auto now = std::chrono::steady_clock::now();
+    if (floodFindings_ == 0 || now - lastFinding_ > kFloodQuiet) {
+        floodFindings_ = 0;
+        ++floods_;
+    }
+    lastFinding_ = now;
+    ++floodFindings_;
+    *more = floodFindings_ - kFindingsOneByOne;
+    *flood = floods_;
+    return *more <= 0;
+}
+
 bool Notifications::display(int kind, const std::string& description) const
 {
     if (!prepared_ || !notifier_ || !notifier_->isRunning())
@@ -28,6 +43,15 @@ bool Notifications::display(int kind, const std::string& description) const
     DesktopNotification notification;
     notification.description = description;
     notification.sticky = true;
+    int more = 0;
+    int flood = 0;
+    if ((kind == kFound || kind == kQuarantined || kind == kRemoved) && !oneByOne(&more, &flood)) {
+        notification.name = notification.title = found_;
+        notification.description = more == 1 ? "1 more infected file found"
+                                             : std::to_string(more) + " more infected files found";
+        notification.updateKey = "findings-flood-" + std::to_string(flood);
+        return notifier_->notify(notification);
+    }
     switch (kind) {
     case kFound: notification.name = notification.title = found_; break;
     case kQuarantined: notification.name = notification.title = quarantined_; break;

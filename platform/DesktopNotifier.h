@@ -13,6 +13,9 @@ struct DesktopNotification {
     std::string title;
     std::string description;
     bool sticky = true;      // stays until the user dismisses it
+    // Empty, or a key: a later notification with the same key takes this
+    // one's place where the desktop shows it, instead of adding another.
+    std::string updateKey;
 };
 
 // The desktop's notification service. Callable from any thread.

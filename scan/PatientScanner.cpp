@@ -308,7 +308,11 @@ void PatientScanner::performScan()
 
             rerunOnNewEngine_ =
                 sawConnectionError_ && (relaunchedInRun_ || controller.clamd().engineChangedSince(runGeneration_));
-            if (status == 2 && !controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
+            // clamdscan ends with 2 when it could not reach the daemon; any
+            // other status means the daemon answered this run.
+            if (status != 2)
+                controller.engineAnswered();
+            else if (!controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
                 alertEngineUnreachable();
 
             if (listWritten)
@@ -339,6 +343,9 @@ void PatientScanner::alertEngineUnreachable()
 {
     ScannerHost& controller = *host_;
     nsLog("can't connect to clamd");
+    // Every silent run is logged; the user is told once per silence.
+    if (!controller.engineUnreachableAlertDue())
+        return;
     const std::string message = controller.localizedString("CLAMDSCAN_ERROR");
     ScanAlerts* alerts = controller.scanAlerts();
     const std::string quitTitle = controller.quitMenuName();
@@ -470,7 +477,11 @@ ClamdCtrl::FileVerdict PatientScanner::scanOpenFile(int fd, uint64_t* generation
     const ClamdSupervisor::RunEngine engine = clamd.engineForRun(clamdscan);
     if (generation)
         *generation = engine.generation;
-    return ClamdCtrl::scanOpenFile(fd, engine.socket, engine.socket ? std::nullopt : clamd.remoteEngine());
+    const ClamdCtrl::FileVerdict verdict =
+        ClamdCtrl::scanOpenFile(fd, engine.socket, engine.socket ? std::nullopt : clamd.remoteEngine());
+    if (verdict.kind != ClamdCtrl::FileVerdict::Unreachable && verdict.kind != ClamdCtrl::FileVerdict::Untrusted)
+        host_->engineAnswered();
+    return verdict;
 }
 
 bool PatientScanner::confirmedInfected(const std::string& path)

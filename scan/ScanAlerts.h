@@ -21,13 +21,16 @@ public:
 
     // "WarningDialog" with the finding's whole output line as its message
     // (as the log shows it, odd bytes escaped), and a FileRemover that
-    // carries out the user's choice on foundPath, the file's real name.
+    // carries out the user's choice on foundPath, the file's real name. In a
+    // flood, past the few dialogs open at once, the finding is listed in one
+    // summary window instead.
     virtual bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
                                    const std::string& foundPath) = 0;
 
-    // "QuarantinedDialog" used for an unreachable engine: the message
-    // replaces the dialog's own text and its action button, titled
-    // quitTitle, quits the agent.
+    // The unreachable-engine dialog: the message, what the user can do
+    // about it, a button titled quitTitle that quits the agent and one that
+    // closes the dialog. The caller decides how often it is shown (see
+    // ScannerHost::engineUnreachableAlertDue()).
     virtual bool showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
                                              const std::string& quitTitle) = 0;
 };

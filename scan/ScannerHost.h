@@ -30,6 +30,12 @@ public:
     virtual bool recoverFromCrashedClamd(uint64_t generation) = 0;
     // Tells the user that there is no engine to scan with.
     virtual void noEnginePanic() = 0;
+    // The unreachable-engine alert (dialog and notification) is shown once
+    // until the engine answers again: true for the first run that finds it
+    // silent, false for the runs after it. engineAnswered() says that a run
+    // reached the engine, so the next silence is told again.
+    virtual bool engineUnreachableAlertDue() = 0;
+    virtual void engineAnswered() = 0;
 
     // The queue the worker takes its batches from.
     virtual Dispatcher& theDispatcher() = 0;

@@ -10,7 +10,7 @@
 namespace kv {
 
 FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* delete_, QPushButton* ignore,
-                         KorvaneVelgar& controller, Workspace& workspace)
+                         QPushButton* reveal, KorvaneVelgar& controller, Workspace& workspace)
     : QObject(dialog), theDialog(dialog), foundPath_(std::move(foundPath)), deleteButton(delete_),
       controller_(controller), workspace_(workspace)
 {
@@ -19,6 +19,8 @@ FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* de
             connect(button, &QPushButton::clicked, this,
                     [this, button] { moveToTrash(button, QGuiApplication::keyboardModifiers()); });
     }
+    if (reveal)
+        connect(reveal, &QPushButton::clicked, this, [this] { workspace_.revealFile(foundPath_); });
     // Closing the window or pressing Escape is a choice too: the file stays.
     if (dialog)
         connect(dialog, &QDialog::rejected, this, [this] { moveToTrash(nullptr, Qt::NoModifier); });

@@ -18,7 +18,9 @@ class Workspace;
 // Carries out the user's choice in one warning dialog: the delete button
 // moves the found file into the Trash; the other button leaves it, and with
 // Alt held shows it in the file viewer. Control held with either button also
-// closes every other open warning dialog as ignored.
+// closes every other open warning dialog as ignored. The reveal button shows
+// the file in the file viewer and leaves the dialog open (Alt-click is often
+// taken by the window manager).
 //
 // Created with its dialog (as the dialog's child, so the two end together)
 // and listed in the controller's dialog list until its dialog closes. Main
@@ -30,7 +32,7 @@ public:
     // foundPath is the file's name as it is on disk; the dialog's message
     // shows it escaped, so it is never read back from there.
     FileRemover(QDialog* theDialog, std::string foundPath, QPushButton* deleteButton, QPushButton* ignoreButton,
-                KorvaneVelgar& controller, Workspace& workspace);
+                QPushButton* revealButton, KorvaneVelgar& controller, Workspace& workspace);
     ~FileRemover() override;
 
     // The user's choice; sender is the button pressed, modifiers the keys

@@ -4,12 +4,15 @@
 #include "platform/Log.h"
 #include "platform/Workspace.h"
 #include "ui/FileRemover.h"
+#include "ui/FindingsSummary.h"
 #include "ui/InterfaceLoader.h"
 
 #include <QDialog>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
 #include <QThread>
+#include <QVBoxLayout>
 
 #include <future>
 #include <memory>
@@ -108,22 +111,59 @@ bool InfectionDialogs::showQuarantinedDialog(const std::string& ownerName, const
     });
 }
 
-bool InfectionDialogs::showEngineUnreachableDialog(const std::string& ownerName, const std::string& message,
+bool InfectionDialogs::showEngineUnreachableDialog(const std::string& /*ownerName*/, const std::string& message,
                                                    const std::string& quitTitle)
 {
-    return onMainThread([this, ownerName, message, quitTitle] {
-        QDialog* dialog = loadQuarantinedDialog(ownerName);
-        if (!dialog)
+    return onMainThread([this, message, quitTitle] {
+        if (!controller_)
             return false;
-        const Outlets& outlets = owners_[ownerName].outlets;
-        if (outlets.theMessage)
-            outlets.theMessage->setText(QString::fromStdString(message));
-        // Without its engine the agent cannot protect anything: the dialog's
-        // button quits it.
-        if (outlets.deleteButton) {
-            outlets.deleteButton->setText(QString::fromStdString(quitTitle));
-            connect(outlets.deleteButton, &QPushButton::clicked, this, [this] { controller_->quit(); });
-        }
+        auto* dialog = new QDialog;
+        dialog->setObjectName("engineUnreachableDialog");
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        const QString heading = tr("Korvane Velgar cannot reach its scanning engine");
+        dialog->setWindowTitle(heading);
+        dialog->setMinimumWidth(460);
+
+        auto* headline = new QLabel(dialog);
+        headline->setTextFormat(Qt::PlainText);
+        headline->setText(heading);
+        QFont bold = headline->font();
+        bold.setBold(true);
+        headline->setFont(bold);
+        auto* theMessage = new QLabel(QString::fromStdString(message), dialog);
+        theMessage->setObjectName("theMessage");
+        theMessage->setTextFormat(Qt::PlainText);
+        theMessage->setWordWrap(true);
+        auto* advice = new QLabel(
+            tr("Files cannot be scanned while the engine does not answer. It may still be starting, or it may have "
+               "stopped. Run \"velgarctl setup\" to set it up again, check the engine settings in the Korvane "
+               "application, and look in the update log for errors. This is shown once; you are told again only if "
+               "the engine stops answering after it has come back."),
+            dialog);
+        advice->setObjectName("advice");
+        advice->setTextFormat(Qt::PlainText);
+        advice->setWordWrap(true);
+
+        auto* close = new QPushButton(tr("Close"), dialog);
+        close->setObjectName("closeButton");
+        close->setDefault(true);
+        auto* quit = new QPushButton(QString::fromStdString(quitTitle), dialog);
+        quit->setObjectName("quitButton");
+        quit->setAutoDefault(false);
+        connect(close, &QPushButton::clicked, dialog, &QDialog::close);
+        // Without its engine the agent cannot protect anything: quitting is
+        // offered.
+        connect(quit, &QPushButton::clicked, this, [this] { controller_->quit(); });
+
+        auto* buttons = new QHBoxLayout;
+        buttons->addWidget(quit);
+        buttons->addStretch();
+        buttons->addWidget(close);
+        auto* layout = new QVBoxLayout(dialog);
+        layout->addWidget(headline);
+        layout->addWidget(theMessage);
+        layout->addWidget(advice);
+        layout->addLayout(buttons);
         orderFrontRegardless(dialog);
         return true;
     });
@@ -135,6 +175,17 @@ bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std
     return onMainThread([this, ownerName, outputLine, foundPath] {
         if (!controller_)
             return false;
+        std::erase_if(warningDialogs_, [](const QPointer<QDialog>& dialog) { return !dialog || !dialog->isVisible(); });
+        // Past the cap (or while the summary is open, so findings keep their
+        // order), a finding is one more line in the summary window.
+        if (summary_ || int(warningDialogs_.size()) >= kMostWarningDialogs) {
+            if (!summary_) {
+                summary_ = new FindingsSummary(workspace_);
+                orderFrontRegardless(summary_);
+            }
+            summary_->addFinding(outputLine, foundPath);
+            return true;
+        }
         QDialog* dialog = loadDialogFile(resourcesFolder_, "WarningDialog.ui");
         if (!dialog)
             return false;
@@ -148,7 +199,9 @@ bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std
         owner.outlets.theDialog = dialog;
         owner.outlets.theMessage = message;
         new FileRemover(dialog, foundPath, dialog->findChild<QPushButton*>("deleteButton"),
-                        dialog->findChild<QPushButton*>("ignoreButton"), *controller_, workspace_);
+                        dialog->findChild<QPushButton*>("ignoreButton"),
+                        dialog->findChild<QPushButton*>("revealButton"), *controller_, workspace_);
+        warningDialogs_.push_back(dialog);
         orderFrontRegardless(dialog);
         return true;
     });

@@ -1,12 +1,14 @@
 #pragma once
 
 #include "scan/ScanAlerts.h"
+#include "ui/FindingsSummary.h"
 
 #include <QObject>
 #include <QPointer>
 
 #include <map>
 #include <string>
+#include <vector>
 
 class QDialog;
 class QLabel;
@@ -23,6 +25,14 @@ class Workspace;
 // a quarantine dialog stays until the user closes it or its control opens
 // the quarantine folder.
 //
+// A flood of findings in warn mode opens at most kMostWarningDialogs warning
+// dialogs at once; every finding past those is listed in one FindingsSummary
+// window (one at a time, reused while it is open), so ten thousand findings
+// cost a list of lines, not ten thousand windows.
+//
+// The engine-unreachable dialog is built here in code, not loaded: it must
+// show even when the resources folder is damaged.
+//
 // Each owner (a scanner, by name) has outlets that point at the dialog it
 // loaded last, as a dialog file's owner has. Dialogs live on the main
 // thread: calls from a scanner's thread are carried out there and return
@@ -33,6 +43,9 @@ class Workspace;
 class InfectionDialogs : public QObject, public ScanAlerts {
     Q_OBJECT
 public:
+    // Warning dialogs open at once before findings go to the summary window.
+    static constexpr int kMostWarningDialogs = 3;
+
     InfectionDialogs(std::string resourcesFolder, Workspace& workspace, QObject* parent = nullptr);
 
     // The controller keeps the dialog list and quits. Main thread.
@@ -57,6 +70,10 @@ public:
     };
     Outlets outletsOf(const std::string& ownerName) const;
 
+    // The window listing the findings past the open warning dialogs; null
+    // while none is open. Main thread.
+    FindingsSummary* findingsSummary() const { return summary_; }
+
 private:
     struct Owner {
         Outlets outlets;
@@ -72,6 +89,9 @@ private:
     KorvaneVelgar* controller_ = nullptr;
     Workspace& workspace_;
     std::map<std::string, Owner> owners_; // main thread only
+    // The open warning dialogs (main thread only); closed ones turn null.
+    std::vector<QPointer<QDialog>> warningDialogs_;
+    QPointer<FindingsSummary> summary_;  // main thread only
 };
 
 } // namespace kv

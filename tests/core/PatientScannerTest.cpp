@@ -137,6 +137,53 @@ TEST_F(Scanning, OneFindingOneWarning)
     EXPECT_EQ(notifier_.sent().size(), 2u);
 }
 
+// A silent engine is logged at every run but told (dialog and notification)
+// once, until a run reaches it again; then the next silence is told again.
+TEST_F(Scanning, SilentEngineIsToldOnceUntilItAnswersAgain)
+{
+    start();
+    // The agent cannot bring its daemon back: the program is away, except
+    // while the test starts it itself.
+    const std::string clamd = engine_->path() + "/sbin/clamd";
+    const auto daemonRuns = [&](bool runs) {
+        if (!runs) {
+            engine_->stopDaemon();
+            return true;
+        }
+        std::filesystem::rename(clamd + ".away", clamd);
+        const bool started = engine_->startDaemon();
+        std::filesystem::rename(clamd, clamd + ".away");
+        return started;
+    };
+    std::filesystem::rename(clamd, clamd + ".away");
+    struct Step {
+        bool engineRuns;
+        int runs;
+        size_t toldInAll;
+    };
+    const Step steps[] = {{false, 2, 1}, {true, 1, 1}, {false, 2, 2}};
+    int written = 0;
+    for (const Step& step : steps) {
+        ASSERT_TRUE(daemonRuns(step.engineRuns));
+        for (int run = 0; run < step.runs; ++run)
+            scan({file(std::to_string(++written) + ".com", kvtest::eicar())});
+        const std::vector<kvtest::RecordingAlerts::Shown> shown = alerts_.shown();
+        EXPECT_EQ(std::count_if(shown.begin(), shown.end(), [](const auto& s) { return s.dialog == "EngineUnreachable"; }),
+                  step.toldInAll);
+        const std::vector<kv::DesktopNotification> sent = notifier_.sent();
+        EXPECT_EQ(std::count_if(sent.begin(), sent.end(), [](const auto& n) { return n.description == "CLAMDSCAN_ERROR"; }),
+                  step.toldInAll);
+    }
+    const std::vector<std::string> logged = log_.lines();
+    // A batch whose daemon was relaunched is run again: two silent runs each.
+    EXPECT_GE(std::count_if(logged.begin(), logged.end(),
+                            [](const std::string& line) { return line.ends_with("] can't connect to clamd\n"); }),
+              4)
+        << "every silent run is logged";
+    std::filesystem::rename(clamd + ".away", clamd);
+    ASSERT_TRUE(engine_->startDaemon());
+}
+
 // Output handling, chunk by chunk, with the worker configured in each mode.
 class OutputHandling : public Scanning {};
 

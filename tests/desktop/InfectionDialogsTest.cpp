@@ -6,9 +6,16 @@
 
 #include "ui/InfectionDialogs.h"
 
+#include <sys/stat.h>
+
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QCoreApplication>
+#include <QListView>
+#include <QStringListModel>
 #include <QDialog>
 #include <QLabel>
 #include <QPushButton>
@@ -17,6 +24,17 @@
 namespace {
 
 using kvtest::exists;
+
+// The visible top-level widget of that object name, if any.
+template <typename T>
+T* topLevel(const char* name)
+{
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+        if (widget->objectName() == name && widget->isVisible())
+            return qobject_cast<T*>(widget);
+    }
+    return nullptr;
+}
 
 // Three warning dialogs are open, one file each; one click on one of them.
 TEST(WarningDialogs, ModifiersDecideWhatAClickDoesToTheFileAndTheDialogs)
@@ -43,6 +61,8 @@ TEST(WarningDialogs, ModifiersDecideWhatAClickDoesToTheFileAndTheDialogs)
          false, true, 0},
         {"Delete on a file gone beeps and closes its dialog", 1, "deleteButton", Qt::NoModifier, true, 2, false,
          false, 1},
+        {"Show in Folder reveals the file and keeps every dialog open", 2, "revealButton", Qt::NoModifier, false, 3,
+         false, true, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -69,7 +89,7 @@ TEST(WarningDialogs, ModifiersDecideWhatAClickDoesToTheFileAndTheDialogs)
         QTest::mouseClick(windows[c.dialog]->findChild<QPushButton*>(c.button), Qt::LeftButton, c.modifiers);
         // Deleting a closed dialog waits for the event loop.
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        EXPECT_TRUE(windows[c.dialog].isNull());
+        EXPECT_EQ(windows[c.dialog].isNull(), c.dialogsLeft < 3);
         EXPECT_EQ(std::count_if(windows.begin(), windows.end(), [](const QPointer<QDialog>& w) { return w && w->isVisible(); }),
                   c.dialogsLeft);
         EXPECT_EQ(agent.controller->dialogList().size(), size_t(c.dialogsLeft));
@@ -114,19 +134,105 @@ TEST(InfectionDialogs, QuarantineAndEngineUnreachableDialogs)
     delete older.data();
     delete newer.data();
 
-    ASSERT_TRUE(dialogs.showEngineUnreachableDialog("firstPatientScanner", "The engine is gone.", "Quit Now"));
-    const kv::InfectionDialogs::Outlets outlets = dialogs.outletsOf("firstPatientScanner");
-    EXPECT_EQ(outlets.theMessage->text(), "The engine is gone.");
-    EXPECT_EQ(outlets.deleteButton->text(), "Quit Now");
-    QTest::mouseClick(outlets.deleteButton, Qt::LeftButton);
-    EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
-    delete outlets.theDialog.data();
+    // Its own dialog, built without an interface file: what happened, what
+    // to do, a button that quits and one that closes.
+    for (const char* button : {"closeButton", "quitButton"}) {
+        SCOPED_TRACE(button);
+        ASSERT_TRUE(dialogs.showEngineUnreachableDialog("firstPatientScanner", "The engine is gone.", "Quit Now"));
+        QDialog* unreachable = topLevel<QDialog>("engineUnreachableDialog");
+        ASSERT_TRUE(unreachable);
+        EXPECT_EQ(unreachable->windowTitle(), "Korvane Velgar cannot reach its scanning engine");
+        EXPECT_EQ(unreachable->findChild<QLabel*>("theMessage")->text(), "The engine is gone.");
+        EXPECT_TRUE(unreachable->findChild<QLabel*>("advice")->text().contains("velgarctl setup"));
+        EXPECT_EQ(unreachable->findChild<QPushButton*>("quitButton")->text(), "Quit Now");
+        QTest::mouseClick(unreachable->findChild<QPushButton*>(button), Qt::LeftButton);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        const bool quits = std::string(button) == "quitButton";
+        EXPECT_EQ(agent.exitStatuses, quits ? std::vector<int>{0} : std::vector<int>{});
+        EXPECT_EQ(topLevel<QDialog>("engineUnreachableDialog") != nullptr, quits) << "closed";
+        delete topLevel<QDialog>("engineUnreachableDialog");
+    }
 
     kvtest::TempDir empty;
     kv::InfectionDialogs missing(empty.path(), agent.workspace);
     missing.setKorvaneVelgarController(agent.controller);
     EXPECT_FALSE(missing.showWarningDialog("firstPatientScanner", "/tmp/x.com: Eicar FOUND", "/tmp/x.com"));
     EXPECT_FALSE(missing.showQuarantinedDialog("firstPatientScanner", quarantine));
+}
+
+// A flood of findings in warn mode: the first few get warning dialogs, the
+// rest one summary window listing them (escaped, as the dialogs show them).
+// Dismiss All leaves every file; Move All to Trash moves each listed file
+// that still is a plain file, and keeps listing the one that is not.
+TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
+{
+    struct Case {
+        const char* button;
+        bool trashed;
+    };
+    const Case cases[] = {{"dismissAllButton", false}, {"moveAllToTrashButton", true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.button);
+        kvtest::TempDir data;
+        kvtest::ScopedEnv home("HOME", data.path());
+        kvtest::ScopedEnv dataHome("XDG_DATA_HOME", data / "share");
+        kvtest::DesktopAgent agent;
+        kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
+        dialogs.setKorvaneVelgarController(agent.controller);
+        const int findings = 40;
+        std::vector<std::string> files;
+        for (int i = 0; i < findings; ++i) {
+            // One name with a line break, shown escaped.
+            files.push_back(data / ("Downloads/" + std::to_string(i) + (i == 10 ? "\nnext.com" : ".com")));
+            kvtest::writeFile(files.back(), kvtest::eicar());
+            const std::string shown = data / ("Downloads/" + std::to_string(i) + (i == 10 ? "\\nnext.com" : ".com"));
+            ASSERT_TRUE(dialogs.showWarningDialog("firstPatientScanner", shown + ": Eicar FOUND", files.back()));
+        }
+        int warnings = 0;
+        for (QWidget* widget : QApplication::topLevelWidgets())
+            warnings += widget->objectName() == "theDialog" && widget->isVisible();
+        EXPECT_EQ(warnings, kv::InfectionDialogs::kMostWarningDialogs);
+        QPointer<kv::FindingsSummary> summary = dialogs.findingsSummary();
+        ASSERT_TRUE(summary);
+        EXPECT_TRUE(summary->isVisible());
+        auto* list = summary->findChild<QListView*>("findings");
+        ASSERT_EQ(list->model()->rowCount(), findings - 3);
+        EXPECT_EQ(list->model()->index(7, 0).data().toString().toStdString(),
+                  data / "Downloads/10\\nnext.com: Eicar FOUND");
+        // One listed name now leads to a folder: not what was found.
+        std::filesystem::remove(files[20]);
+        std::filesystem::create_directory(files[20]);
+
+        QTest::mouseClick(summary->findChild<QPushButton*>(c.button), Qt::LeftButton);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        for (int i = 0; i < findings; ++i) {
+            const bool moved = c.trashed && i >= 3 && i != 20;
+            EXPECT_EQ(exists(files[i]), !moved) << files[i];
+            const std::string name = std::filesystem::path(files[i]).filename();
+            EXPECT_EQ(exists(data / ("share/Trash/files/" + name)), moved) << name;
+            if (moved)
+                EXPECT_NE(kvtest::readFile(data / ("share/Trash/info/" + name + ".trashinfo")).find("\nPath="),
+                          std::string::npos);
+        }
+        std::error_code none;
+        const auto trashed = std::distance(std::filesystem::directory_iterator(data / "share/Trash/files", none),
+                                           std::filesystem::directory_iterator());
+        EXPECT_EQ(trashed, c.trashed ? findings - 4 : 0) << "nothing else is moved";
+        if (c.trashed) {
+            ASSERT_TRUE(summary) << "the folder is still listed";
+            EXPECT_EQ(summary->foundPaths(), std::vector<std::string>{files[20]});
+            EXPECT_TRUE(summary->findChild<QLabel*>("problem")->isVisible());
+            EXPECT_EQ(agent.workspace.beeps, 1);
+            QTest::mouseClick(summary->findChild<QPushButton*>("dismissAllButton"), Qt::LeftButton);
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        }
+        EXPECT_TRUE(summary.isNull()) << "closed and gone";
+        EXPECT_TRUE(std::filesystem::is_directory(files[20]));
+        for (QWidget* widget : QApplication::topLevelWidgets()) {
+            if (widget->objectName() == "theDialog")
+                delete widget;
+        }
+    }
 }
 
 } // namespace

@@ -26,6 +26,7 @@ class BusPeer : public QObject {
 public:
     struct Received {
         QString appName;
+        uint replacesId;
         QString summary;
         QString body;
         QVariantMap hints;
@@ -50,11 +51,11 @@ public:
     std::vector<Received> received;
 
 public Q_SLOTS:
-    uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
+    uint Notify(const QString& appName, uint replacesId, const QString&, const QString& summary, const QString& body,
                 const QStringList&, const QVariantMap& hints, int expireTimeout)
     {
-        received.push_back({appName, summary, body, hints, expireTimeout});
-        return uint(received.size());
+        received.push_back({appName, replacesId, summary, body, hints, expireTimeout});
+        return replacesId ? replacesId : uint(received.size());
     }
 
 private:
@@ -90,6 +91,65 @@ TEST(Notifications, ReachTheServiceStickyWithTheirNameTitleAndEscapedBody)
     EXPECT_EQ(got.expireTimeout, 0) << "sticky";
     EXPECT_TRUE(got.hints.value("resident").toBool());
     EXPECT_EQ(got.hints.value("desktop-entry").toString(), "com.korvane.KorvaneVelgar");
+}
+
+// A notification daemon that the bus starts only when it is first called
+// (D-Bus activation, as desktops without a resident daemon have it): the
+// service counts as running before it runs, and the first notification
+// starts it and reaches it.
+TEST(Notifications, ReachADaemonTheBusStartsOnDemand)
+{
+    kvtest::TempDir folder;
+    const std::string received = folder / "received";
+    kvtest::writeFile(folder / "services/org.freedesktop.Notifications.service",
+                      "[D-BUS Service]\nName=org.freedesktop.Notifications\nExec=" KV_TEST_NOTIFICATION_DAEMON " " +
+                          received + "\n");
+    kvtest::PrivateBus bus(kvtest::PrivateBus::Kind::Session, folder / "services");
+    QDBusConnection connection = bus.connect();
+    kv::FreedesktopNotifier notifier(connection);
+    EXPECT_FALSE(connection.interface()->isServiceRegistered("org.freedesktop.Notifications").value());
+    EXPECT_TRUE(notifier.isRunning()) << "activatable counts as running";
+
+    kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
+    agent.controller->prepareNotifications();
+    const int kUpdated = 4;
+    EXPECT_TRUE(agent.controller->displayGrowlDialog(kUpdated, "started on demand"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return kvtest::exists(received) && !kvtest::readFile(received).empty(); }, 10000));
+    EXPECT_EQ(kvtest::readFile(received), "0\tKorvane Velgar\tstarted on demand\n");
+    EXPECT_TRUE(connection.interface()->isServiceRegistered("org.freedesktop.Notifications").value());
+}
+
+// A flood of findings: the first few one by one, then one notification that
+// counts the rest. Counts that come while one is on its way are folded into
+// the newest; a later count replaces the shown one (the daemon's id as
+// replaces_id) rather than adding another.
+TEST(Notifications, FloodOfFindingsIsCountedInOneNotificationUpdatedInPlace)
+{
+    kv::FreedesktopNotifier notifier;
+    BusPeer service("org.freedesktop.Notifications");
+    ASSERT_TRUE(service.takeName());
+    kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
+    agent.controller->prepareNotifications();
+    const int kFound = 1;
+    struct Round {
+        int findings;
+        const char* lastBody;
+        size_t received;  // by the service in all
+        uint replacesId;  // of the last one
+    };
+    const Round rounds[] = {{40, "37 more infected files found", 4, 0}, {5, "42 more infected files found", 5, 4}};
+    int written = 0;
+    for (const Round& round : rounds) {
+        for (int i = 0; i < round.findings; ++i, ++written)
+            agent.controller->displayGrowlDialog(kFound, "/home/a/" + std::to_string(written) + ".com: Eicar FOUND");
+        ASSERT_TRUE(QTest::qWaitFor([&] { return service.received.size() >= round.received; }, 10000));
+        QTest::qWait(100);  // nothing more follows
+        ASSERT_EQ(service.received.size(), round.received);
+        EXPECT_EQ(service.received.back().body, round.lastBody);
+        EXPECT_EQ(service.received.back().replacesId, round.replacesId);
+    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(service.received[i].body.toStdString(), "/home/a/" + std::to_string(i) + ".com: Eicar FOUND");
 }
 
 // The preferences live in the main application: it is launched, and asked

@@ -512,11 +512,12 @@ void EnginePrefix::stopDaemon()
     }
 }
 
-PrivateBus::PrivateBus(Kind kind)
+PrivateBus::PrivateBus(Kind kind, const std::string& services)
 {
     const std::string config = folder_ / "bus.conf";
+    const std::string serviceDir = services.empty() ? "" : "  <servicedir>" + services + "</servicedir>\n";
     writeFile(config, "<busconfig>\n  <type>" + std::string(kind == Kind::System ? "system" : "session") +
-                          "</type>\n  <listen>unix:path=" + (folder_ / "socket") +
+                          "</type>\n" + serviceDir + "  <listen>unix:path=" + (folder_ / "socket") +
                           "</listen>\n  <auth>EXTERNAL</auth>\n  <policy context=\"default\">\n"
                           "    <allow user=\"*\"/><allow own=\"*\"/>\n"
                           "    <allow send_destination=\"*\"/><allow receive_sender=\"*\"/>\n"

@@ -261,7 +261,10 @@ bool socketAccepts(const std::string& path);
 class PrivateBus {
 public:
     enum class Kind { System, Session };
-    explicit PrivateBus(Kind kind = Kind::Session);
+    // SERVICES, when given, is a folder of .service files: the bus starts
+    // the program of a name that is called but has no owner (D-Bus
+    // activation).
+    explicit PrivateBus(Kind kind = Kind::Session, const std::string& services = {});
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
