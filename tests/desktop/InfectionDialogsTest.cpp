@@ -210,9 +210,10 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
             EXPECT_EQ(exists(files[i]), !moved) << files[i];
             const std::string name = std::filesystem::path(files[i]).filename();
             EXPECT_EQ(exists(data / ("share/Trash/files/" + name)), moved) << name;
-            if (moved)
+            if (moved) {
                 EXPECT_NE(kvtest::readFile(data / ("share/Trash/info/" + name + ".trashinfo")).find("\nPath="),
                           std::string::npos);
+            }
         }
         std::error_code none;
         const auto trashed = std::distance(std::filesystem::directory_iterator(data / "share/Trash/files", none),
