@@ -74,6 +74,7 @@ DefinitionsPage::DefinitionsPage(PageContext& context, QWidget* parent) : QWidge
     progress_->setVisible(false);
     row->addWidget(updateButton_);
     row->addWidget(progress_, 1);
+    row->addStretch();
     outcome_ = new QLabel(this);
     outcome_->setObjectName("updateOutcome");
     outcome_->setWordWrap(true);
@@ -125,6 +126,9 @@ void DefinitionsPage::refresh()
             if (const std::optional<DefinitionsVersion> version = parseVersion(answer.version))
                 page->version_->setText(tr("%1 (definitions of %2), engine %3")
                                             .arg(version->version, version->date, version->engine));
+            else if (answer.answers)
+                // A database of local signature files only carries no version.
+                page->version_->setText(tr("%1, with no versioned definitions").arg(answer.version));
             else
                 page->version_->setText(tr("Unknown: the engine does not answer (%1)").arg(answer.problem));
         });

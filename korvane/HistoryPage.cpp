@@ -82,6 +82,10 @@ HistoryPage::HistoryPage(PageContext& context, QWidget* parent) : QWidget(parent
     view_->verticalHeader()->hide();
     view_->horizontalHeader()->setSectionResizeMode(2, QHeaderView::Stretch);
     view_->setWordWrap(false);
+    // A long path loses its middle, so the file's name stays in sight; the
+    // detail holds a virus's name or where the file went.
+    view_->setTextElideMode(Qt::ElideMiddle);
+    view_->horizontalHeader()->resizeSection(3, 150);
     summary_ = new QLabel(this);
     summary_->setObjectName("historySummary");
 
@@ -133,8 +137,9 @@ void HistoryPage::refresh()
                            what, new QStandardItem(entry.path.isEmpty() ? QString() : entry.detail)});
     }
     summary_->setText(entries.empty() ? tr("The scan log is empty.")
-                                      : tr("%n infected file(s) found; %1 lines in all.", nullptr, findings)
-                                            .arg(entries.size()));
+                      : findings == 1
+                          ? tr("1 infected file found; %1 lines in all.").arg(entries.size())
+                          : tr("%1 infected files found; %2 lines in all.").arg(findings).arg(entries.size()));
     view_->resizeColumnToContents(0);
     view_->resizeColumnToContents(1);
 }

@@ -152,9 +152,13 @@ void ProtectionPage::showAgentState()
         const QString path = record.toObject().value(QStringLiteral("pathName")).toString();
         (pathExists(expandTilde(path.toStdString())) ? existing : missing)++;
     }
-    QString folders = tr("%n folder(s) chosen for watching.", nullptr, existing + missing);
+    const int chosen = existing + missing;
+    QString folders = chosen == 1 ? tr("1 folder chosen for watching.")
+                                  : tr("%1 folders chosen for watching.").arg(chosen);
     if (missing)
-        folders += QLatin1Char(' ') + tr("%n of them do(es) not exist.", nullptr, missing);
+        folders += QLatin1Char(' ') + (chosen == 1    ? tr("It does not exist.")
+                                       : missing == 1 ? tr("1 of them does not exist.")
+                                                      : tr("%1 of them do not exist.").arg(missing));
     foldersState_->setText(folders);
 
     startButton_->setEnabled(!agent.running());

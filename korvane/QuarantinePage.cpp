@@ -34,7 +34,12 @@ QuarantinePage::QuarantinePage(PageContext& context, QWidget* parent)
     table_ = new QTableWidget(0, 5, this);
     table_->setObjectName("quarantineTable");
     table_->setHorizontalHeaderLabels({tr("File"), tr("Came from"), tr("Virus"), tr("Moved"), tr("Now in")});
+    // The path takes what the name, virus and place leave, on as many lines
+    // as it needs; the time breaks after its date.
+    table_->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
     table_->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Stretch);
+    table_->horizontalHeader()->setSectionResizeMode(3, QHeaderView::Interactive);
+    table_->verticalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
     table_->verticalHeader()->hide();
     table_->setSelectionBehavior(QAbstractItemView::SelectRows);
     table_->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -101,13 +106,15 @@ void QuarantinePage::refresh()
         table_->setItem(row, 4, new QTableWidgetItem(record.place == QuarantineRecord::Place::Trash ? tr("Trash")
                                                                                                     : tr("Quarantine")));
     }
-    QString summary = records_.empty() ? tr("Nothing is in quarantine.")
-                                       : tr("%n file(s) the agent moved away because they hold a virus.", nullptr,
-                                            static_cast<int>(records_.size()));
+    QString summary = records_.empty()     ? tr("Nothing is in quarantine.")
+                      : records_.size() == 1 ? tr("1 file the agent moved away because it holds a virus.")
+                                             : tr("%1 files the agent moved away because they hold a virus.")
+                                                   .arg(records_.size());
     if (!error.empty())
         summary += QLatin1Char(' ') + tr("The quarantine index cannot be read: %1").arg(QString::fromStdString(error));
     if (skipped)
-        summary += QLatin1Char(' ') + tr("%n damaged line(s) of the index were passed over.", nullptr, skipped);
+        summary += QLatin1Char(' ') + (skipped == 1 ? tr("1 damaged line of the index was passed over.")
+                                                    : tr("%1 damaged lines of the index were passed over.").arg(skipped));
     summary_->setText(summary);
     restoreButton_->setEnabled(table_->currentRow() >= 0);
     deleteButton_->setEnabled(table_->currentRow() >= 0);

@@ -4,7 +4,8 @@
 # the status menu, a warning dialog and a notification, first from the
 # desktop parts driven step by step (kvdesktop_scene, built from
 # scripts/scene/DesktopScene.cpp), then from the agent itself finding the
-# EICAR test file with a real clamd. The display (Xvfb), the tray (trayer)
+# EICAR test file with a real clamd, and last each page of the Korvane
+# application on that agent. The display (Xvfb), the tray (trayer)
 # and the notification daemon (dunst) run on a private session bus, so
 # nothing reaches the user's own desktop.
 #
@@ -246,6 +247,63 @@ wait_until 30 dunst_window || fail "the agent's notification did not appear"
 import -window root "$out/agent-desktop.png"
 log="$HOME/Library/Logs/KorvaneVelgar-scan.log"
 grep -q "eicar.com: Eicar-Test-Signature.UNOFFICIAL FOUND" "$log" || fail "the scan log lacks the finding"
+
+# The Korvane application on the same agent, set up as a user would have it:
+# two watched folders (one not there), infected files moved into quarantine,
+# and two exclusions, one a regular expression that does not compile. A
+# second EICAR file is quarantined first, so the Quarantine page lists it and
+# History shows its finding first.
+ctl() { "$build/bin/velgarctl" "$@" >>"$work/velgarctl.log" 2>&1 || fail "velgarctl $* failed"; }
+ctl defaults write com.korvane.Korvane VelgarFolderArray -json \
+    '[{"pathName": "~/Downloads", "WatchSubdirs": true}, {"pathName": "~/Shared/Inbox", "WatchSubdirs": false}]'
+ctl defaults write com.korvane.Korvane VelgarQuarantineFiles -bool true
+ctl defaults write com.korvane.Korvane QuarantineFolder -string "$HOME/Quarantine"
+ctl defaults write com.korvane.Korvane ExcludePatterns -json \
+    '[{"excludePattern": "~/VirtualMachines/", "excludeRegEx": false, "excludeEnabled": true},
+      {"excludePattern": "\\.(iso|img$", "excludeRegEx": true, "excludeEnabled": true}]'
+starts() { grep -c "Watching started" "$log"; }
+starts_before=$(starts)
+ctl restart
+restarted() { [ "$(starts)" -gt "$starts_before" ]; }
+wait_until 30 restarted || fail "the agent did not restart watching"
+printf '%s' 'X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*' >"$HOME/Downloads/invoice.pdf.exe"
+quarantined() {
+    [ ! -e "$HOME/Downloads/invoice.pdf.exe" ] && grep -q invoice.pdf.exe "$XDG_DATA_HOME/korvane/quarantine.jsonl"
+}
+wait_until 60 quarantined || fail "the agent did not quarantine invoice.pdf.exe"
+
+korvane_window() { xdotool search --onlyvisible --name '^Korvane$' | head -n 1; }
+# Takes the Korvane window into $1 once it shows something unlike $2 (or
+# anything, when $2 is "-") and stays so for a second: some pages fill in
+# what the engine answers a moment later. The agent's dialogs and
+# notifications are put behind it first.
+korvane_shot() {
+    local target=$1 previous=$2
+    settled() {
+        local window
+        window=$(korvane_window)
+        dunstctl close-all
+        xdotool windowraise "$window"
+        import -window "$window" "$work/korvane.png" && painted "$work/korvane.png" &&
+            { [ "$previous" = - ] || differs "$work/korvane.png" "$previous"; } || return 1
+        sleep 1
+        import -window "$window" "$target" && ! differs "$target" "$work/korvane.png"
+    }
+    wait_until 30 settled || fail "the Korvane page in $(basename "$target") did not settle"
+}
+"$build/bin/korvane" --page protection >"$work/korvane.log" 2>&1 &
+korvane_pid=$!
+pids+=("$korvane_pid")
+wait_until 30 korvane_window || fail "Korvane did not open its window"
+previous=-
+for page in protection folders found exclusions definitions quarantine history advanced; do
+    # A second korvane hands its page to the first one and exits.
+    [ "$page" = protection ] || "$build/bin/korvane" --page "$page" >>"$work/korvane.log" 2>&1 ||
+        fail "korvane --page $page did not hand its page over"
+    korvane_shot "$out/korvane-$page.png" "$previous"
+    previous="$out/korvane-$page.png"
+done
+kill -0 "$korvane_pid" 2>/dev/null || fail "Korvane ended while its pages were photographed"
 "$build/bin/velgarctl" quit >/dev/null
 wait_until 20 ended "$agent_pid" || fail "the agent did not quit"
 
