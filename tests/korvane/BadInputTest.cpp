@@ -68,6 +68,9 @@ TEST(KorvaneBadInput, EachGetsAClearMessageAndNothingIsLost)
                                                      QStringLiteral("/proc/korvane-quarantine"));
          },
          "cannot be used"},
+        {"a quarantine folder others may write to", R"({"VelgarTrashFiles": true})",
+         [](KorvaneHome& k) { k.korvane->window().whenFound()->choose(kv::WhenFoundPage::Choice::Quarantine, "/tmp"); },
+         "other users may write to it"},
         {"preferences that are not valid JSON", "{\"PathToClamav\": \"/opt/clam\",",
          [](KorvaneHome& k) {
              auto* problems = k.korvane->window().findChild<QLabel*>("preferenceProblems");
