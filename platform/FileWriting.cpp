@@ -36,4 +36,19 @@ bool writeFileNoFollow(const std::string& path, std::string_view text, bool* rep
     return ::close(fd) == 0 && written;
 }
 
+bool copyContents(int from, int to)
+{
+    char buffer[64 * 1024];
+    for (off_t offset = 0;;) {
+        const ssize_t length = ::pread(from, buffer, sizeof buffer, offset);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length <= 0)
+            return length == 0;
+        if (!writeAll(to, std::string_view(buffer, static_cast<size_t>(length))))
+            return false;
+        offset += length;
+    }
+}
+
 } // namespace kv

@@ -259,20 +259,6 @@ void removeTrashInfo(const QuarantineRecord& record, const StoredFile& stored)
         ::unlinkat(folder.get(), (stored.at.name + ".trashinfo").c_str(), 0);
 }
 
-bool copyContents(int from, int to)
-{
-    char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t length = ::read(from, buffer, sizeof buffer);
-        if (length < 0 && errno == EINTR)
-            continue;
-        if (length <= 0)
-            return length == 0;
-        if (!writeAll(to, std::string_view(buffer, static_cast<size_t>(length))))
-            return false;
-    }
-}
-
 // The move back to another file system: a new file at the original name,
 // never one that exists, with the stored contents; then the stored name goes.
 bool copyBack(const StoredFile& stored, const ParentAndName& target, mode_t mode, const std::string& original,

@@ -27,21 +27,6 @@ std::string candidate(const std::string& name, int number)
     return name.substr(0, NAME_MAX - std::strlen(ending)) + ending;
 }
 
-bool copyContents(int from, int to)
-{
-    char buffer[64 * 1024];
-    for (off_t offset = 0;;) {
-        const ssize_t length = ::pread(from, buffer, sizeof buffer, offset);
-        if (length < 0 && errno == EINTR)
-            continue;
-        if (length <= 0)
-            return length == 0;
-        if (!writeAll(to, std::string_view(buffer, static_cast<size_t>(length))))
-            return false;
-        offset += length;
-    }
-}
-
 } // namespace
 
 std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
