@@ -139,8 +139,14 @@ void DefinitionsPage::refresh()
 void DefinitionsPage::showLog()
 {
     const QString path = context_.prefs.string(QStringLiteral("PathToUpdateLog"));
-    const QString text = path.isEmpty() ? QString() : lastLines(QString::fromStdString(expandTilde(path.toStdString())), 200);
-    log_->setPlainText(text.isEmpty() ? tr("The update log is empty or not set (Advanced page).") : text);
+    const QString file = QString::fromStdString(expandTilde(path.toStdString()));
+    const QString text = path.isEmpty() ? QString() : lastLines(file, 200);
+    if (path.isEmpty())
+        log_->setPlainText(tr("No update log is set; choose one on the Advanced page."));
+    else if (text.trimmed().isEmpty())
+        log_->setPlainText(tr("Nothing has been written to the update log %1 yet.").arg(file));
+    else
+        log_->setPlainText(text);
     log_->moveCursor(QTextCursor::End);
 }
 
