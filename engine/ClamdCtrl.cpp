@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -180,10 +181,14 @@ std::optional<std::string> versionOf(int socketFd)
         answer.pop_back();
     if (!answer.starts_with("ClamAV "))
         return std::nullopt;
-    // Only what prints: the answer ends up on the user's screen.
-    for (char& c : answer)
-        if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7e)
+    // The answer ends up on the user's screen: only what a version and a
+    // date are made of ("ClamAV 1.4.3/27463/Mon Nov 23 09:12:03 2026").
+    for (char& c : answer) {
+        const bool allowed = std::isalnum(static_cast<unsigned char>(c)) || c == ' ' || c == '.' || c == '/' ||
+                             c == ':' || c == '+' || c == '_' || c == '-';
+        if (!allowed)
             c = '?';
+    }
     return answer;
 }
 

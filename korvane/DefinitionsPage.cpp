@@ -1,4 +1,5 @@
 #include "korvane/DefinitionsPage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
 #include "korvane/PreferenceStore.h"
@@ -58,9 +59,9 @@ DefinitionsPage::DefinitionsPage(PageContext& context, QWidget* parent) : QWidge
 {
     auto* layout = new QVBoxLayout(this);
     auto* facts = new QFormLayout;
-    lastUpdated_ = new QLabel(this);
+    lastUpdated_ = plainLabel(this);
     lastUpdated_->setObjectName("lastUpdated");
-    version_ = new QLabel(this);
+    version_ = plainLabel(this);
     version_->setObjectName("definitionsVersion");
     version_->setWordWrap(true);
     facts->addRow(tr("Last updated:"), lastUpdated_);
@@ -75,7 +76,7 @@ DefinitionsPage::DefinitionsPage(PageContext& context, QWidget* parent) : QWidge
     row->addWidget(updateButton_);
     row->addWidget(progress_, 1);
     row->addStretch();
-    outcome_ = new QLabel(this);
+    outcome_ = plainLabel(this);
     outcome_->setObjectName("updateOutcome");
     outcome_->setWordWrap(true);
     outcome_->setTextInteractionFlags(Qt::TextSelectableByMouse);

@@ -1,4 +1,5 @@
 #include "korvane/ExclusionsPage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
 #include "korvane/PreferenceStore.h"
@@ -41,7 +42,7 @@ public:
         QObject::connect(editor, &QLineEdit::textEdited, editor, [this, editor, regularExpression](const QString& text) {
             const std::optional<QString> problem = ExclusionsPage::patternProblem(text, regularExpression);
             editor->setStyleSheet(problem ? kBadStyle : QString());
-            editor->setToolTip(problem.value_or(QString()));
+            editor->setToolTip(plainToolTip(problem.value_or(QString())));
             typed_(problem.value_or(QString()));
         });
         return editor;
@@ -99,7 +100,7 @@ ExclusionsPage::ExclusionsPage(PageContext& context, QWidget* parent)
     buttons->addWidget(addButton);
     buttons->addWidget(removeButton);
     buttons->addStretch();
-    problems_ = new QLabel(this);
+    problems_ = plainLabel(this);
     problems_->setObjectName("patternProblems");
     problems_->setWordWrap(true);
     problems_->setStyleSheet(QStringLiteral("color: #b00020"));
@@ -182,7 +183,7 @@ void ExclusionsPage::showProblems()
         const std::optional<QString> problem =
             patternProblem(pattern->text(), table_->item(row, kRegExColumn)->checkState() == Qt::Checked);
         pattern->setBackground(problem ? QColor(0xff, 0xd7, 0xd7) : QBrush());
-        pattern->setToolTip(problem.value_or(QString()));
+        pattern->setToolTip(plainToolTip(problem.value_or(QString())));
         if (problem)
             problems << tr("“%1” %2.").arg(pattern->text(), *problem);
     }

@@ -1,4 +1,5 @@
 #include "korvane/HistoryPage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
 #include "korvane/ScanHistory.h"
@@ -86,7 +87,7 @@ HistoryPage::HistoryPage(PageContext& context, QWidget* parent) : QWidget(parent
     // detail holds a virus's name or where the file went.
     view_->setTextElideMode(Qt::ElideMiddle);
     view_->horizontalHeader()->resizeSection(3, 150);
-    summary_ = new QLabel(this);
+    summary_ = plainLabel(this);
     summary_->setObjectName("historySummary");
 
     layout->addLayout(bar);
@@ -130,7 +131,7 @@ void HistoryPage::refresh()
         }
         const QString text = entry.path.isEmpty() ? entry.detail : entry.path;
         auto* what = new QStandardItem(text);
-        what->setToolTip(text);
+        what->setToolTip(plainToolTip(text));
         model_->appendRow({kind,
                            new QStandardItem(entry.time.isValid() ? QLocale().toString(entry.time, QLocale::ShortFormat)
                                                                   : QString()),

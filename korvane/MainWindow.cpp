@@ -1,4 +1,5 @@
 #include "korvane/MainWindow.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/AdvancedPage.h"
 #include "korvane/DefinitionsPage.h"
@@ -54,7 +55,7 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     sideBar_->setIconSize(QSize(22, 22));
     sideBar_->setFixedWidth(210);
     stack_ = new QStackedWidget(central);
-    messageBar_ = new QLabel(central);
+    messageBar_ = plainLabel(central);
     messageBar_->setObjectName("messageBar");
     messageBar_->setWordWrap(true);
     messageBar_->setTextInteractionFlags(Qt::TextSelectableByMouse);

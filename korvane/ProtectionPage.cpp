@@ -1,4 +1,5 @@
 #include "korvane/ProtectionPage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/AgentLink.h"
 #include "korvane/PageContext.h"
@@ -28,13 +29,13 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
 
     auto* agentBox = new QGroupBox(tr("Protection"), this);
     auto* agentLayout = new QVBoxLayout(agentBox);
-    agentState_ = new QLabel(agentBox);
+    agentState_ = plainLabel(agentBox);
     agentState_->setObjectName("agentState");
     QFont big = agentState_->font();
     big.setPointSizeF(big.pointSizeF() * 1.3);
     big.setBold(true);
     agentState_->setFont(big);
-    foldersState_ = new QLabel(agentBox);
+    foldersState_ = plainLabel(agentBox);
     foldersState_->setWordWrap(true);
     auto* buttons = new QHBoxLayout;
     startButton_ = new QPushButton(tr("Start Protection"), agentBox);
@@ -56,17 +57,17 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
 
     auto* engineBox = new QGroupBox(tr("Scanning engine"), this);
     auto* engineLayout = new QFormLayout(engineBox);
-    engineKind_ = new QLabel(engineBox);
+    engineKind_ = plainLabel(engineBox);
     engineKind_->setObjectName("engineKind");
     engineKind_->setWordWrap(true);
     engineKind_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    engineAnswer_ = new QLabel(engineBox);
+    engineAnswer_ = plainLabel(engineBox);
     engineAnswer_->setObjectName("engineAnswer");
     engineAnswer_->setWordWrap(true);
     engineLayout->addRow(tr("Engine:"), engineKind_);
     engineLayout->addRow(tr("Answers:"), engineAnswer_);
 
-    problems_ = new QLabel(this);
+    problems_ = plainLabel(this);
     problems_->setObjectName("preferenceProblems");
     problems_->setWordWrap(true);
     problems_->setStyleSheet(QStringLiteral("color: #b00020"));

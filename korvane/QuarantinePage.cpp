@@ -1,4 +1,5 @@
 #include "korvane/QuarantinePage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
 #include "platform/PathText.h"
@@ -14,6 +15,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTableWidget>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace kv {
@@ -28,7 +30,7 @@ QuarantinePage::QuarantinePage(PageContext& context, QWidget* parent)
     : QWidget(parent), context_(context), index_(context.quarantineIndexPath)
 {
     auto* layout = new QVBoxLayout(this);
-    summary_ = new QLabel(this);
+    summary_ = plainLabel(this);
     summary_->setObjectName("quarantineSummary");
     summary_->setWordWrap(true);
     table_ = new QTableWidget(0, 5, this);
@@ -76,10 +78,16 @@ QuarantinePage::QuarantinePage(PageContext& context, QWidget* parent)
         watcher->addPath(indexFile.absolutePath());
     if (indexFile.exists())
         watcher->addPath(indexFile.absoluteFilePath());
-    auto changed = [this, watcher, indexFile] {
+    // A flood appends many lines a second: the list is read again once they
+    // pause, not once per line.
+    auto* again = new QTimer(this);
+    again->setSingleShot(true);
+    again->setInterval(300);
+    connect(again, &QTimer::timeout, this, &QuarantinePage::refresh);
+    auto changed = [watcher, indexFile, again] {
         if (!watcher->files().contains(indexFile.absoluteFilePath()) && indexFile.exists())
             watcher->addPath(indexFile.absoluteFilePath());
-        refresh();
+        again->start();
     };
     connect(watcher, &QFileSystemWatcher::fileChanged, this, changed);
     connect(watcher, &QFileSystemWatcher::directoryChanged, this, changed);
@@ -97,7 +105,7 @@ void QuarantinePage::refresh()
         table_->insertRow(row);
         const size_t slash = record.originalPath.rfind('/');
         auto* name = new QTableWidgetItem(shown(record.originalPath.substr(slash == std::string::npos ? 0 : slash + 1)));
-        name->setToolTip(shown(record.storedPath));
+        name->setToolTip(plainToolTip(shown(record.storedPath)));
         table_->setItem(row, 0, name);
         table_->setItem(row, 1, new QTableWidgetItem(shown(record.originalPath)));
         table_->setItem(row, 2, new QTableWidgetItem(QString::fromStdString(record.signature)));
@@ -140,11 +148,15 @@ bool QuarantinePage::deleteRow(int row, bool confirm)
     if (row < 0 || row >= static_cast<int>(records_.size()))
         return false;
     const QuarantineRecord record = records_[row];
-    if (confirm &&
-        QMessageBox::question(this, tr("Delete for Good"),
-                              tr("Delete %1 for good? It cannot be restored afterwards.").arg(shown(record.originalPath)),
-                              QMessageBox::Discard | QMessageBox::Cancel, QMessageBox::Cancel) != QMessageBox::Discard)
-        return false;
+    if (confirm) {
+        QMessageBox question(QMessageBox::Question, tr("Delete for Good"),
+                             tr("Delete %1 for good? It cannot be restored afterwards.").arg(shown(record.originalPath)),
+                             QMessageBox::Discard | QMessageBox::Cancel, this);
+        question.setTextFormat(Qt::PlainText);
+        question.setDefaultButton(QMessageBox::Cancel);
+        if (question.exec() != QMessageBox::Discard)
+            return false;
+    }
     std::string error;
     const bool done = index_.remove(record, &error);
     if (done)

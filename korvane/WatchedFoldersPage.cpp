@@ -1,4 +1,5 @@
 #include "korvane/WatchedFoldersPage.h"
+#include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
 #include "korvane/PreferenceStore.h"
@@ -56,7 +57,7 @@ WatchedFoldersPage::WatchedFoldersPage(PageContext& context, QWidget* parent) : 
         buttons->addWidget(button);
     buttons->addStretch();
 
-    missing_ = new QLabel(this);
+    missing_ = plainLabel(this);
     missing_->setObjectName("missingFolders");
     missing_->setWordWrap(true);
     missing_->setStyleSheet(QStringLiteral("color: #b00020"));
