@@ -1,6 +1,11 @@
 #include "ui/DesktopWorkspace.h"
 
+#include "platform/Log.h"
+#include "platform/PathText.h"
 #include "platform/Paths.h"
+#include "platform/UniqueFd.h"
+#include "scan/Relocation.h"
+#include "scan/TrashInfo.h"
 
 #include <QApplication>
 #include <QDBusMessage>
@@ -11,6 +16,11 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QUrl>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <ctime>
 
 namespace kv {
 
@@ -67,10 +77,23 @@ void DesktopWorkspace::revealFile(const std::string& path)
 
 bool DesktopWorkspace::recycleFile(const std::string& path)
 {
-    // Qt makes the Trash folder but not the data folder it lives in, which a
-    // fresh account may not have yet.
-    makeDirectories(dataHome(), 0700);
-    return QFile::moveToTrash(QString::fromStdString(path));
+    // The name is moved as the bytes it is, not through a QString: a name
+    // that is not UTF-8 would otherwise be turned into another name, which
+    // another file may carry. The file is opened without following a link,
+    // and the move takes only that very file, into the Trash the desktop
+    // knows, with its .trashinfo.
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info{};
+    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) || !ensureTrashFolders())
+        return false;
+    std::string why;
+    const std::optional<std::string> moved = moveScannedFile(path, file.get(), trashFilesFolder(), &why);
+    if (!moved) {
+        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
+        return false;
+    }
+    writeTrashInfo(MovedLine{path, *moved}, std::time(nullptr));
+    return true;
 }
 
 std::string DesktopWorkspace::desktopEntryPath(const std::string& bundleIdentifier)
