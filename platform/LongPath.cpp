@@ -70,6 +70,20 @@ ParentAndName openParent(const std::string& path)
     return result;
 }
 
+ParentAndName openParentWithoutLinks(const std::string& path)
+{
+    ParentAndName result;
+    if (path.empty() || path.front() != '/')
+        return result;
+    size_t length = 0;
+    const size_t start = lastComponent(path, &length);
+    if (length == 0 || path[start] == '/')
+        return result;
+    result.name = path.substr(start, length);
+    result.folder = walkFolders(path, start);
+    return result;
+}
+
 UniqueFd openPath(const std::string& path, int flags)
 {
     if (path.empty()) {

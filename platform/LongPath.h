@@ -27,6 +27,11 @@ struct ParentAndName {
     std::string name;
 };
 ParentAndName openParent(const std::string& path);
+// The same, but no folder on the way may be a symbolic link (each is opened
+// O_NOFOLLOW, from "/"): for putting a file back where someone else may have
+// swapped a folder for a link since. Invalid, with errno ELOOP or ENOTDIR,
+// when one is.
+ParentAndName openParentWithoutLinks(const std::string& path);
 
 // stat(2) (or lstat(2) when follow is false) for a path of any length.
 bool statPath(const std::string& path, struct stat* info, bool follow = true);

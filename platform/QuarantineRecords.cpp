@@ -185,7 +185,11 @@ std::optional<QuarantineRecord> parseLine(std::string_view line)
     const std::optional<std::uint64_t> device = number("device");
     const std::optional<std::uint64_t> inode = number("inode");
     const QString place = object.value("place").toString();
-    if (!original || !stored || !signature || !device || !inode || original->empty() || stored->empty() ||
+    // Paths are full paths of real names: a NUL byte would cut one short.
+    const auto isPath = [](const std::optional<std::string>& path) {
+        return path && path->starts_with('/') && path->find('\0') == std::string::npos;
+    };
+    if (!isPath(original) || !isPath(stored) || !signature || !device || !inode ||
         !object.value("movedAt").isDouble() || (place != "trash" && place != "quarantine"))
         return std::nullopt;
     record.originalPath = *original;
@@ -359,10 +363,14 @@ bool QuarantineRecords::restore(const QuarantineRecord& record, std::string* err
     if (!openRecorded(record, &stored, error))
         return false;
     const std::string& original = record.originalPath;
-    const ParentAndName target = openParent(original);
+    // Every folder on the way is opened without following a link: a folder
+    // of a shared place swapped for a link since the file was found must not
+    // send it into one of the user's own (autostart, bin, ...).
+    const ParentAndName target = openParentWithoutLinks(original);
     if (!target.folder)
-        return fail(error, errno == ENOENT || errno == ENOTDIR
-                               ? "The folder of " + shown(original) + " no longer exists"
+        return fail(error, errno == ENOENT ? "The folder of " + shown(original) + " no longer exists"
+                           : errno == ELOOP || errno == ENOTDIR
+                               ? "A folder on the way to " + shown(original) + " is now a link; it was not restored"
                                : "Can't open the folder of " + shown(original) + ": " + reason());
     if (target.name == "." || target.name == "..")
         return fail(error, shown(original) + " names no file");
@@ -381,9 +389,12 @@ bool QuarantineRecords::restore(const QuarantineRecord& record, std::string* err
 
     if (!stored.stillNamed())
         return fail(error, shown(record.storedPath) + " is no longer the file that was moved there");
-    bool moved = ::renameat2(stored.at.folder.get(), stored.at.name.c_str(), target.folder.get(),
-                             target.name.c_str(), RENAME_NOREPLACE) == 0;
-    if (!moved && errno == EINVAL) {
+    // A file another user owns comes back as a copy the user owns: whoever
+    // made it may still hold it open for writing.
+    const bool othersFile = stored.info.st_uid != ::geteuid();
+    bool moved = !othersFile && ::renameat2(stored.at.folder.get(), stored.at.name.c_str(), target.folder.get(),
+                                            target.name.c_str(), RENAME_NOREPLACE) == 0;
+    if (!othersFile && !moved && errno == EINVAL) {
         // No RENAME_NOREPLACE on this file system (NFS, some FUSE ones): a
         // hard link refuses a taken name just the same.
         const int linked =
@@ -397,9 +408,9 @@ bool QuarantineRecords::restore(const QuarantineRecord& record, std::string* err
         }
     }
     if (!moved) {
-        if (errno == EEXIST)
+        if (!othersFile && errno == EEXIST)
             return fail(error, "Something already exists at " + shown(original));
-        if (errno != EXDEV && errno != EINVAL && errno != EPERM)
+        if (!othersFile && errno != EXDEV && errno != EINVAL && errno != EPERM)
             return fail(error, "Can't move " + shown(record.storedPath) + " to " + shown(original) + ": " + reason());
         if (!copyBack(stored, target, mode, original, error))
             return false;

@@ -184,6 +184,14 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
         {"restore never over a link", Action::Restore,
          [](Scene& s) { fs::create_symlink(s.root / "target", s.original); }, "already exists"},
         {"restore into a removed folder", Action::Restore, [](Scene& s) { fs::remove(s.docs); }, "no longer exists"},
+        // A shared folder swapped for a link to one of the user's own.
+        {"restore through a folder now a link", Action::Restore,
+         [](Scene& s) {
+             fs::create_directories(s.root / "home/autostart");
+             fs::remove(s.docs);
+             fs::create_symlink(s.root / "home/autostart", s.docs);
+         },
+         "is now a link"},
         {"restore of a replaced file", Action::Restore, replaceStored, "no longer the file"},
         {"restore of a file replaced by a link", Action::Restore, linkStored, "no longer the file"},
         {"delete", Action::Remove, [](Scene&) {}, ""},
