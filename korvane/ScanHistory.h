@@ -23,10 +23,11 @@ struct HistoryEntry {
     QString detail;  // the signature, the destination, or the whole text
 };
 
-// Reads the scan log (the newest part, at most maxBytes of it): findings
-// first, then everything else, each group newest first. Lines that are not
+// Reads the scan log (the newest part, at most maxBytes of it: a table of
+// more would take the window seconds to fill): findings first, then
+// everything else, each group newest first. Lines that are not
 // UTF-8 are shown with replacement characters; a missing log is empty.
-std::vector<HistoryEntry> readScanHistory(const std::string& logPath, qint64 maxBytes = 8 << 20);
+std::vector<HistoryEntry> readScanHistory(const std::string& logPath, qint64 maxBytes = 2 << 20);
 
 // One line, parsed; exposed for tests.
 HistoryEntry parseHistoryLine(const QString& line);

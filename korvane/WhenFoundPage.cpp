@@ -32,22 +32,25 @@ QString makeQuarantineFolder(const std::string& folder)
     if (folder.empty() || folder.front() != '/')
         return QObject::tr("a quarantine folder must be a full path");
     struct stat status {};
-    if (::lstat(folder.c_str(), &status) == 0) {
-        if (!S_ISDIR(status.st_mode))
-            return QObject::tr("it exists, and is not a folder");
-        // Infected files go there, and Restore takes them back out: a folder
-        // another user owns or may write to could swap them underneath.
-        if (status.st_uid != ::getuid())
-            return QObject::tr("it belongs to another user");
-        if (status.st_mode & (S_IWGRP | S_IWOTH))
-            return QObject::tr("other users may write to it");
-        return {};
+    if (::lstat(folder.c_str(), &status) != 0) {
+        const size_t slash = folder.rfind('/');
+        if (slash > 0 && !makeDirectories(folder.substr(0, slash), 0755))
+            return QObject::tr("its parent folder cannot be created: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+            return QString::fromLocal8Bit(std::strerror(errno));
+        // Whatever is there now, made by us or by someone quicker, is
+        // checked like a folder that was there before.
+        if (::lstat(folder.c_str(), &status) != 0)
+            return QString::fromLocal8Bit(std::strerror(errno));
     }
-    const size_t slash = folder.rfind('/');
-    if (slash > 0 && !makeDirectories(folder.substr(0, slash), 0755))
-        return QObject::tr("its parent folder cannot be created: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
-        return QString::fromLocal8Bit(std::strerror(errno));
+    if (!S_ISDIR(status.st_mode))
+        return QObject::tr("it exists, and is not a folder");
+    // Infected files go there, and Restore takes them back out: a folder
+    // another user owns or may write to could swap them underneath.
+    if (status.st_uid != ::getuid())
+        return QObject::tr("it belongs to another user");
+    if (status.st_mode & (S_IWGRP | S_IWOTH))
+        return QObject::tr("other users may write to it");
     return {};
 }
 
