@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QPushButton>
@@ -73,6 +74,21 @@ TEST(KorvaneRoad, AddedFolderIsWatchedItsVirusQuarantinedRestoredAndDeleted)
         << k.message();
     EXPECT_TRUE(processEventsUntil([&] { return link.status() == kv::bus::kStatusWatching; }));
     EXPECT_NE(readFile(scanLog).find("Watching started: 1 watched"), std::string::npos);
+    // The helper's marks are in place a moment after the log line: a clean
+    // probe file, written again every two seconds, is scanned once they are.
+    const std::string probe = watched + "/.watching-probe";
+    QElapsedTimer sinceWritten;
+    ASSERT_TRUE(processEventsUntil(
+        [&] {
+            if (!sinceWritten.isValid() || sinceWritten.elapsed() > 2000) {
+                writeFile(probe, "probe\n");
+                sinceWritten.start();
+            }
+            return readFile(scanLog).find(probe + ": OK") != std::string::npos;
+        },
+        90000))
+        << "the agent never scanned a file in the folder added";
+    ::unlink(probe.c_str());
 
     const std::string arrived = watched + "/invoice.pdf.exe";
     writeFile(arrived, eicar());
