@@ -19,6 +19,7 @@
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTextCursor>
 #include <QThreadPool>
 #include <QVBoxLayout>
@@ -66,6 +67,11 @@ DefinitionsPage::DefinitionsPage(PageContext& context, QWidget* parent) : QWidge
     version_->setWordWrap(true);
     facts->addRow(tr("Last updated:"), lastUpdated_);
     facts->addRow(tr("Version:"), version_);
+    warning_ = plainLabel(this);
+    warning_->setObjectName("definitionsWarning");
+    warning_->setWordWrap(true);
+    warning_->setStyleSheet(QStringLiteral("color: #b00020"));
+    facts->addRow(warning_);
 
     auto* row = new QHBoxLayout;
     updateButton_ = new QPushButton(tr("Update Now"), this);
@@ -112,6 +118,8 @@ void DefinitionsPage::refresh()
 {
     engine_ = EngineDescription::of(expandTilde(context_.prefs.string(QStringLiteral("PathToClamav")).toStdString()));
     const QDateTime newest = engine_.databaseFolder.empty() ? QDateTime() : newestDefinitions(engine_.databaseFolder);
+    warning_->setText(engine_.definitionsProblem());
+    warning_->setVisible(!warning_->text().isEmpty());
     lastUpdated_->setText(newest.isValid() ? QLocale().toString(newest, QLocale::LongFormat)
                                            : tr("No definitions found"));
     updateButton_->setEnabled(!updating() && engine_.kind != EngineDescription::Kind::NotSetUp);
@@ -201,6 +209,14 @@ void DefinitionsPage::finishUpdate(int exitCode, bool crashed)
         outcome_->setText(tr("The definitions were updated."));
     else if (crashed)
         outcome_->setText(tr("The updater could not run to its end. %1").arg(lastLine));
+    else if (const QRegularExpression unreachable(
+                 QStringLiteral("Can't query|Couldn't resolve|Can't connect|Could not connect|Can't download|"
+                                "Connection refused|timed out|Network is unreachable"),
+                 QRegularExpression::CaseInsensitiveOption);
+             unreachable.match(updaterOutput_).hasMatch())
+        outcome_->setText(tr("The update failed: the definitions server could not be reached. Check the internet "
+                             "connection, then try again. (The updater said: %1)")
+                              .arg(lastLine));
     else
         outcome_->setText(tr("The update failed (the updater ended with status %1): %2")
                               .arg(exitCode)

@@ -39,6 +39,7 @@ private:
     EngineDescription engine_;
     QLabel* lastUpdated_;
     QLabel* version_;
+    QLabel* warning_;
     QPushButton* updateButton_;
     QProgressBar* progress_;
     QLabel* outcome_;

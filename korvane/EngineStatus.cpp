@@ -3,6 +3,7 @@
 #include "engine/ClamdCtrl.h"
 #include "platform/Paths.h"
 
+#include <QDir>
 #include <QObject>
 #include <QStringList>
 
@@ -38,6 +39,25 @@ EngineDescription EngineDescription::of(const std::string& prefix)
     return engine;
 }
 
+QString EngineDescription::definitionsProblem() const
+{
+    if (kind == Kind::NotSetUp || kind == Kind::Remote || databaseFolder.empty())
+        return {};
+    const QDir folder(QString::fromStdString(databaseFolder));
+    const QStringList official = folder.entryList({QStringLiteral("*.cvd"), QStringLiteral("*.cld")}, QDir::Files);
+    if (!official.isEmpty())
+        return {};
+    const QStringList any = folder.entryList(QDir::Files);
+    if (any == QStringList{QStringLiteral("korvane-test.ndb")})
+        return QObject::tr("Only the test signature is installed: it detects the EICAR test file, not real viruses. "
+                           "Update the definitions (Definitions page) while the computer is online.");
+    if (any.isEmpty())
+        return QObject::tr("No virus definitions are installed in %1. Update the definitions (Definitions page) "
+                           "while the computer is online.")
+            .arg(folder.path());
+    return {};
+}
+
 QString EngineDescription::describe() const
 {
     const QString socketText = QString::fromStdString(socket);
@@ -60,7 +80,7 @@ EngineAnswer askEngine(const EngineDescription& engine)
     else if (!engine.socket.empty())
         version = ClamdCtrl::askVersion(engine.socket, &problem);
     else
-        problem = engine.kind == EngineDescription::Kind::NotSetUp ? engine.problem.toStdString()
+        problem = engine.kind == EngineDescription::Kind::NotSetUp ? "there is no engine to ask"
                                                                     : "its clamd.conf names no socket";
     answer.answers = version.has_value();
     answer.version = QString::fromStdString(version.value_or(""));

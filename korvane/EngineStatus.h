@@ -27,6 +27,11 @@ struct EngineDescription {
     QString problem;                    // NotSetUp
 
     static EngineDescription of(const std::string& prefix);
+    // Why the definitions in databaseFolder do not protect, in words: none
+    // there, or only the test signature setup installs without a network
+    // (it detects the EICAR test file and nothing else). Empty when real
+    // definitions are there, or where they live is not known (TCP).
+    QString definitionsProblem() const;
     // "The agent's own clamd (socket /run/user/1000/korvane-clamd.ctl)", ...
     QString describe() const;
     std::string freshclam() const { return prefix + "/bin/freshclam"; }

@@ -5,6 +5,8 @@
 #include "korvane/ScanHistory.h"
 
 #include <QComboBox>
+#include <QDir>
+#include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -98,24 +100,47 @@ HistoryPage::HistoryPage(PageContext& context, QWidget* parent) : QWidget(parent
     connect(showBox_, &QComboBox::currentIndexChanged, this, [this](int index) { showOnly(static_cast<Show>(index)); });
     connect(reload, &QPushButton::clicked, this, &HistoryPage::refresh);
     // The agent appends to its log all the time: a change is read at most
-    // once a second or so.
-    auto* again = new QTimer(this);
-    again->setSingleShot(true);
-    again->setInterval(1000);
-    connect(again, &QTimer::timeout, this, &HistoryPage::refresh);
-    auto* watcher = new QFileSystemWatcher(this);
-    watcher->addPath(QString::fromStdString(context_.scanLogPath));
-    connect(watcher, &QFileSystemWatcher::fileChanged, again, [again, watcher, this] {
-        if (!watcher->files().contains(QString::fromStdString(context_.scanLogPath)))
-            watcher->addPath(QString::fromStdString(context_.scanLogPath));  // a rotation replaced it
-        if (!again->isActive())
-            again->start();
+    // once a second or so, and only while the page is on screen (else when it
+    // comes on screen). The log's folder is watched too, for a log made or
+    // replaced by a rotation.
+    again_ = new QTimer(this);
+    again_->setSingleShot(true);
+    again_->setInterval(1000);
+    connect(again_, &QTimer::timeout, this, [this] {
+        if (isVisible())
+            refresh();
+        else
+            stale_ = true;
     });
+    auto* watcher = new QFileSystemWatcher(this);
+    const QFileInfo log(QString::fromStdString(context_.scanLogPath));
+    auto watch = [watcher, log] {
+        if (log.exists() && !watcher->files().contains(log.absoluteFilePath()))
+            watcher->addPath(log.absoluteFilePath());
+        if (log.dir().exists() && !watcher->directories().contains(log.absolutePath()))
+            watcher->addPath(log.absolutePath());
+    };
+    watch();
+    auto changed = [this, watch] {
+        watch();
+        if (!again_->isActive())
+            again_->start();
+    };
+    connect(watcher, &QFileSystemWatcher::fileChanged, this, changed);
+    connect(watcher, &QFileSystemWatcher::directoryChanged, this, changed);
     refresh();
+}
+
+void HistoryPage::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    if (stale_)
+        refresh();
 }
 
 void HistoryPage::refresh()
 {
+    stale_ = false;
     const std::vector<HistoryEntry> entries = readScanHistory(context_.scanLogPath);
     model_->removeRows(0, model_->rowCount());
     int findings = 0;

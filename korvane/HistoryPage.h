@@ -8,6 +8,7 @@ class QLineEdit;
 class QSortFilterProxyModel;
 class QStandardItemModel;
 class QTableView;
+class QTimer;
 
 namespace kv {
 
@@ -29,8 +30,13 @@ public:
     int rowsShown() const;
     QString shownText(int row, int column) const;
 
+protected:
+    void showEvent(QShowEvent* event) override;
+
 private:
     PageContext& context_;
+    QTimer* again_;
+    bool stale_ = false;  // the log changed while the page was hidden
     QLineEdit* searchEdit_;
     QComboBox* showBox_;
     QLabel* summary_;

@@ -21,7 +21,9 @@ Korvane::Korvane(Parts parts)
     }
     window_ = std::make_unique<MainWindow>(context_);
     QObject::connect(&agent_, &AgentLink::pageRequested, window_.get(), [this](const QString& name) {
-        window_->showPageNamed(name);
+        // No name: only come forward, at the page the user left it on.
+        if (!name.isEmpty())
+            window_->showPageNamed(name);
         window_->show();
         window_->raise();
         window_->activateWindow();

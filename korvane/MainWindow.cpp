@@ -17,6 +17,7 @@
 #include <QScrollArea>
 #include <QStackedWidget>
 #include <QStyle>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace kv {
@@ -61,8 +62,10 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     messageBar_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     messageBar_->setVisible(false);
     auto* right = new QVBoxLayout;
-    right->addWidget(messageBar_);
+    // Below the pages, so that a message never moves what the user is about
+    // to click.
     right->addWidget(stack_, 1);
+    right->addWidget(messageBar_);
     layout->addWidget(sideBar_);
     layout->addLayout(right, 1);
     setCentralWidget(central);
@@ -114,8 +117,9 @@ bool MainWindow::showPageNamed(const QString& name)
     if (!page)
         return false;
     showPage(*page);
-    if (name == QLatin1String("diagnostics"))
-        history_->showOnly(HistoryPage::Show::Diagnostics);
+    if (*page == Page::History)
+        history_->showOnly(name == QLatin1String("diagnostics") ? HistoryPage::Show::Diagnostics
+                                                                : HistoryPage::Show::Everything);
     return true;
 }
 
@@ -133,6 +137,13 @@ void MainWindow::tell(const QString& text, bool problem)
                                                         "border: 1px solid #a8d5b5; border-radius: 4px"));
     messageBar_->setProperty("problem", problem);
     messageBar_->setVisible(!text.isEmpty());
+    // News goes after a while; a problem stays until the next change.
+    if (!problem && !text.isEmpty()) {
+        QTimer::singleShot(8000, messageBar_, [this, text] {
+            if (messageBar_->text() == text && !messageBar_->property("problem").toBool())
+                messageBar_->setVisible(false);
+        });
+    }
 }
 
 QString MainWindow::message() const { return messageBar_->isHidden() ? QString() : messageBar_->text(); }

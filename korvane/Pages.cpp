@@ -38,6 +38,8 @@ bool PageContext::change(const QString& key, const QJsonValue& value)
         tell(error, true);
         return false;
     }
+    // What went wrong before is past: the change went through.
+    tell(QString(), false);
     agent.restartWatchingSoon();
     return true;
 }

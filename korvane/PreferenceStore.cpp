@@ -47,9 +47,17 @@ void PreferenceStore::watchFiles()
 {
     if (!watcher_->files().isEmpty())
         watcher_->removePaths(watcher_->files());
-    const QString folder = QString::fromStdString(folder_);
-    if (QFileInfo(folder).isDir() && !watcher_->directories().contains(folder))
+    // Until the folder exists (a first `velgarctl setup` makes it), the
+    // nearest folder above it is watched, so that its making is seen.
+    QString folder = QString::fromStdString(folder_);
+    while (!QFileInfo(folder).isDir() && folder.lastIndexOf(QLatin1Char('/')) > 0)
+        folder.truncate(folder.lastIndexOf(QLatin1Char('/')));
+    const QStringList watched = watcher_->directories();
+    if (!watched.contains(folder)) {
+        if (!watched.isEmpty())
+            watcher_->removePaths(watched);
         watcher_->addPath(folder);
+    }
     for (const char* domain : {kAgentDomain, kMainAppDomain}) {
         const QString path = QString::fromStdString(pathOfDomain(domain));
         if (QFileInfo::exists(path))

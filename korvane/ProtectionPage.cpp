@@ -64,8 +64,13 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
     engineAnswer_ = plainLabel(engineBox);
     engineAnswer_->setObjectName("engineAnswer");
     engineAnswer_->setWordWrap(true);
+    definitionsWarning_ = plainLabel(engineBox);
+    definitionsWarning_->setObjectName("definitionsWarning");
+    definitionsWarning_->setWordWrap(true);
+    definitionsWarning_->setStyleSheet(QStringLiteral("color: #b00020"));
     engineLayout->addRow(tr("Engine:"), engineKind_);
     engineLayout->addRow(tr("Answers:"), engineAnswer_);
+    engineLayout->addRow(definitionsWarning_);
 
     problems_ = plainLabel(this);
     problems_->setObjectName("preferenceProblems");
@@ -79,9 +84,7 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
 
     connect(startButton_, &QPushButton::clicked, this, [this] {
         QString error;
-        if (context_.agent.start(&error))
-            context_.tell(tr("Starting Korvane Velgar…"), false);
-        else
+        if (!context_.agent.start(&error))
             context_.tell(error, true);
     });
     connect(stopButton_, &QPushButton::clicked, this, [this] { context_.agent.quit(); });
@@ -126,6 +129,8 @@ void ProtectionPage::refresh()
     problems_->setVisible(!context_.prefs.problems().isEmpty());
     engine_ = EngineDescription::of(expandTilde(context_.prefs.string(QStringLiteral("PathToClamav")).toStdString()));
     engineKind_->setText(engine_.describe());
+    definitionsWarning_->setText(engine_.definitionsProblem());
+    definitionsWarning_->setVisible(!definitionsWarning_->text().isEmpty());
     showAgentState();
     checkEngine();
 }

@@ -34,6 +34,7 @@ private:
     QPushButton* restartButton_;
     QLabel* engineKind_;
     QLabel* engineAnswer_;
+    QLabel* definitionsWarning_;
     QCheckBox* loginBox_;
     QLabel* problems_;
     EngineDescription engine_;

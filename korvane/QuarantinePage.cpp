@@ -2,7 +2,10 @@
 #include "korvane/PlainText.h"
 
 #include "korvane/PageContext.h"
+#include "korvane/PreferenceStore.h"
 #include "platform/PathText.h"
+#include "platform/Paths.h"
+#include "platform/Preferences.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -10,6 +13,8 @@
 #include <QFileSystemWatcher>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QLabel>
 #include <QLocale>
 #include <QMessageBox>
@@ -23,6 +28,12 @@ namespace {
 
 // A path as the user reads it: odd bytes escaped the way the log shows them.
 QString shown(const std::string& path) { return QString::fromStdString(displayText(path)); }
+
+// A file moved from one of the agent's warning windows carries no signature.
+QString signatureText(const QuarantineRecord& record)
+{
+    return record.signature.empty() ? QObject::tr("moved from a warning") : QString::fromStdString(record.signature);
+}
 
 } // namespace
 
@@ -108,7 +119,7 @@ void QuarantinePage::refresh()
         name->setToolTip(plainToolTip(shown(record.storedPath)));
         table_->setItem(row, 0, name);
         table_->setItem(row, 1, new QTableWidgetItem(shown(record.originalPath)));
-        table_->setItem(row, 2, new QTableWidgetItem(QString::fromStdString(record.signature)));
+        table_->setItem(row, 2, new QTableWidgetItem(signatureText(record)));
         table_->setItem(row, 3, new QTableWidgetItem(QLocale().toString(
                                     QDateTime::fromSecsSinceEpoch(record.movedAt), QLocale::ShortFormat)));
         table_->setItem(row, 4, new QTableWidgetItem(record.place == QuarantineRecord::Place::Trash ? tr("Trash")
@@ -128,6 +139,22 @@ void QuarantinePage::refresh()
     deleteButton_->setEnabled(table_->currentRow() >= 0);
 }
 
+bool QuarantinePage::watchedFolderOf(const std::string& path) const
+{
+    const size_t slash = path.rfind('/');
+    const std::string parent = slash == std::string::npos ? std::string() : path.substr(0, slash);
+    for (const QJsonValue& value : context_.prefs.array(QStringLiteral("VelgarFolderArray"))) {
+        const QJsonObject folder = value.toObject();
+        std::string watched = expandTilde(folder.value(QStringLiteral("pathName")).toString().toStdString());
+        while (watched.size() > 1 && watched.back() == '/')
+            watched.pop_back();
+        if (parent == watched ||
+            (objectBoolValue(folder.value(QStringLiteral("WatchSubdirs"))) && parent.starts_with(watched + "/")))
+            return true;
+    }
+    return false;
+}
+
 bool QuarantinePage::restoreRow(int row)
 {
     if (row < 0 || row >= static_cast<int>(records_.size()))
@@ -136,7 +163,12 @@ bool QuarantinePage::restoreRow(int row)
     std::string error;
     const bool done = index_.restore(record, &error);
     if (done)
-        context_.tell(tr("%1 is back where it came from.").arg(shown(record.originalPath)), false);
+        context_.tell(watchedFolderOf(record.originalPath)
+                          ? tr("%1 is back where it came from. That folder is watched, so the agent scans it again: "
+                               "to keep it, add it to the Exclusions first.")
+                                .arg(shown(record.originalPath))
+                          : tr("%1 is back where it came from.").arg(shown(record.originalPath)),
+                      false);
     else
         context_.tell(tr("%1 was not restored: %2").arg(shown(record.originalPath), QString::fromStdString(error)), true);
     refresh();
@@ -149,18 +181,24 @@ bool QuarantinePage::deleteRow(int row, bool confirm)
         return false;
     const QuarantineRecord record = records_[row];
     if (confirm) {
+        const std::string& original = record.originalPath;
+        const std::string name = original.substr(original.rfind('/') + 1);
         QMessageBox question(QMessageBox::Question, tr("Delete for Good"),
-                             tr("Delete %1 for good? It cannot be restored afterwards.").arg(shown(record.originalPath)),
-                             QMessageBox::Discard | QMessageBox::Cancel, this);
+                             tr("Delete the quarantined copy of %1 (%2) for good? It cannot be restored afterwards. "
+                                "Whatever is at %3 now is not touched.")
+                                 .arg(shown(name), signatureText(record), shown(original)),
+                             QMessageBox::Cancel, this);
         question.setTextFormat(Qt::PlainText);
+        QPushButton* remove = question.addButton(tr("Delete"), QMessageBox::DestructiveRole);
         question.setDefaultButton(QMessageBox::Cancel);
-        if (question.exec() != QMessageBox::Discard)
+        question.exec();
+        if (question.clickedButton() != remove)
             return false;
     }
     std::string error;
     const bool done = index_.remove(record, &error);
     if (done)
-        context_.tell(tr("%1 is deleted.").arg(shown(record.originalPath)), false);
+        context_.tell(tr("The quarantined copy of %1 is deleted.").arg(shown(record.originalPath)), false);
     else
         context_.tell(tr("%1 was not deleted: %2").arg(shown(record.originalPath), QString::fromStdString(error)), true);
     refresh();

@@ -31,6 +31,9 @@ public:
     bool deleteRow(int row, bool confirm);
 
 private:
+    // Whether the agent watches the folder the path lies in.
+    bool watchedFolderOf(const std::string& path) const;
+
     PageContext& context_;
     QuarantineRecords index_;
     std::vector<QuarantineRecord> records_;

@@ -79,8 +79,8 @@ WhenFoundPage::WhenFoundPage(PageContext& context, QWidget* parent) : QWidget(pa
     folderRow->addWidget(folderEdit_);
     folderRow->addWidget(chooseButton);
 
-    auto* note = new QLabel(tr("Files in the Trash or the quarantine folder are listed on the Quarantine page, where "
-                               "you can put them back or delete them for good."),
+    auto* note = new QLabel(tr("Files the agent moves to the Trash or the quarantine folder are listed on the Quarantine "
+                               "page, where you can put them back or delete them for good."),
                             this);
     note->setWordWrap(true);
     dialogsBox_ = new QCheckBox(tr("Show a window for each infected file"), this);

@@ -37,18 +37,27 @@ int main(int argc, char** argv)
     }
 
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected() &&
-        bus.interface()->registerService(QString::fromLatin1(kv::bus::kMainAppName),
-                                         QDBusConnectionInterface::DontQueueService,
-                                         QDBusConnectionInterface::DontAllowReplacement)
-                .value() != QDBusConnectionInterface::ServiceRegistered) {
-        // Korvane runs already: it shows the page.
-        kv::DBusDistributedCenter(bus).post(kv::bus::kShouldOpenPage, page.toStdString());
+    const QString busName = QString::fromLatin1(kv::bus::kMainAppName);
+    if (bus.isConnected() && bus.interface()->isServiceRegistered(busName).value()) {
+        // Korvane runs already: it comes forward, at the page asked for.
+        kv::DBusDistributedCenter(bus).post(kv::bus::kShouldOpenPage,
+                                            parser.isSet(pageOption) ? page.toStdString() : std::string());
         return 0;
     }
 
+    // The name is taken once the window listens: the agent asks for its page
+    // the moment the name appears.
     kv::Korvane korvane(kv::Korvane::Parts{});
     korvane.window().showPageNamed(page);
     korvane.window().show();
+    if (bus.isConnected() &&
+        bus.interface()->registerService(busName, QDBusConnectionInterface::DontQueueService,
+                                         QDBusConnectionInterface::DontAllowReplacement)
+                .value() != QDBusConnectionInterface::ServiceRegistered) {
+        // Another one started in the same moment: it shows the page.
+        kv::DBusDistributedCenter(bus).post(kv::bus::kShouldOpenPage,
+                                            parser.isSet(pageOption) ? page.toStdString() : std::string());
+        return 0;
+    }
     return application.exec();
 }

@@ -22,8 +22,9 @@ public:
     // file manager answers).
     virtual void revealFile(const std::string& path) = 0;
 
-    // Moves the file into the user's Trash, where the desktop can restore it
-    // from. False when the file could not be moved.
+    // Moves a found file into the user's Trash, where the desktop (and the
+    // Korvane application's Quarantine page) can restore it from. False when
+    // the file could not be moved.
     virtual bool recycleFile(const std::string& path) = 0;
 
     // Starts the application whose desktop entry is <bundleIdentifier>.desktop.

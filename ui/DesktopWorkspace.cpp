@@ -3,6 +3,7 @@
 #include "platform/Log.h"
 #include "platform/PathText.h"
 #include "platform/Paths.h"
+#include "platform/QuarantineRecords.h"
 #include "platform/UniqueFd.h"
 #include "scan/Relocation.h"
 #include "scan/TrashInfo.h"
@@ -92,7 +93,17 @@ bool DesktopWorkspace::recycleFile(const std::string& path)
         nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
         return false;
     }
-    writeTrashInfo(MovedLine{path, *moved}, std::time(nullptr));
+    const std::time_t now = std::time(nullptr);
+    writeTrashInfo(MovedLine{path, *moved}, now);
+    // Only found files are moved from the agent's windows: the Quarantine
+    // page lists them with the agent's own moves.
+    QuarantineRecord record;
+    record.originalPath = path;
+    record.storedPath = *moved;
+    record.movedAt = now;
+    record.place = QuarantineRecord::Place::Trash;
+    if (!QuarantineRecords().record(record, &why))
+        nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(path).c_str(), why.c_str());
     return true;
 }
 
@@ -107,7 +118,14 @@ bool DesktopWorkspace::launchApplication(const std::string& bundleIdentifier)
     const std::string entry = desktopEntryPath(bundleIdentifier);
     if (entry.empty())
         return false;
-    return QProcess::startDetached(QStringLiteral("gio"), {QStringLiteral("launch"), QString::fromStdString(entry)});
+    // The application's own messages are not the agent's: they stay out of
+    // the scan log, which is the agent's standard error.
+    QProcess launcher;
+    launcher.setProgram(QStringLiteral("gio"));
+    launcher.setArguments({QStringLiteral("launch"), QString::fromStdString(entry)});
+    launcher.setStandardOutputFile(QProcess::nullDevice());
+    launcher.setStandardErrorFile(QProcess::nullDevice());
+    return launcher.startDetached();
 }
 
 void DesktopWorkspace::beep() { QApplication::beep(); }

@@ -77,8 +77,10 @@ TEST(KorvanePages, UpdateNowTellsTheUpdatersOutcomeInWords)
          "The definitions were already up to date."},
         {"updated", "daily.cvd database is up-to-date (version: 27463)\ndaily.cld updated (version: 27464, sigs: 2)", 0,
          0755, "The definitions were updated."},
-        {"no network", "ERROR: Can't download daily.cvd from database.clamav.net", 62, 0755,
-         "The update failed (the updater ended with status 62): ERROR: Can't download daily.cvd"},
+        {"no network", "ERROR: Can't query current.cvd.clamav.net\nERROR: Update failed.", 11, 0755,
+         "the definitions server could not be reached"},
+        {"another failure", "ERROR: Failed to load new database", 1, 0755,
+         "The update failed (the updater ended with status 1): ERROR: Failed to load new database"},
         {"cannot run", "", 0, 0644, "There is no updater to run"},
     };
     for (const Case& c : cases) {
