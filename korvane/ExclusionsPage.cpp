@@ -48,6 +48,15 @@ public:
         return editor;
     }
 
+    // An edit given up with Escape leaves the table's own problems shown.
+    void destroyEditor(QWidget* editor, const QModelIndex& index) const override
+    {
+        QStyledItemDelegate::destroyEditor(editor, index);
+        finished_();
+    }
+
+    std::function<void()> finished_;
+
 private:
     QTableWidget* table_;
     std::function<void(const QString&)> typed_;
@@ -87,10 +96,12 @@ ExclusionsPage::ExclusionsPage(PageContext& context, QWidget* parent)
     table_->horizontalHeader()->setSectionResizeMode(kRegExColumn, QHeaderView::ResizeToContents);
     table_->verticalHeader()->hide();
     table_->setSelectionBehavior(QAbstractItemView::SelectRows);
-    table_->setItemDelegateForColumn(kPatternColumn, new PatternDelegate(table_, [this](const QString& problem) {
+    auto* delegate = new PatternDelegate(table_, [this](const QString& problem) {
         problems_->setText(problem.isEmpty() ? QString() : tr("This pattern %1.").arg(problem));
         problems_->setVisible(!problem.isEmpty());
-    }));
+    });
+    delegate->finished_ = [this] { showProblems(); };
+    table_->setItemDelegateForColumn(kPatternColumn, delegate);
 
     auto* buttons = new QHBoxLayout;
     auto* addButton = new QPushButton(tr("Add Pattern"), this);
@@ -164,6 +175,9 @@ QJsonArray ExclusionsPage::tableRecords() const
 {
     QJsonArray records;
     for (int row = 0; row < table_->rowCount(); ++row) {
+        // A row left empty is no pattern: the agent would pass it over.
+        if (table_->item(row, kPatternColumn)->text().isEmpty())
+            continue;
         records.append(QJsonObject{
             {kPattern, table_->item(row, kPatternColumn)->text()},
             {kRegularExpression, table_->item(row, kRegExColumn)->checkState() == Qt::Checked},

@@ -5,6 +5,7 @@
 #include "korvane/ScanHistory.h"
 
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QDir>
 #include <QFileInfo>
 #include <QFileSystemWatcher>
@@ -19,6 +20,8 @@
 #include <QTableView>
 #include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace kv {
 namespace {
@@ -88,7 +91,16 @@ HistoryPage::HistoryPage(PageContext& context, QWidget* parent) : QWidget(parent
     // A long path loses its middle, so the file's name stays in sight; the
     // detail holds a virus's name or where the file went.
     view_->setTextElideMode(Qt::ElideMiddle);
-    view_->horizontalHeader()->resizeSection(3, 150);
+    view_->horizontalHeader()->resizeSection(3, 260);
+    // The result column fits its longest word in bold, measured once: fitting
+    // it to a log's thousands of rows would take the window a while.
+    QFont bold = view_->font();
+    bold.setBold(true);
+    int widest = 0;
+    for (const HistoryEntry::Kind kind : {HistoryEntry::Kind::Finding, HistoryEntry::Kind::Moved, HistoryEntry::Kind::Clean,
+                                          HistoryEntry::Kind::Diagnostic, HistoryEntry::Kind::Other})
+        widest = std::max(widest, QFontMetrics(bold).horizontalAdvance(kindText(kind)));
+    view_->horizontalHeader()->resizeSection(0, widest + 24);
     summary_ = plainLabel(this);
     summary_->setObjectName("historySummary");
 
@@ -166,7 +178,6 @@ void HistoryPage::refresh()
                       : findings == 1
                           ? tr("1 infected file found; %1 lines in all.").arg(entries.size())
                           : tr("%1 infected files found; %2 lines in all.").arg(findings).arg(entries.size()));
-    view_->resizeColumnToContents(0);
     view_->resizeColumnToContents(1);
 }
 

@@ -5,6 +5,7 @@
 #include "korvane/DefinitionsPage.h"
 #include "korvane/ExclusionsPage.h"
 #include "korvane/HistoryPage.h"
+#include "korvane/PreferenceStore.h"
 #include "korvane/ProtectionPage.h"
 #include "korvane/QuarantinePage.h"
 #include "korvane/WatchedFoldersPage.h"
@@ -101,6 +102,18 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
             quarantine_->refresh();
     });
     sideBar_->setCurrentRow(0);
+    // A preferences file that cannot be read is said at once, whichever page
+    // is on screen, and again whenever that changes.
+    auto showProblems = [this] {
+        const QStringList problems = context_.prefs.problems();
+        if (problems == preferenceProblems_)
+            return;
+        preferenceProblems_ = problems;
+        if (!problems.isEmpty())
+            tell(problems.join(QLatin1Char('\n')), true);
+    };
+    connect(&context_.prefs, &PreferenceStore::changed, this, showProblems);
+    showProblems();
     resize(900, 600);
 }
 

@@ -4,6 +4,7 @@
 #include "korvane/Pages.h"
 
 #include <QMainWindow>
+#include <QStringList>
 
 #include <map>
 
@@ -51,6 +52,7 @@ private:
     QListWidget* sideBar_;
     QStackedWidget* stack_;
     QLabel* messageBar_;
+    QStringList preferenceProblems_;  // as last told
     ProtectionPage* protection_;
     WatchedFoldersPage* folders_;
     WhenFoundPage* found_;

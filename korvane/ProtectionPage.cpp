@@ -165,6 +165,8 @@ void ProtectionPage::showAgentState()
         folders += QLatin1Char(' ') + (chosen == 1    ? tr("It does not exist.")
                                        : missing == 1 ? tr("1 of them does not exist.")
                                                       : tr("%1 of them do not exist.").arg(missing));
+    if (chosen == 0)
+        folders = tr("No folder is chosen for watching yet: add one on the Watched Folders page.");
     foldersState_->setText(folders);
 
     startButton_->setEnabled(!agent.running());
