@@ -91,7 +91,7 @@ HistoryPage::HistoryPage(PageContext& context, QWidget* parent) : QWidget(parent
     // A long path loses its middle, so the file's name stays in sight; the
     // detail holds a virus's name or where the file went.
     view_->setTextElideMode(Qt::ElideMiddle);
-    view_->horizontalHeader()->resizeSection(3, 260);
+    view_->horizontalHeader()->resizeSection(3, 220);
     // The result column fits its longest word in bold, measured once: fitting
     // it to a log's thousands of rows would take the window a while.
     QFont bold = view_->font();

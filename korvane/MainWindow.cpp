@@ -114,7 +114,7 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     };
     connect(&context_.prefs, &PreferenceStore::changed, this, showProblems);
     showProblems();
-    resize(900, 600);
+    resize(1020, 640);
 }
 
 void MainWindow::showPage(Page page)

@@ -104,7 +104,12 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
     });
     connect(&context_.agent, &AgentLink::stateChanged, this, [this] {
         showAgentState();
-        checkEngine();
+        // The engine is asked again when the agent starts or ends, not at
+        // every batch it scans.
+        if (context_.agent.running() != agentWasRunning_) {
+            agentWasRunning_ = context_.agent.running();
+            checkEngine();
+        }
     });
     connect(&context_.prefs, &PreferenceStore::changed, this, &ProtectionPage::refresh);
     // The engine may stop or start answering at any time: asked again now

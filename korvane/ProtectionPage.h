@@ -39,6 +39,7 @@ private:
     QLabel* problems_;
     EngineDescription engine_;
     int engineQuestion_ = 0;  // the newest question; older answers are dropped
+    bool agentWasRunning_ = false;
 };
 
 } // namespace kv
