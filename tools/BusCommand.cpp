@@ -60,10 +60,10 @@ int BusCommand::run(const std::string& command, const std::vector<std::string>& 
     }
     if (command == "script") {
         if (arguments.size() != 1)
-            return reportBadInput("usage: velgarctl script restartWatchingViaAS");
-        if (arguments[0] != kScriptKey)
-            return reportBadInput("the agent answers only the scripted key " + std::string(kScriptKey) + ", not \"" +
-                                  arguments[0] + "\"");
+            return reportBadInput("usage: velgarctl script restartWatchingViaAS|agentStatus");
+        if (arguments[0] != kScriptKey && arguments[0] != bus::kStatusKey)
+            return reportBadInput("the agent answers only the scripted keys " + std::string(kScriptKey) + " and " +
+                                  bus::kStatusKey + ", not \"" + arguments[0] + "\"");
         return script(arguments[0]);
     }
     if (!arguments.empty())

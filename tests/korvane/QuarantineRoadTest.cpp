@@ -73,6 +73,11 @@ TEST(KorvaneRoad, AddedFolderIsWatchedItsVirusQuarantinedRestoredAndDeleted)
     ASSERT_TRUE(processEventsUntil([&] { return count(readFile(scanLog), "Watching started") > startsBefore; }, 60000))
         << k.message();
     EXPECT_TRUE(processEventsUntil([&] { return link.status() == kv::bus::kStatusWatching; }));
+    // Scripts read the same state.
+    std::optional<kv::ChildProcess> script =
+        kv::ChildProcess::spawn({VELGARCTL_PATH, "script", "agentStatus"}, kv::ChildProcess::Output::StdoutPipe);
+    ASSERT_TRUE(processEventsUntil([&] { return !script->running(); }));
+    EXPECT_EQ(script->readAll(), "watching\n");
     EXPECT_NE(readFile(scanLog).find("Watching started: 1 watched"), std::string::npos);
     // The helper's marks are in place a moment after the log line: a clean
     // probe file, written again every two seconds, is scanned once they are.
