@@ -239,8 +239,14 @@ bool openRecorded(const QuarantineRecord& record, StoredFile* stored, std::strin
     if (!stored->file)
         return fail(error, errno == ENOENT ? shown(record.storedPath) + " is gone"
                                            : "Can't open " + shown(record.storedPath) + ": " + reason());
-    if (::fstat(stored->file.get(), &stored->info) != 0)
+    struct stat folder{};
+    if (::fstat(stored->file.get(), &stored->info) != 0 || ::fstat(stored->at.folder.get(), &folder) != 0)
         return fail(error, "Can't examine " + shown(record.storedPath) + ": " + reason());
+    // Between the checks below and the rename or removal, only the user
+    // could swap the file: the folder it lies in must be the user's alone.
+    if (folder.st_uid != ::geteuid() || (folder.st_mode & (S_IWGRP | S_IWOTH)))
+        return fail(error, "The folder of " + shown(record.storedPath) +
+                               " is not the user's alone (another user owns it or may write to it)");
     if (!sameFile(stored->info, record))
         return fail(error, shown(record.storedPath) + " is no longer the file that was moved there");
     return true;

@@ -1,6 +1,7 @@
 #include "ui/DesktopWorkspace.h"
 
 #include "platform/Log.h"
+#include "platform/LongPath.h"
 #include "platform/PathText.h"
 #include "platform/Paths.h"
 #include "platform/QuarantineRecords.h"
@@ -83,6 +84,12 @@ bool DesktopWorkspace::recycleFile(const std::string& path)
     // another file may carry. The file is opened without following a link,
     // and the move takes only that very file, into the Trash the desktop
     // knows, with its .trashinfo.
+    // A folder on the way that became a link since the file was found
+    // could lead to a file of the user's own under the same name.
+    if (!openParentWithoutLinks(path).folder) {
+        nsLogf("%s was not moved to the Trash: a folder on the way is a link", displayText(path).c_str());
+        return false;
+    }
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info{};
     if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) || !ensureTrashFolders())

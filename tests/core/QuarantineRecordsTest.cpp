@@ -192,6 +192,8 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
              fs::create_symlink(s.root / "home/autostart", s.docs);
          },
          "is now a link"},
+        {"restore from a folder others may write to", Action::Restore,
+         [](Scene& s) { ::chmod((s.root / "data/Trash/files").c_str(), 0777); }, "is not the user's alone"},
         {"restore of a replaced file", Action::Restore, replaceStored, "no longer the file"},
         {"restore of a file replaced by a link", Action::Restore, linkStored, "no longer the file"},
         {"delete", Action::Remove, [](Scene&) {}, ""},
