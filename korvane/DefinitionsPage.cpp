@@ -15,13 +15,11 @@
 #include <QLabel>
 #include <QLocale>
 #include <QPlainTextEdit>
-#include <QPointer>
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QTextCursor>
-#include <QThreadPool>
 #include <QVBoxLayout>
 
 namespace kv {
@@ -124,23 +122,15 @@ void DefinitionsPage::refresh()
                                            : tr("No definitions found"));
     updateButton_->setEnabled(!updating() && engine_.kind != EngineDescription::Kind::NotSetUp);
     version_->setText(tr("Asking the engine…"));
-    const int question = ++versionQuestion_;
-    QPointer<DefinitionsPage> page(this);
-    const EngineDescription engine = engine_;
-    QThreadPool::globalInstance()->start([page, engine, question] {
-        const EngineAnswer answer = askEngine(engine);
-        QMetaObject::invokeMethod(qApp, [page, answer, question] {
-            if (!page || question != page->versionQuestion_)
-                return;
-            if (const std::optional<DefinitionsVersion> version = parseVersion(answer.version))
-                page->version_->setText(tr("%1 (definitions of %2), engine %3")
-                                            .arg(version->version, version->date, version->engine));
-            else if (answer.answers)
-                // A database of local signature files only carries no version.
-                page->version_->setText(tr("%1, with no versioned definitions").arg(answer.version));
-            else
-                page->version_->setText(tr("Unknown: the engine does not answer (%1)").arg(answer.problem));
-        });
+    versionQuestion_.ask(this, engine_, [this](const EngineAnswer& answer) {
+        if (const std::optional<DefinitionsVersion> version = parseVersion(answer.version))
+            version_->setText(
+                tr("%1 (definitions of %2), engine %3").arg(version->version, version->date, version->engine));
+        else if (answer.answers)
+            // A database of local signature files only carries no version.
+            version_->setText(tr("%1, with no versioned definitions").arg(answer.version));
+        else
+            version_->setText(tr("Unknown: the engine does not answer (%1)").arg(answer.problem));
     });
     showLog();
 }

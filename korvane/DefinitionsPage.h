@@ -46,7 +46,7 @@ private:
     QPlainTextEdit* log_;
     QProcess* updater_ = nullptr;
     QString updaterOutput_;
-    int versionQuestion_ = 0;
+    EngineQuestion versionQuestion_;
 };
 
 } // namespace kv

@@ -3,7 +3,10 @@
 #include "engine/ClamdCtrl.h"
 #include "platform/Paths.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QPointer>
+#include <QThreadPool>
 #include <QObject>
 #include <QStringList>
 
@@ -86,6 +89,20 @@ EngineAnswer askEngine(const EngineDescription& engine)
     answer.version = QString::fromStdString(version.value_or(""));
     answer.problem = QString::fromStdString(problem);
     return answer;
+}
+
+void EngineQuestion::ask(QObject* page, const EngineDescription& engine,
+                         std::function<void(const EngineAnswer&)> answered)
+{
+    const int question = ++*newest_;
+    QPointer<QObject> asker(page);
+    QThreadPool::globalInstance()->start([asker, engine, question, newest = newest_, answered = std::move(answered)] {
+        const EngineAnswer answer = askEngine(engine);
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [asker, answer, question, newest, answered] {
+            if (asker && question == *newest)
+                answered(answer);
+        });
+    });
 }
 
 std::optional<DefinitionsVersion> parseVersion(const QString& answer)

@@ -2,7 +2,12 @@
 
 #include "engine/ClamdConfig.h"
 
+#include <QObject>
 #include <QString>
+
+#include <atomic>
+#include <functional>
+#include <memory>
 
 #include <optional>
 #include <string>
@@ -45,6 +50,17 @@ struct EngineAnswer {
     QString problem;  // why it does not answer
 };
 EngineAnswer askEngine(const EngineDescription& engine);
+
+// A page's question to its engine, asked off the main thread. Only the
+// newest question's answer is handed to the page, on the main thread, and
+// none once the page is gone.
+class EngineQuestion {
+public:
+    void ask(QObject* page, const EngineDescription& engine, std::function<void(const EngineAnswer&)> answered);
+
+private:
+    std::shared_ptr<std::atomic<int>> newest_ = std::make_shared<std::atomic<int>>(0);
+};
 
 // The parts of a VERSION answer: "ClamAV 1.4.3", "27463", the date.
 struct DefinitionsVersion {

@@ -15,9 +15,7 @@
 #include <QHBoxLayout>
 #include <QJsonObject>
 #include <QLabel>
-#include <QPointer>
 #include <QPushButton>
-#include <QThreadPool>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -181,19 +179,10 @@ void ProtectionPage::showAgentState()
 
 void ProtectionPage::checkEngine()
 {
-    const int question = ++engineQuestion_;
     engineAnswer_->setText(tr("Asking…"));
-    QPointer<ProtectionPage> page(this);
-    const EngineDescription engine = engine_;
-    QThreadPool::globalInstance()->start([page, engine, question] {
-        const EngineAnswer answer = askEngine(engine);
-        QMetaObject::invokeMethod(qApp, [page, answer, question] {
-            if (!page || question != page->engineQuestion_)
-                return;
-            page->engineAnswer_->setProperty("answers", answer.answers);
-            page->engineAnswer_->setText(answer.answers ? tr("Yes: %1").arg(answer.version)
-                                                        : tr("No: %1").arg(answer.problem));
-        });
+    engineQuestion_.ask(this, engine_, [this](const EngineAnswer& answer) {
+        engineAnswer_->setProperty("answers", answer.answers);
+        engineAnswer_->setText(answer.answers ? tr("Yes: %1").arg(answer.version) : tr("No: %1").arg(answer.problem));
     });
 }
 

@@ -38,7 +38,7 @@ private:
     QCheckBox* loginBox_;
     QLabel* problems_;
     EngineDescription engine_;
-    int engineQuestion_ = 0;  // the newest question; older answers are dropped
+    EngineQuestion engineQuestion_;
     bool agentWasRunning_ = false;
 };
 
