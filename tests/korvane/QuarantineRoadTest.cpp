@@ -38,7 +38,6 @@ TEST(KorvaneRoad, AddedFolderIsWatchedItsVirusQuarantinedRestoredAndDeleted)
     holdMachineTestLock();
     EnginePrefix engine;  // its daemon is started by the agent
     KorvaneHome k;
-    ScopedEnv resources("KORVANE_VELGAR_RESOURCES", KV_AGENT_RESOURCES);
     const std::string watched = k.home / "Downloads";
     const std::string quarantine = k.home / "Quarantine";
     const std::string scanLog = k.home / "Library/Logs/KorvaneVelgar-scan.log";
