@@ -6,9 +6,10 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QPointer>
-#include <QThreadPool>
 #include <QObject>
 #include <QStringList>
+
+#include <thread>
 
 namespace kv {
 
@@ -96,13 +97,16 @@ void EngineQuestion::ask(QObject* page, const EngineDescription& engine,
 {
     const int question = ++*newest_;
     QPointer<QObject> asker(page);
-    QThreadPool::globalInstance()->start([asker, engine, question, newest = newest_, answered = std::move(answered)] {
+    // A thread of its own for each question (they are few, and each ends
+    // within the connection's time limits): the hand-over to it is one the
+    // thread sanitizer can see, unlike a thread pool's queue.
+    std::thread([asker, engine, question, newest = newest_, answered = std::move(answered)] {
         const EngineAnswer answer = askEngine(engine);
         QMetaObject::invokeMethod(QCoreApplication::instance(), [asker, answer, question, newest, answered] {
             if (asker && question == *newest)
                 answered(answer);
         });
-    });
+    }).detach();
 }
 
 std::optional<DefinitionsVersion> parseVersion(const QString& answer)

@@ -136,7 +136,10 @@ sanitize() {
       LSAN_OPTIONS="suppressions=$shared/lsan.supp print_suppressions=0")
   else
     # The sanitizer wants a fixed address layout; old kernels give it one.
-    run+=(TSAN_OPTIONS="log_path=$shared/reports/report halt_on_error=1 second_deadlock_stack=1 suppressions=$shared/tsan.supp"
+    # QProcess (the Korvane application runs the definitions updater with
+    # it) forks while other threads run and starts a thread in the child
+    # before it executes the program, which the sanitizer refuses unless told.
+    run+=(TSAN_OPTIONS="log_path=$shared/reports/report halt_on_error=1 second_deadlock_stack=1 die_after_fork=0 suppressions=$shared/tsan.supp"
       setarch "$(uname -m)" -R)
   fi
   start=$SECONDS
