@@ -11,8 +11,6 @@ packages=(
   clamav-daemon clamdscan clamav-freshclam pkexec logrotate bzip2 xdg-utils libglib2.0-bin dbus procps
   # test
   libgtest-dev libgmock-dev dbus-x11 xxd xvfb trayer dunst xdotool imagemagick
-  # the desktop test finds menu items by title on the accessibility bus
-  at-spi2-core python3-pyatspi
   # the address sanitizer build (scripts/test.sh) is made with clang
   clang libclang-rt-14-dev
   # the Debian package: cpack's dependency list (dpkg-shlibdeps), its checks

@@ -191,6 +191,13 @@ TEST(StatusMenu, ItemsRunTheControllerOperationOfTheirName)
     agent.find("openAppMenuItem")->trigger();
     EXPECT_EQ(agent.workspace.launched, std::vector<std::string>{"com.korvane.Korvane"});
 
+    // The stop item's confirmation, on while a scan runs, empties the queue.
+    std::vector<std::string> pending{agent.home.path() + "/pending.bin"};
+    agent.controller->theDispatcher().copyItemsToMyItemListFrom(pending);
+    agent.menu->enableMenuItems(3);
+    agent.find("abortConfirmMenuItem")->trigger();
+    EXPECT_TRUE(agent.controller->theDispatcher().snapshotOfMyItemList().empty()) << "the queue was not emptied";
+
     agent.menu->enableMenuItems(2);
     agent.find("stopMenuItem")->trigger();
     EXPECT_EQ(enabledPattern(agent).substr(0, 4), "1000") << "stopped";
