@@ -36,7 +36,7 @@ bool Notifications::oneByOne(int* more, int* flood) const
     return *more <= 0;
 }
 
-bool Notifications::display(int kind, const std::string& description) const
+bool Notifications::display(NotificationKind kind, const std::string& description) const
 {
     if (!prepared_ || !notifier_ || !notifier_->isRunning())
         return false;
@@ -45,7 +45,7 @@ bool Notifications::display(int kind, const std::string& description) const
     notification.sticky = true;
     int more = 0;
     int flood = 0;
-    if ((kind == kFound || kind == kQuarantined || kind == kRemoved) && !oneByOne(&more, &flood)) {
+    if ((kind == NotificationKind::Found || kind == NotificationKind::Quarantined || kind == NotificationKind::Removed) && !oneByOne(&more, &flood)) {
         notification.name = notification.title = found_;
         notification.description = more == 1 ? "1 more infected file found"
                                              : std::to_string(more) + " more infected files found";
@@ -53,18 +53,18 @@ bool Notifications::display(int kind, const std::string& description) const
         return notifier_->notify(notification);
     }
     switch (kind) {
-    case kFound: notification.name = notification.title = found_; break;
-    case kQuarantined: notification.name = notification.title = quarantined_; break;
-    case kRemoved: notification.name = notification.title = removed_; break;
-    case kUpdated:
+    case NotificationKind::Found: notification.name = notification.title = found_; break;
+    case NotificationKind::Quarantined: notification.name = notification.title = quarantined_; break;
+    case NotificationKind::Removed: notification.name = notification.title = removed_; break;
+    case NotificationKind::Updated:
         notification.name = updateSuccessful_;
         notification.title = "Korvane Velgar";
         break;
-    case kUpToDate:
+    case NotificationKind::UpToDate:
         notification.name = alreadyUpToDate_;
         notification.title = "Korvane Velgar";
         break;
-    default:
+    case NotificationKind::Error:
         notification.name = "Error";
         notification.title = "Korvane Velgar";
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/DesktopNotifier.h"
+
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -24,12 +26,12 @@ public:
 
     Notifications(DesktopNotifier* notifier, const StringTable* strings) : notifier_(notifier), strings_(strings) {}
 
-    // Main thread, at launch, before any notification.
+    // Main thread, when the controller is made, before any notification.
     void prepare();
 
     // Any thread. False when nothing was shown: no notifier, none running,
     // or not prepared yet.
-    bool display(int kind, const std::string& description) const;
+    bool display(NotificationKind kind, const std::string& description) const;
 
     // The localised text of a key; the key itself without a string table.
     std::string localizedString(const std::string& key) const;

@@ -10,6 +10,7 @@
 
 #include "app/KorvaneVelgar.h"
 #include "platform/Preferences.h"
+#include "scan/ScanActivity.h"
 #include "ui/Agent.h"
 #include "ui/Throbber.h"
 
@@ -26,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 
 namespace {
@@ -61,7 +63,7 @@ public:
             indicatorThread = ::syscall(SYS_gettid);
         }
     }
-    void menuStateShown(int) override {}
+    void menuStateShown(kv::MenuState) override {}
 };
 
 // Runs the event loop for the given time, so queued icon changes are drawn.
@@ -98,12 +100,12 @@ int main(int argc, char* argv[])
     parts.redirectToScanLog = false;
     parts.exitProcess = [](int) {};
     kv::Agent agent(parts);
-    kv::KorvaneVelgar& controller = agent.controller();
+    kv::ScanActivity& activity = agent.controller().scanActivity();
     kv::Throbber& menu = agent.menu();
     FrameCounter counter;
     menu.setObserver(&counter);
 
-    menu.startIndicator(controller);
+    menu.startIndicator(activity);
     menu.clearMenu();
     menu.setNumItemsToWatch(1);
     menu.addToMenu(folder, "");
@@ -111,7 +113,7 @@ int main(int argc, char* argv[])
     runFor(1500);
 
     // Animating: one scan runs for the whole period.
-    controller.modifyScannerCountBy(1);
+    std::optional<kv::ScanActivity::Busy> scan(std::in_place, activity, kv::ScanActivity::Kind::Scan);
     QElapsedTimer wall;
     wall.start();
     const double cpuBefore = processCpuSeconds();
@@ -119,7 +121,7 @@ int main(int argc, char* argv[])
     const double animatingCpu = processCpuSeconds() - cpuBefore;
     const double animatingWall = wall.elapsed() / 1000.0;
     const long frames = counter.frames;
-    controller.modifyScannerCountBy(-1);
+    scan.reset();
 
     // Let the last cycle and the one-second rest pass, then watch the idle
     // indicator thread.

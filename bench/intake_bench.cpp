@@ -11,7 +11,9 @@
 // the queued kernel events are drained once it continues: the throughput
 // the intake can sustain, not the rate at which one thread creates files.
 
-#include "app/KorvaneVelgar.h"
+#include "intake/FSEventWatcher.h"
+#include "intake/WatcherHost.h"
+#include "queue/Dispatcher.h"
 #include "intake/FSEventWatcher.h"
 #include "platform/ChildProcess.h"
 #include "platform/Preferences.h"
@@ -133,23 +135,28 @@ Clock::time_point waitUntilQuiet(const std::function<size_t()>& count, size_t ex
     }
 }
 
+// The watcher's host: the helper runs as root here, so nothing is ever asked
+// of it.
+class QuietHost : public kv::WatcherHost {
+public:
+    void postToMainThread(std::function<void()>) override {}
+    void startWatcher(bool) override {}
+    void stopWatcher() override {}
+    void quit() override {}
+    bool displayGrowlDialog(kv::NotificationKind, const std::string&) override { return false; }
+    std::string localizedString(const std::string& key) const override { return key; }
+};
+
 Result runIntake(size_t files, bool backlog)
 {
     Tree tree;
-    kv::JsonPreferences prefs("com.korvane.KorvaneVelgar", tree.path() + "/no-preferences");
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &prefs;
-    parts.homeDirectory = tree.path();
-    parts.redirectToScanLog = false;
-    parts.dispatcherPause = [] {};
-    parts.exitProcess = [](int) {};
-    kv::KorvaneVelgar controller(parts);
-    kv::FSEventWatcher& watcher = controller.gfsLogger();
-    kv::Dispatcher& queue = controller.theDispatcher();
+    kv::Dispatcher queue([] {});
+    kv::FSEventWatcher watcher(queue);
+    QuietHost host;
     const std::string watched = tree.path() + "/";
     watcher.setWatchList(std::make_shared<const kv::WatchList>(std::vector<std::string>{watched},
                                                                std::map<std::string, bool>{{watched, true}}, ""));
-    watcher.start(controller);
+    watcher.start(host);
     // Ready once a probe gets through: every file system is marked.
     while (queue.lengthOfBothItemLists() == 0) {
         std::ofstream(tree.path() + "/probe") << "x";

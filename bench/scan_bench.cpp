@@ -4,9 +4,10 @@
 //
 //   scan_bench [small-file count ...]    (default: 1000 10000, then 100 x 10 MB)
 
-#include "app/KorvaneVelgar.h"
 #include "platform/ChildProcess.h"
-#include "tests/support/TestSupport.h"
+#include "platform/Settings.h"
+#include "scan/Scanners.h"
+#include "tests/support/ScanSupport.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -80,12 +81,12 @@ double directRun(const kvtest::EnginePrefix& engine, const std::vector<std::stri
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-double agentRun(kv::KorvaneVelgar& controller, std::vector<std::string> paths, LineCounter& results)
+double agentRun(kv::Dispatcher& queue, std::vector<std::string> paths, LineCounter& results)
 {
     const size_t expected = paths.size();
     const size_t before = results.count();
     const auto start = Clock::now();
-    controller.theDispatcher().addToItemList(paths);
+    queue.addToItemList(paths);
     while (results.count() - before < expected)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -119,13 +120,16 @@ int main(int argc, char** argv)
     kvtest::FakePreferences preferences;
     preferences.suite["PathToClamav"] = QString::fromStdString(engine.path());
     preferences.suite["PathToUpdateLog"] = QString::fromStdString(home / "update.log");
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &preferences;
-    parts.homeDirectory = home.path();
-    parts.redirectToScanLog = false;
-    parts.exitProcess = [](int) {};
-    kv::KorvaneVelgar controller(parts);
-    controller.applicationDidFinishLaunching();
+    // The agent's queue (with its one-second pause) and its two scanners,
+    // on a host around the engine as a start of watching finds it.
+    kvtest::RecordingScannerHost host(engine.path(), home.path() + "/");
+    kv::Dispatcher queue;
+    kv::ScanActivity activity;
+    kv::Scanners scanners(host, queue, activity);
+    scanners.configure(kv::ScanParameters::forSettings(kv::Settings::load(preferences), engine.path() + "/bin/clamdscan",
+                                                       home.path() + "/"));
+    std::thread queueThread([&queue] { queue.mainLoop(); });
+    scanners.start();
     LineCounter results(logPath, ": OK");
 
     std::printf("| files | size | agent (s) | agent minus 1 s wait (s) | direct clamdscan (s) | ratio |\n");
@@ -138,7 +142,7 @@ int main(int argc, char** argv)
         const double direct = directRun(engine, makeFiles(set + "/direct", count, size), home.path());
         std::fflush(stdout);
         ::dup2(logFd, STDOUT_FILENO);
-        const double agent = agentRun(controller, paths, results);
+        const double agent = agentRun(queue, paths, results);
         std::fflush(stdout);
         ::dup2(savedOut, STDOUT_FILENO);
         const double adjusted = agent - 1.0;

@@ -390,6 +390,43 @@ void ClamdSupervisor::discernClamdSocketLocation(const std::string& privateFolde
     }
 }
 
+ClamdSupervisor::EngineStart ClamdSupervisor::startEngine(const std::optional<std::string>& clamPATH)
+{
+    // Whether we launched the daemon is decided anew at every start; the
+    // engine is the prefix's own daemon, or none without a prefix, so a
+    // relaunch never runs what an earlier start named.
+    setWeLaunchedClamd(false);
+    useEnginePrefix(clamPATH);
+    EngineStart start;
+    // With no installation prefix there is no clamdscan to run and no
+    // daemon to launch: never guess one from an empty prefix.
+    if (!clamPATH) {
+        nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
+        return start;
+    }
+    bool engineRuns = useRemoteEngine() || ownDaemonRuns() || useSystemService();
+    if (!engineRuns && standInForService()) {
+        start.standInTookOver = true;
+        engineRuns = ownDaemonRuns();
+    }
+    if (!engineRuns) {
+        const std::string clamdPath = clamdPATH().value_or(std::string());
+        nsLog("clamd not running. Now trying to launch it...\n");
+        if (!pathExists(clamdPath)) {
+            nsLog("ClamAV installation couldn't be found.  Quitting now.\n");
+            return start;
+        }
+        if (!launchClamd(clamdPath, clamdConfPATH())) {
+            nsLog("clamd couldn't be launched.  Quitting now.\n");
+            return start;
+        }
+        nsLog("clamd launched successfully.  Continuing...\n");
+        setWeLaunchedClamd(true);
+    }
+    start.ready = true;
+    return start;
+}
+
 void ClamdSupervisor::useEnginePrefix(const std::optional<std::string>& clamPATH)
 {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -451,6 +488,14 @@ void ClamdSupervisor::setSilenceProbeInterval(std::chrono::milliseconds interval
 {
     std::lock_guard<std::mutex> guard(mutex_);
     probeInterval_ = interval;
+}
+
+bool ClamdSupervisor::socketTrusted(const std::optional<std::string>& socket)
+{
+    if (socket)
+        return clamdController_.socketPeerTrusted(*socket);
+    const std::optional<TcpEngine> remote = remoteEngine();
+    return !remote || clamdController_.tcpEnginePeerTrusted(*remote);
 }
 
 } // namespace kv

@@ -88,10 +88,26 @@ public:
     RunEngine engineForRun(const std::string& clamdscan);
     uint64_t generation() const;
     bool engineChangedSince(uint64_t generation) const;
+    // Whether a scan run may send its files to the run's daemon: at SOCKET
+    // (ClamdCtrl::socketPeerTrusted), or over TCP when there is none.
+    // False after a log line.
+    bool socketTrusted(const std::optional<std::string>& socket);
     // Whether a scan run that could not reach any daemon should show the
     // unreachable-engine alert: always for the user's own daemon, once per
     // silence for the service and a remote daemon.
     bool unreachableAlertDue();
+
+    // The engine of a start of watching, found or launched, with the
+    // load's log lines. The prefix's (useEnginePrefix()), in this order: a
+    // daemon on another machine; the user's own daemon when it runs; the
+    // system's service; the stand-in for a silent service; the user's own
+    // daemon, launched now. Not ready without a prefix, or when the daemon
+    // to launch is missing or cannot be launched.
+    struct EngineStart {
+        bool ready = false;
+        bool standInTookOver = false;  // the caller tells the user once
+    };
+    EngineStart startEngine(const std::optional<std::string>& clamPATH);
 
     // Choices of a preferences load, tried in this order (after the user's
     // own daemon was looked for). useRemoteEngine(): the prefix names a

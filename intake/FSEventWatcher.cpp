@@ -305,10 +305,10 @@ void FSEventWatcher::installHelper(Loop& loop, const std::string& helper)
                "(%s): install Korvane Velgar with \"sudo cmake --install build\" or its Debian package, then choose "
                "Start Watching",
                why.c_str());
-        host->displayGrowlDialog(kError, host->localizedString("FSEVENT_NOT_INSTALLED"));
+        host->displayGrowlDialog(NotificationKind::Error, host->localizedString("FSEVENT_NOT_INSTALLED"));
         return;
     }
-    host->displayGrowlDialog(kError, host->localizedString("FSEVENT_NOT_SETUID"));
+    host->displayGrowlDialog(NotificationKind::Error, host->localizedString("FSEVENT_NOT_SETUID"));
     // The installer takes no arguments and has a polkit action of its own,
     // whose message says what the password is for. pkexec exits 0 only
     // when the installer ran and succeeded; 126 (dismissed), 127 (refused)

@@ -4,6 +4,8 @@
 #include "platform/FolderWalk.h"
 #include "platform/Paths.h"
 
+#include <sys/stat.h>
+
 #include <optional>
 
 namespace kv {
@@ -38,6 +40,37 @@ WatchList::WatchList(const std::vector<std::string>& watchedFolderList, const st
         const auto flag = checkSubDirs.find(path);
         entries_.push_back({path, std::string(withoutTrailingSlash(path)), flag != checkSubDirs.end() && flag->second});
     }
+}
+
+std::shared_ptr<const WatchList> WatchList::ofFolders(const std::vector<WatchedFolder>& folders,
+                                                     std::string quarantineDir)
+{
+    std::vector<std::string> list;
+    std::map<std::string, bool> checkSubDirs;
+    for (const WatchedFolder& folder : folders) {
+        struct stat info{};
+        if (::stat(folder.path.c_str(), &info) != 0)
+            continue;
+        std::string entry = folder.path;
+        if (S_ISDIR(info.st_mode)) {
+            while (entry.size() > 1 && entry.back() == '/')
+                entry.pop_back();
+            if (entry != "/")
+                entry += '/';
+        }
+        list.push_back(entry);
+        checkSubDirs[entry] = folder.subfolders;
+    }
+    return std::make_shared<const WatchList>(list, checkSubDirs, std::move(quarantineDir));
+}
+
+bool WatchList::watches(std::string_view path) const
+{
+    for (const Entry& entry : entries_) {
+        if (withoutTrailingSlash(entry.path) == withoutTrailingSlash(path))
+            return true;
+    }
+    return false;
 }
 
 bool WatchList::admits(std::string_view line) const

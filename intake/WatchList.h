@@ -1,6 +1,9 @@
 #pragma once
 
+#include "platform/Settings.h"
+
 #include <functional>
+#include <memory>
 #include <map>
 #include <string>
 #include <string_view>
@@ -22,6 +25,13 @@ public:
     WatchList(const std::vector<std::string>& watchedFolderList, const std::map<std::string, bool>& checkSubDirs,
               std::string quarantineDir);
 
+    // The list of a preferences load: each record whose path exists now, a
+    // folder with exactly one trailing "/" (so that a prefix test matches
+    // only paths inside it), a file as it is. A path listed twice keeps
+    // both entries and the later record's subfolder flag.
+    static std::shared_ptr<const WatchList> ofFolders(const std::vector<WatchedFolder>& folders,
+                                                      std::string quarantineDir);
+
     // Whether a line of helper output belongs in the scan queue: not under
     // the quarantine folder (a plain text prefix test), not a resource fork,
     // and accepted by the first watched path that takes it. A folder watched
@@ -39,6 +49,9 @@ public:
     // watched folders themselves).
     using Take = std::function<bool(std::vector<std::string>&)>;
     void forEachAdmittedFileIn(const std::vector<std::string>& folders, bool followRoots, const Take& take) const;
+
+    // Whether PATH is one of the watched paths itself (trailing "/" aside).
+    bool watches(std::string_view path) const;
 
     // The watched folders themselves, for a walk of all of them.
     std::vector<std::string> folders() const;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/DesktopNotifier.h"
+
 #include <functional>
 #include <string>
 
@@ -19,9 +21,9 @@ public:
     virtual void stopWatcher() = 0;
     virtual void quit() = 0;
 
-    // Any thread: a desktop notification (a NotificationKind) and a
+    // Any thread: a desktop notification and a
     // localised text.
-    virtual bool displayGrowlDialog(int kind, const std::string& description) = 0;
+    virtual bool displayGrowlDialog(NotificationKind kind, const std::string& description) = 0;
     virtual std::string localizedString(const std::string& key) const = 0;
 };
 

@@ -8,28 +8,46 @@ namespace kv {
 // A mutex with one condition variable attached: the "condition object" that
 // the queue, the scanners and the activity indicator wait on.
 //
-// Usage follows the classic pattern: lock(), test the predicate in a loop and
-// wait() while it does not hold, unlock(). signal() is sent with the mutex
-// held, so a signal can never fall between a waiter's test and its wait.
+// Every operation takes the mutex itself, for its own length: a waiter tests
+// its predicate under it, and a signal is sent under it, so a signal can
+// never fall between a waiter's test and its wait. No caller ever holds the
+// mutex by hand.
+//
+// The predicate runs with the mutex held; it may take locks of its own that
+// rank below this one (the queue's list lock does), never this one again.
 class ConditionLock {
 public:
-    void lock() { mutex_.lock(); }
-    void unlock() { mutex_.unlock(); }
-    bool try_lock() { return mutex_.try_lock(); }
-
-    // Releases the mutex, sleeps until signalled, takes the mutex again.
-    // The caller must hold the mutex. Spurious wake-ups can happen.
-    void wait()
+    // Returns once pred() holds, sleeping between tests.
+    template <typename Predicate>
+    void waitUntil(Predicate pred)
     {
-        std::unique_lock<std::mutex> held(mutex_, std::adopt_lock);
-        condition_.wait(held);
-        held.release();
+        std::unique_lock<std::mutex> held(mutex_);
+        condition_.wait(held, pred);
     }
 
     // Wakes one waiting thread, if there is one.
-    void signal() { condition_.notify_one(); }
+    void signal()
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        condition_.notify_one();
+    }
+
     // Wakes every waiting thread.
-    void broadcast() { condition_.notify_all(); }
+    void broadcast()
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        condition_.notify_all();
+    }
+
+    // Makes a change that waiters test (a count, a flag) and wakes every
+    // waiter, both under the mutex.
+    template <typename Change>
+    void changeAndBroadcast(Change change)
+    {
+        std::lock_guard<std::mutex> held(mutex_);
+        change();
+        condition_.notify_all();
+    }
 
 private:
     std::mutex mutex_;

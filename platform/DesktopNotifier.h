@@ -5,7 +5,7 @@
 namespace kv {
 
 // The agent's notification kinds (displayGrowlDialog()).
-enum NotificationKind { kFound = 1, kQuarantined = 2, kRemoved = 3, kUpdated = 4, kUpToDate = 5, kError = 6 };
+enum class NotificationKind { Found = 1, Quarantined = 2, Removed = 3, Updated = 4, UpToDate = 5, Error = 6 };
 
 // One desktop notification as the agent hands it over.
 struct DesktopNotification {

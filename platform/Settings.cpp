@@ -104,4 +104,15 @@ std::vector<std::string> buildExcludePatterns(const QJsonArray& records)
     return patterns;
 }
 
+DockIcon dockIconChoice(const Preferences& prefs)
+{
+    const std::optional<std::string> choice = prefs.string("ShowDockIcon");
+    if (!choice)
+        return DockIcon::TrayOnly;
+    const QString text = QString::fromStdString(*choice).toLower();
+    if (text == QLatin1String("true"))
+        return DockIcon::IconOnly;
+    return text == QLatin1String("both") ? DockIcon::Both : DockIcon::TrayOnly;
+}
+
 } // namespace kv

@@ -55,6 +55,13 @@ struct Settings {
     bool trashes() const { return handling == Handling::MoveToTrash; }
 };
 
+// Where the agent shows itself ("ShowDockIcon", read as text in any case):
+// in the tray only (missing, "false" or anything else), as an application
+// icon only ("true": no tray icon, and the menu has no quit item), or both
+// ("both").
+enum class DockIcon { TrayOnly, IconOnly, Both };
+DockIcon dockIconChoice(const Preferences& prefs);
+
 // The user's exclusion records ("ExcludePatterns") as extended regular
 // expressions.
 //

@@ -44,7 +44,7 @@ void pauseOneSecond() { std::this_thread::sleep_for(std::chrono::seconds(1)); }
 
 Dispatcher::Dispatcher() : Dispatcher(pauseOneSecond) {}
 
-Dispatcher::Dispatcher(Pause pause) : pause_(std::move(pause)) {}
+Dispatcher::Dispatcher(Pause pause) : pause_(pause ? std::move(pause) : Pause(pauseOneSecond)) {}
 
 void Dispatcher::addStringToItemList(std::string path)
 {
@@ -71,11 +71,7 @@ void Dispatcher::addToItemList(std::vector<std::string>& paths)
 
 void Dispatcher::signalDispatcher()
 {
-    // Sent with the mutex held, so it cannot fall between the dispatcher's
-    // test of the lists and its wait.
-    dispatchLock.lock();
     dispatchLock.signal();
-    dispatchLock.unlock();
 }
 
 std::int32_t Dispatcher::lengthOfBothItemLists() const
@@ -153,11 +149,8 @@ void Dispatcher::moveReadyItemsToScannableList()
         }
         scannableCount_ = static_cast<std::int32_t>(scannableList.size());
     }
-    // Even with nothing new ready: a scanner that missed an earlier signal
-    // gets another chance every cycle.
-    scannerLock_.lock();
+    // A waiting scanner tests the ready count itself, under the lock.
     scannerLock_.signal();
-    scannerLock_.unlock();
 }
 
 void Dispatcher::runOneCycle()
@@ -174,13 +167,10 @@ void Dispatcher::runOneCycle()
 void Dispatcher::mainLoop()
 {
     for (;;) {
-        dispatchLock.lock();
         // The lists are tested with dispatchLock held, so an intake signal
         // sent between the test and the wait is not lost. With nothing queued
         // the thread sleeps here and costs no processor time.
-        while (!stopRequested_ && lengthOfBothItemLists() == 0)
-            dispatchLock.wait();
-        dispatchLock.unlock();
+        dispatchLock.waitUntil([this] { return stopRequested_ || lengthOfBothItemLists() > 0; });
         if (stopRequested_)
             return;
         // While anything is pending the next cycle starts at once: a path that
@@ -191,10 +181,7 @@ void Dispatcher::mainLoop()
 
 void Dispatcher::requestStop()
 {
-    stopRequested_ = true;
-    dispatchLock.lock();
-    dispatchLock.broadcast();
-    dispatchLock.unlock();
+    dispatchLock.changeAndBroadcast([this] { stopRequested_ = true; });
 }
 
 void Dispatcher::copyFromDispatchToScanner(std::vector<std::string>& batch)

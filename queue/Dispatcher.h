@@ -65,6 +65,7 @@ public:
     static constexpr std::size_t kBatchLimit = 200;
 
     Dispatcher();
+    // An empty pause is the agent's one second.
     explicit Dispatcher(Pause pause);
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;

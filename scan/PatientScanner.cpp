@@ -1,7 +1,7 @@
 #include "scan/PatientScanner.h"
 
-#include "engine/ClamdCtrl.h"
 #include "engine/ClamdSupervisor.h"
+#include "platform/ChildProcess.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/FileWriting.h"
 #include "platform/FolderWalk.h"
@@ -9,10 +9,15 @@
 #include "platform/LongPath.h"
 #include "platform/PathText.h"
 #include "platform/QuarantineRecords.h"
+#include "platform/UniqueFd.h"
 #include "queue/Dispatcher.h"
+#include "scan/ClamdscanOutput.h"
 #include "scan/ExclusionPatterns.h"
+#include "scan/FileIdentity.h"
 #include "scan/Relocation.h"
+#include "scan/ScanActivity.h"
 #include "scan/ScanAlerts.h"
+#include "scan/ScanClients.h"
 #include "scan/ScannerHost.h"
 #include "scan/TrashInfo.h"
 
@@ -25,31 +30,12 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <typeinfo>
+#include <unordered_map>
 
 namespace kv {
-
-std::function<void()> PatientScanner::faultInjectionForTesting;
-
 namespace {
-
-constexpr const char* kConnectWarning = "WARNING: Can't connect to clamd.";
-constexpr std::string_view kConnectError = "ERROR: Could not connect to clamd on";
-constexpr std::string_view kMoveOption = "--move=";
-constexpr std::string_view kMovedMarker = ": moved to '";
-// Output without a line break for this long is taken as a line of its own.
-constexpr size_t kLongestOutputLine = 64 * 1024;
-
-// The summary block after the results: its separators, counts, elapsed
-// time and (from ClamAV 1.x) start and end dates.
-bool isSummaryLine(std::string_view line)
-{
-    for (const std::string_view start : {"-----", "Time:", "Infec", "Total errors:", "Start Date:", "End Date:"}) {
-        if (line.starts_with(start))
-            return true;
-    }
-    return false;
-}
 
 std::string timeStamp()
 {
@@ -61,6 +47,13 @@ std::string timeStamp()
     return buffer;
 }
 
+// A line of the scan log: standard output, stamped and flushed at once.
+void logLine(const std::string& text)
+{
+    std::fprintf(stdout, "%s %s\n", timeStamp().c_str(), text.c_str());
+    std::fflush(stdout);
+}
+
 std::string joined(const std::vector<std::string>& items)
 {
     std::string text = "(";
@@ -69,103 +62,305 @@ std::string joined(const std::vector<std::string>& items)
     return text + ")";
 }
 
+// The name of DESTINATION when it lies directly in FOLDER; nothing otherwise.
+std::optional<std::string> nameDirectlyIn(std::string folder, const std::string& destination)
+{
+    while (folder.size() > 1 && folder.ends_with('/'))
+        folder.pop_back();
+    if (folder.empty() || !destination.starts_with(folder))
+        return std::nullopt;
+    size_t name = folder.size();
+    while (name < destination.size() && destination[name] == '/')
+        ++name;
+    if (name == folder.size() || name == destination.size() || destination.find('/', name) != std::string::npos)
+        return std::nullopt;
+    return destination.substr(name);
+}
+
 } // namespace
 
-void PatientScanner::setMyName(std::string name)
+// Everything one scan run knows, made at its start and gone at its end: the
+// busy count it holds, the paths it asked about with what they were when it
+// began, and what became of its daemon. Results reach it through report(),
+// from clamdscan's output (as a ClamdscanOutput reader) or from scans by
+// descriptor. Worker thread only.
+class PatientScanner::Run : public ClamdscanOutput::Reader {
+public:
+    Run(PatientScanner& scanner, std::shared_ptr<const ScanParameters> parameters,
+        const std::vector<std::string>& paths)
+        : scanner_(scanner), host_(scanner.shared_.host), parameters_(std::move(parameters)),
+          busy_(scanner.shared_.activity, ScanActivity::Kind::Scan), generation_(host_.clamd().generation())
+    {
+        for (const std::string& path : paths) {
+            asked_.insert(path);
+            if (const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(path))
+                before_.emplace(path, *identity);
+        }
+    }
+
+    const AskedPaths& asked() const { return asked_; }
+    const ScanParameters& parameters() const { return *parameters_; }
+    bool lostDaemon() const { return lostDaemon_; }
+    // The run lost its daemon to a new one (relaunched, or another standing
+    // in): the files it held were never scanned.
+    bool lostDaemonToANewOne() const
+    {
+        return lostDaemon_ && (relaunched_ || host_.clamd().engineChangedSince(generation_));
+    }
+    void useEngine(uint64_t generation) { generation_ = generation; }
+
+    // ClamdscanOutput::Reader
+    void result(ScanResult result) override { report(std::move(result), true); }
+    void unreachable(std::string_view line) override
+    {
+        lostDaemon_ = true;
+        // Only a daemon of the user's own is restarted; the supervisor tells
+        // a silent service or remote daemon once, in its own words.
+        if (!host_.recoverFromCrashedClamd(generation_))
+            return;
+        relaunched_ = true;
+        logLine("clamd appears to have died - attempting restart...");
+    }
+    void message(std::string_view line) override { logLine(displayText(line)); }
+    void unexpected(std::string_view line) override { logLine("Unexpected scanner output: " + displayText(line)); }
+
+    // Logs the result and acts on it. A finding read from clamdscan's
+    // output counts only once the file confirms it.
+    void report(ScanResult result, bool fromClamdscan)
+    {
+        if (result.infected() && fromClamdscan && !confirmed(result)) {
+            unexpected(result.logLine());
+            if (result.movedTo)
+                unexpected(result.movedLogLine());
+            return;
+        }
+        logLine(result.logLine());
+        switch (result.verdict) {
+        case ScanResult::Verdict::Clean:
+            rememberClean(result.path);
+            return;
+        case ScanResult::Verdict::Error:
+            return;
+        case ScanResult::Verdict::Infected:
+            break;
+        }
+        if (result.movedTo) {
+            logLine(result.movedLogLine());
+            recordMove(result);
+        }
+        raiseAlert(result);
+    }
+
+    // The file's verdict from the run's daemon, over a connection checked
+    // before anything is sent (the stand-in's while it stands in).
+    ClamdCtrl::FileVerdict scanOpenFile(int fd)
+    {
+        ClamdSupervisor& clamd = host_.clamd();
+        const ClamdSupervisor::RunEngine engine = clamd.engineForRun(parameters_->clamdscan);
+        generation_ = engine.generation;
+        const ClamdCtrl::FileVerdict verdict =
+            ClamdCtrl::scanOpenFile(fd, engine.socket, engine.socket ? std::nullopt : clamd.remoteEngine());
+        if (verdict.kind != ClamdCtrl::FileVerdict::Unreachable && verdict.kind != ClamdCtrl::FileVerdict::Untrusted)
+            host_.engineAnswered();
+        return verdict;
+    }
+
+private:
+    // Scans again, by descriptor, what the finding is about: the moved file
+    // in the folder the run moves to, or the file still where it was. Only
+    // a clean answer (or an engine no longer trusted) overrules clamdscan;
+    // an engine that cannot be asked, or cannot read the file either, leaves
+    // its word standing. A file that is gone, or a folder where a file was,
+    // confirms nothing.
+    bool confirmed(const ScanResult& result)
+    {
+        const auto before = before_.find(result.path);
+        if (before == before_.end())
+            return false;
+        UniqueFd file;
+        if (result.movedTo) {
+            // Moved by clamdscan: into the run's move folder, and the very
+            // file that was asked about (renamed, the same inode; moved to
+            // another file system, a copy of its size).
+            const std::optional<std::string> name =
+                parameters_->moveFolder ? nameDirectlyIn(*parameters_->moveFolder, *result.movedTo) : std::nullopt;
+            const UniqueFd folder =
+                name ? openPath(*parameters_->moveFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : UniqueFd();
+            if (!folder)
+                return false;
+            file = UniqueFd(::openat(folder.get(), name->c_str(),
+                                     O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+        } else {
+            file = openPath(result.path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
+        }
+        struct stat info{};
+        if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
+            return false;
+        if (result.movedTo) {
+            const FileIdentity& was = before->second;
+            const bool same = info.st_dev == was.device ? info.st_ino == was.inode : info.st_size == was.size;
+            const std::optional<FileIdentity> left = FileIdentity::ofRegularFile(result.path);
+            if (!same || (left && left->device == was.device && left->inode == was.inode))
+                return false;
+        }
+        const ClamdCtrl::FileVerdict::Kind kind = scanOpenFile(file.get()).kind;
+        return kind != ClamdCtrl::FileVerdict::Clean && kind != ClamdCtrl::FileVerdict::Untrusted;
+    }
+
+    // A file found clean that did not change while it was scanned is not
+    // sent to the engine again until it changes.
+    void rememberClean(const std::string& path)
+    {
+        const auto before = before_.find(path);
+        const std::optional<FileIdentity> now = FileIdentity::ofRegularFile(path);
+        if (before != before_.end() && now && *now == before->second)
+            scanner_.shared_.knownClean.remember(*now);
+    }
+
+    void recordMove(const ScanResult& result)
+    {
+        const bool trashes = parameters_->settings && parameters_->settings->trashes();
+        if (trashes)
+            writeTrashInfo(MovedLine{result.path, *result.movedTo}, std::time(nullptr));
+        // The quarantine page lists what the agent moved away; a move it
+        // cannot record has happened all the same.
+        QuarantineRecord record;
+        record.originalPath = result.path;
+        record.storedPath = *result.movedTo;
+        record.signature = result.detail;
+        record.movedAt = std::time(nullptr);
+        record.place = trashes ? QuarantineRecord::Place::Trash : QuarantineRecord::Place::Quarantine;
+        std::string error;
+        if (QuarantineRecords().record(std::move(record), &error) || recordFailureLogged_)
+            return;
+        recordFailureLogged_ = true;
+        nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(result.path).c_str(),
+               error.c_str());
+    }
+
+    void raiseAlert(const ScanResult& result)
+    {
+        const Settings* settings = parameters_->settings.get();
+        if (!settings)
+            return;
+        // The same unchanged file reported again (closed after writing
+        // again, moved back and forth) warns once.
+        const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(result.movedTo.value_or(result.path));
+        if (identity && !scanner_.shared_.findings.remember(*identity))
+            return;
+        const std::string line = result.logLine();
+        ScanAlerts* alerts = host_.scanAlerts();
+        switch (settings->handling) {
+        case Handling::MoveToQuarantine:
+            if (!settings->suppressInfoDialogs &&
+                (!alerts || !alerts->showQuarantinedDialog(scanner_.myName(), settings->quarantineFolder)))
+                nsLog("Error loading Nib for document!");
+            host_.displayGrowlDialog(NotificationKind::Quarantined, line);
+            break;
+        case Handling::LeaveAndWarn:
+            if (!alerts || !alerts->showWarningDialog(scanner_.myName(), line, result.path)) {
+                nsLog("Error loading Nib for document!");
+                return;
+            }
+            host_.displayGrowlDialog(NotificationKind::Found, line);
+            break;
+        case Handling::MoveToTrash:
+            host_.displayGrowlDialog(NotificationKind::Removed, displayText(result.path));
+            break;
+        }
+    }
+
+    PatientScanner& scanner_;
+    ScannerHost& host_;
+    const std::shared_ptr<const ScanParameters> parameters_;
+    ScanActivity::Busy busy_;
+    AskedPaths asked_;
+    std::unordered_map<std::string, FileIdentity> before_;  // identities at the run's start
+    uint64_t generation_;  // the daemon the run talks to (see ClamdSupervisor)
+    bool lostDaemon_ = false;
+    bool relaunched_ = false;
+    bool recordFailureLogged_ = false;
+};
+
+PatientScanner::PatientScanner(std::string name, Shared shared) : myName_(std::move(name)), shared_(shared) {}
+
+std::string PatientScanner::listFilePath(const ScanParameters& parameters) const
 {
-    std::lock_guard<std::mutex> guard(configMutex_);
-    myName_ = std::move(name);
+    return parameters.listFolder + "KorvaneVelgarScanList_" + myName_ + ".txt";
 }
 
-std::string PatientScanner::myName() const
+void PatientScanner::setMenuAndParams(std::shared_ptr<const ScanParameters> parameters)
 {
-    std::lock_guard<std::mutex> guard(configMutex_);
-    return myName_;
+    std::lock_guard<std::mutex> guard(parametersMutex_);
+    parameters_ = std::move(parameters);
 }
 
-std::string PatientScanner::listFilePath() const
+std::shared_ptr<const ScanParameters> PatientScanner::parameters() const
 {
-    const std::optional<std::string> folder = host_ ? host_->temporaryFolder() : std::nullopt;
-    return folder.value_or("/tmp/") + "KorvaneVelgarScanList_" + myName() + ".txt";
-}
-
-void PatientScanner::setMenuAndParams(const ScanParameters& parameters)
-{
-    std::lock_guard<std::mutex> guard(configMutex_);
-    configuration_ = Configuration{parameters.arguments, parameters.settings};
-}
-
-PatientScanner::Configuration PatientScanner::configuration() const
-{
-    std::lock_guard<std::mutex> guard(configMutex_);
-    return configuration_;
+    std::lock_guard<std::mutex> guard(parametersMutex_);
+    return parameters_;
 }
 
 void PatientScanner::requestStop()
 {
     stopRequested_ = true;
-    Dispatcher& dispatcher = host_->theDispatcher();
-    dispatcher.scannerLock().lock();
-    dispatcher.scannerLock().broadcast();
-    dispatcher.scannerLock().unlock();
+    shared_.queue.scannerLock().broadcast();
 }
 
 void PatientScanner::mainLoop()
 {
-    Dispatcher& dispatcher = host_->theDispatcher();
+    Dispatcher& queue = shared_.queue;
     while (!stopRequested_) {
-        ConditionLock& scannerLock = dispatcher.scannerLock();
-        scannerLock.lock();
-        while (dispatcher.scannableCount() == 0 && !stopRequested_)
-            scannerLock.wait();
-        scannerLock.unlock();
+        queue.scannerLock().waitUntil([&] { return queue.scannableCount() > 0 || stopRequested_; });
         if (stopRequested_)
             break;
-
-        scanBatch(dispatcher);
+        scanBatch();
     }
 }
 
-void PatientScanner::scanBatch(Dispatcher& dispatcher)
+void PatientScanner::scanBatch()
 {
-    getItemsToScan(dispatcher);
-    takeConfigurationForRun();
-    determineWhatToScan();
-    queueFilesOfFolders(dispatcher);
+    std::vector<std::string> batch;
+    shared_.queue.copyFromDispatchToScanner(batch);
+    // The queue wakes one scanner per cycle. When more paths wait than one
+    // batch holds, pass the wake-up on, so the other scanner shares a flood
+    // at once instead of waiting for a cycle that may never come.
+    if (shared_.queue.scannableCount() > 0)
+        shared_.queue.scannerLock().signal();
+
+    const std::shared_ptr<const ScanParameters> parameters = this->parameters();
+    if (!parameters)
+        return;
+    dropExcluded(batch, parameters->settings.get());
+    queueFilesOfFolders(batch);
+    std::erase_if(batch, [this](const std::string& path) {
+        const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(path);
+        return identity && shared_.knownClean.contains(*identity);
+    });
 
     // Paths the list file cannot carry are scanned by descriptor, after
     // the listed ones.
     std::vector<std::string> byDescriptor;
-    std::erase_if(scanList_, [&byDescriptor](const std::string& path) {
+    std::erase_if(batch, [&byDescriptor](const std::string& path) {
         if (listFileCanCarry(path))
             return false;
         byDescriptor.push_back(path);
         return true;
     });
-    if (!scanList_.empty()) {
-        performScan();
-        // A run that lost its daemon while another took over (the user's
-        // own standing in for the system's service), or while the user's
-        // own was launched again, is run once more on the new one: the
-        // files it held were never scanned.
-        if (rerunOnNewEngine_)
-            performScan();
-    }
-    if (!byDescriptor.empty()) {
-        scanList_ = std::move(byDescriptor);
-        scanByDescriptor();
-    }
-    scanList_.clear();
+    if (!batch.empty())
+        runClamdscan(std::move(batch), parameters);
+    if (!byDescriptor.empty())
+        scanByDescriptor(std::move(byDescriptor), parameters);
 }
 
-void PatientScanner::queueFilesOfFolders(Dispatcher& dispatcher)
+void PatientScanner::queueFilesOfFolders(std::vector<std::string>& batch)
 {
     // A folder in a batch (a volume's root) is scanned whole, file by file:
-    // its files join the queue like any others, so that every result line
-    // names a file the agent asked about, and no name inside a folder can
-    // forge one.
+    // its files join the queue like any others, so that every result names
+    // a file the agent asked about, and no name inside a folder can forge
+    // one.
     std::vector<std::string> files;
-    std::erase_if(scanList_, [&](const std::string& path) {
+    std::erase_if(batch, [&](const std::string& path) {
         struct stat info{};
         if (!statPath(path, &info, false) || !S_ISDIR(info.st_mode))
             return false;
@@ -174,462 +369,224 @@ void PatientScanner::queueFilesOfFolders(Dispatcher& dispatcher)
             [&](std::string&& file) {
                 files.push_back(std::move(file));
                 if (files.size() >= Dispatcher::kBatchLimit)
-                    dispatcher.addToItemList(files);
+                    shared_.queue.addToItemList(files);
                 return !stopRequested_;
             });
         return true;
     });
     if (!files.empty())
-        dispatcher.addToItemList(files);
+        shared_.queue.addToItemList(files);
 }
 
-void PatientScanner::takeConfigurationForRun()
+void PatientScanner::dropExcluded(std::vector<std::string>& batch, const Settings* settings) const
 {
-    runConfiguration_ = configuration();
-    sawConnectionError_ = false;
-    if (host_)
-        runGeneration_ = host_->clamd().generation();
-}
-
-void PatientScanner::getItemsToScan(Dispatcher& dispatcher)
-{
-    dispatcher.copyFromDispatchToScanner(scanList_);
-    // The queue wakes one scanner per cycle. When more paths wait than one
-    // batch holds, pass the wake-up on, so the other scanner shares a flood
-    // at once instead of waiting for a cycle that may never come.
-    if (dispatcher.scannableCount() > 0) {
-        ConditionLock& scannerLock = dispatcher.scannerLock();
-        scannerLock.lock();
-        scannerLock.signal();
-        scannerLock.unlock();
-    }
-}
-
-void PatientScanner::determineWhatToScan()
-{
-    if (!runConfiguration_.settings || runConfiguration_.settings->exclusions.empty())
+    if (!settings || settings->exclusions.empty())
         return;
-    const std::vector<std::string>& patterns = runConfiguration_.settings->exclusions;
-    for (size_t i = scanList_.size(); i-- > 0;) {
-        for (const std::string& pattern : patterns) {
-            if (!pattern.empty() && search(scanList_[i], pattern)) {
-                scanList_.erase(scanList_.begin() + static_cast<long>(i));
-                break;
-            }
+    std::erase_if(batch, [settings](const std::string& path) {
+        for (const std::string& pattern : settings->exclusions) {
+            if (!pattern.empty() && search(path, pattern))
+                return true;
         }
-    }
+        return false;
+    });
 }
 
-bool PatientScanner::writeListFile(const std::string& path, const std::string& text)
-{
-    bool replacedLink = false;
-    const bool written = writeFileNoFollow(path, text, &replacedLink);
-    if (replacedLink)
-        nsLogf("Removed a link planted at the scan list %s", path.c_str());
-    return written;
-}
+// One run of clamdscan over a list file: the file, the client and its
+// output, each with one owner for the run.
+class PatientScanner::ClamdscanRun {
+public:
+    ClamdscanRun(PatientScanner& scanner, Run& run) : scanner_(scanner), run_(run), host_(scanner.shared_.host) {}
 
-void PatientScanner::performScan()
-{
-    ScannerHost& controller = *host_;
-    controller.modifyScannerCountBy(1);
-
-    std::vector<std::string> scanArguments;
-    std::string scanCommandPath;
-    std::string data;
-    std::optional<ChildProcess> scanCheckTask;
-    const std::string listPath = listFilePath();
-    sawConnectionError_ = false;
-    rerunOnNewEngine_ = false;
-    relaunchedInRun_ = false;
-    bool listWritten = false;
-    asked_.clear();
-    foundInRun_.clear();
-    partialLine_.clear();
-
-    try {
-        scanArguments = runConfiguration_.scanParams;
-
+    // Runs the client and feeds its output to the run. The client's exit
+    // status, or nothing when it did not run.
+    std::optional<int> perform(const std::vector<std::string>& paths)
+    {
+        const std::string listPath = scanner_.listFilePath(run_.parameters());
         std::string listText;
-        for (const std::string& path : scanList_) {
+        for (const std::string& path : paths)
             listText += path + "\n";
-            asked_.insert(path);
-        }
-        listWritten = writeListFile(listPath, listText);
-        if (faultInjectionForTesting)
-            faultInjectionForTesting();
+        bool replacedLink = false;
+        listWritten_ = writeFileNoFollow(listPath, listText, &replacedLink);
+        if (replacedLink)
+            nsLogf("Removed a link planted at the scan list %s", listPath.c_str());
+        if (listWritten_)
+            listPath_ = listPath;
 
-        scanArguments.push_back("--file-list=" + listPath);
-        if (!scanArguments.empty()) {
-            scanCommandPath = scanArguments.front();
-            scanArguments.erase(scanArguments.begin());
-        }
         // The daemon of this run: while the user's own stands in for the
         // system's service, the stand-in's clamdscan talks to it.
-        const ClamdSupervisor::RunEngine engine = controller.clamd().engineForRun(scanCommandPath);
-        scanCommandPath = engine.clamdscan;
-        runGeneration_ = engine.generation;
+        const ClamdSupervisor::RunEngine engine = host_.clamd().engineForRun(run_.parameters().clamdscan);
+        run_.useEngine(engine.generation);
+        argv_ = run_.parameters().commandLine(engine.clamdscan, listPath);
 
-        std::vector<std::string> argv{scanCommandPath};
-        argv.insert(argv.end(), scanArguments.begin(), scanArguments.end());
-        int launchError = 0;
         // clamdscan sends every path to whoever serves the socket: never to
         // a daemon of another user, which could read them and answer OK.
-        const bool trusted = controller.clamdSocketTrusted(engine.socket);
-        if (trusted)
-            scanCheckTask = ChildProcess::spawn(argv, ChildProcess::Output::Pipe, &launchError);
-        if (!trusted) {
-            nsLogf("%zu files are not scanned: the engine's socket is not trusted", scanList_.size());
-            if (listWritten)
-                ::unlink(listPath.c_str());
-        } else if (!scanCheckTask) {
-            if (launchError == ENOENT || launchError == EACCES || launchError == ENOTDIR)
-                controller.noEnginePanic();
-            else
-                nsLogf("Could not start %s: %s", scanCommandPath.c_str(), std::strerror(launchError));
-        } else {
-            clientPid_ = scanCheckTask->pid();
-            controller.registerScanClient(scanCheckTask->pid());
-
-            // Output is handled chunk by chunk while the program runs.
-            std::string chunk;
-            while (scanCheckTask->readChunk(&chunk) == ChildProcess::ReadStatus::Data) {
-                data = chunk;
-                dealWithOutput(chunk);
-                chunk.clear();
-            }
-            finishOutput();
-            // Leave the child unreaped until it is out of the abort list, so
-            // an abort can never signal a recycled pid.
-            scanCheckTask->waitForExitWithoutReaping();
-            controller.unregisterScanClient(scanCheckTask->pid());
-            clientPid_ = -1;
-            const int status = scanCheckTask->wait();
-
-            rerunOnNewEngine_ =
-                sawConnectionError_ && (relaunchedInRun_ || controller.clamd().engineChangedSince(runGeneration_));
-            // clamdscan ends with 2 when it could not reach the daemon; any
-            // other status means the daemon answered this run.
-            if (status != 2)
-                controller.engineAnswered();
-            else if (!controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
-                alertEngineUnreachable();
-
-            if (listWritten)
-                ::unlink(listPath.c_str());
-        }
-    } catch (const std::exception& exception) {
-        nsLogf("Scanner: Caught %s: %s", typeid(exception).name(), exception.what());
-        nsLogf("Scanner v1 of 9: scanArguments: %s", joined(scanArguments).c_str());
-        nsLogf("Scanner v2 of 9: scanCommandPath: %s", scanCommandPath.c_str());
-        nsLogf("Scanner v3 of 9: outputPipe: %s", scanCheckTask ? std::to_string(scanCheckTask->outputFd()).c_str() : "");
-        nsLogf("Scanner v4 of 9: taskOutput: %s", scanCheckTask ? std::to_string(scanCheckTask->outputFd()).c_str() : "");
-        nsLogf("Scanner v5 of 9: scanCheckTask: %s", scanCheckTask ? std::to_string(scanCheckTask->pid()).c_str() : "");
-        nsLogf("Scanner v6 of 9: scanParams: %s", joined(runConfiguration_.scanParams).c_str());
-        nsLogf("Scanner v7 of 9: thePaths: %s", displayText(joined(scanList_)).c_str());
-        nsLogf("Scanner v8 of 9: [scanArguments objectAtIndex:0]: %s",
-               scanArguments.empty() ? "" : scanArguments.front().c_str());
-        nsLogf("Scanner v9 of 9: data: %s", displayText(data).c_str());
-    }
-    if (clientPid_ > 0) {
-        controller.unregisterScanClient(clientPid_);
-        clientPid_ = -1;
-    }
-    scanCheckTask.reset();
-    controller.modifyScannerCountBy(-1);
-}
-
-void PatientScanner::alertEngineUnreachable()
-{
-    ScannerHost& controller = *host_;
-    nsLog("can't connect to clamd");
-    // Every silent run is logged; the user is told once per silence.
-    if (!controller.engineUnreachableAlertDue())
-        return;
-    const std::string message = controller.localizedString("CLAMDSCAN_ERROR");
-    ScanAlerts* alerts = controller.scanAlerts();
-    const std::string quitTitle = controller.quitMenuName();
-    if (!alerts || !alerts->showEngineUnreachableDialog(myName(), message, quitTitle)) {
-        nsLog("Error loading nib for warning dialog!");
-        return;
-    }
-    controller.displayGrowlDialog(kError, message);
-}
-
-void PatientScanner::dealWithOutput(std::string_view chunk)
-{
-    partialLine_.append(chunk);
-    size_t start = 0;
-    for (size_t end; (end = partialLine_.find('\n', start)) != std::string::npos; start = end + 1)
-        handleLine(std::string_view(partialLine_).substr(start, end - start));
-    partialLine_.erase(0, start);
-    if (partialLine_.size() >= kLongestOutputLine)
-        finishOutput();
-}
-
-void PatientScanner::finishOutput()
-{
-    if (!partialLine_.empty())
-        handleLine(partialLine_);
-    partialLine_.clear();
-}
-
-void PatientScanner::handleLine(std::string_view line)
-{
-    const Configuration& config = runConfiguration_;
-    const std::string shown = displayText(line);
-
-    if (const std::optional<std::string> found = pathOfFinding(line)) {
-        if (!asked_.contains(*found) || !confirmedInfected(*found)) {
-            logLine("Unexpected scanner output: " + shown);
-            return;
-        }
-        // "PATH: SIGNATURE FOUND"
-        const size_t signatureStart = found->size() + 2;
-        foundInRun_.signatures[*found] =
-            std::string(line.substr(signatureStart, line.size() - signatureStart - std::strlen(" FOUND")));
-        raiseAlert(shown, *found, config);
-    }
-    if (const std::optional<MovedLine> moved = movedLine(line)) {
-        const bool trashes = config.settings && config.settings->trashes();
-        if (trashes)
-            writeTrashInfo(*moved, std::time(nullptr));
-        if (config.settings && config.settings->handling != Handling::LeaveAndWarn)
-            recordMove(*moved, trashes);
-    } else if (line.ends_with("'") && line.find(kMovedMarker) != std::string_view::npos) {
-        // clamdscan moves only what it found; a move of anything else was
-        // written by a file name.
-        logLine("Unexpected scanner output: " + shown);
-        return;
-    }
-
-    if (line.size() < 6) {
-        if (!line.empty())
-            logLine(shown);
-    } else if (line == kConnectWarning) {
-        recoverWithLine();
-    } else if (!sawConnectionError_ && line.starts_with(kConnectError)) {
-        // Current clamdscan reports an unreachable daemon this way, once
-        // per file: the first such line of a run starts the recovery.
-        sawConnectionError_ = true;
-        recoverWithLine();
-    } else if (!isSummaryLine(line)) {
-        logLine(shown);
-    }
-}
-
-std::optional<MovedLine> PatientScanner::movedLine(std::string_view line) const
-{
-    // The path may itself hold the marker: the one that counts follows a
-    // path this run found infected.
-    if (!line.ends_with("'"))
-        return std::nullopt;
-    for (size_t at = line.find(kMovedMarker); at != std::string_view::npos; at = line.find(kMovedMarker, at + 1)) {
-        std::string path(line.substr(0, at));
-        if (!foundInRun_.contains(path))
-            continue;
-        const size_t start = at + kMovedMarker.size();
-        if (start + 1 >= line.size())
+        if (!host_.clamd().socketTrusted(engine.socket)) {
+            nsLogf("%zu files are not scanned: the engine's socket is not trusted", paths.size());
             return std::nullopt;
-        return MovedLine{std::move(path), std::string(line.substr(start, line.size() - 1 - start))};
-    }
-    return std::nullopt;
-}
-
-void PatientScanner::recordMove(const MovedLine& moved, bool trashes)
-{
-    // The quarantine page lists what the agent moved away; a move it cannot
-    // record has happened all the same. Only a file directly in the folder
-    // the run moves to is recorded: a destination read from a line that a
-    // file name helped to spell is no place to restore from.
-    std::string folder = moveDestination();
-    while (folder.size() > 1 && folder.ends_with('/'))
-        folder.pop_back();
-    const std::string& destination = moved.destination;
-    size_t name = folder.size();
-    while (name < destination.size() && destination[name] == '/')
-        ++name;
-    if (folder.empty() || !destination.starts_with(folder) || name == folder.size() || name == destination.size() ||
-        destination.find('/', name) != std::string::npos)
-        return;
-    QuarantineRecord record;
-    record.originalPath = moved.originalPath;
-    record.storedPath = moved.destination;
-    if (const auto found = foundInRun_.signatures.find(moved.originalPath); found != foundInRun_.signatures.end())
-        record.signature = found->second;
-    record.movedAt = std::time(nullptr);
-    record.place = trashes ? QuarantineRecord::Place::Trash : QuarantineRecord::Place::Quarantine;
-    std::string error;
-    if (QuarantineRecords().record(std::move(record), &error) || foundInRun_.recordFailureLogged)
-        return;
-    foundInRun_.recordFailureLogged = true;
-    nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(moved.originalPath).c_str(),
-           error.c_str());
-}
-
-ClamdCtrl::FileVerdict PatientScanner::scanOpenFile(int fd, uint64_t* generation)
-{
-    // The daemon this run's clamdscan would talk to: while the user's own
-    // stands in for the system's service, the stand-in.
-    ClamdSupervisor& clamd = host_->clamd();
-    const std::string clamdscan = runConfiguration_.scanParams.empty() ? std::string()
-                                                                       : runConfiguration_.scanParams.front();
-    const ClamdSupervisor::RunEngine engine = clamd.engineForRun(clamdscan);
-    if (generation)
-        *generation = engine.generation;
-    const ClamdCtrl::FileVerdict verdict =
-        ClamdCtrl::scanOpenFile(fd, engine.socket, engine.socket ? std::nullopt : clamd.remoteEngine());
-    if (verdict.kind != ClamdCtrl::FileVerdict::Unreachable && verdict.kind != ClamdCtrl::FileVerdict::Untrusted)
-        host_->engineAnswered();
-    return verdict;
-}
-
-bool PatientScanner::confirmedInfected(const std::string& path)
-{
-    // By descriptor, the result cannot be spelled by a name: a path that a
-    // folder's name put into clamdscan's output (a file swapped for a folder
-    // after it was queued) is scanned again, alone. A file that is gone
-    // has been moved by clamdscan, or deleted: either way nothing more is
-    // done to it.
-    if (verdictByDescriptor_)
-        return true;
-    const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
-    struct stat info{};
-    if (!file)
-        return errno == ENOENT;
-    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
-        return false;
-    // Only a clean answer (or an engine no longer trusted) overrules
-    // clamdscan: an engine that cannot be asked, or cannot read the file
-    // either, leaves its word standing.
-    const ClamdCtrl::FileVerdict::Kind kind = scanOpenFile(file.get()).kind;
-    return kind != ClamdCtrl::FileVerdict::Clean && kind != ClamdCtrl::FileVerdict::Untrusted;
-}
-
-void PatientScanner::logLine(const std::string& text)
-{
-    std::fprintf(stdout, "%s %s\n", timeStamp().c_str(), text.c_str());
-    std::fflush(stdout);
-}
-
-void PatientScanner::recoverWithLine()
-{
-    // Only a daemon of the user's own is restarted; the supervisor tells a
-    // silent service or remote daemon once, in its own words.
-    if (!host_->recoverFromCrashedClamd(runGeneration_))
-        return;
-    relaunchedInRun_ = true;
-    logLine("clamd appears to have died - attempting restart...");
-}
-
-std::string PatientScanner::moveDestination() const
-{
-    for (const std::string& argument : runConfiguration_.scanParams) {
-        if (argument.starts_with(kMoveOption))
-            return argument.substr(kMoveOption.size());
-    }
-    return {};
-}
-
-void PatientScanner::scanByDescriptor()
-{
-    ScannerHost& controller = *host_;
-    controller.modifyScannerCountBy(1);
-    sawConnectionError_ = false;
-    relaunchedInRun_ = false;
-    asked_.clear();
-    foundInRun_.clear();
-    asked_.insert(scanList_.begin(), scanList_.end());
-    bool unreachable = false;
-    for (const std::string& path : scanList_) {
-        if (scanOneByDescriptor(path))
-            continue;
-        // The first loss of a run starts the recovery (see handleLine); a
-        // daemon launched again, or another standing in, gets the file again.
-        if ((relaunchedInRun_ || controller.clamd().engineChangedSince(runGeneration_)) && scanOneByDescriptor(path)) {
-            relaunchedInRun_ = false;
-            continue;
         }
-        unreachable = true;
-    }
-    if (unreachable && !controller.clamdStillAlive() && controller.clamd().unreachableAlertDue())
-        alertEngineUnreachable();
-    controller.modifyScannerCountBy(-1);
-}
+        int launchError = 0;
+        client_ = ChildProcess::spawn(argv_, ChildProcess::Output::Pipe, &launchError);
+        if (!client_) {
+            if (launchError == ENOENT || launchError == EACCES || launchError == ENOTDIR)
+                host_.noEnginePanic();
+            else
+                nsLogf("Could not start %s: %s", argv_.front().c_str(), std::strerror(launchError));
+            return std::nullopt;
+        }
+        scanner_.shared_.clients.add(client_->pid());
+        registered_ = true;
 
-bool PatientScanner::scanOneByDescriptor(const std::string& path)
-{
-    // The last component may be a link, as in a list file; the move below
-    // then finds the name leads elsewhere and leaves it.
-    const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    struct stat info{};
-    if (!file || ::fstat(file.get(), &info) != 0) {
-        handleLine(path + ": " + std::strerror(errno) + " ERROR");
-        return true;
+        // Output is handled chunk by chunk while the program runs.
+        ClamdscanOutput output(run_.asked(), run_);
+        std::string chunk;
+        while (client_->readChunk(&chunk) == ChildProcess::ReadStatus::Data) {
+            lastChunk_ = chunk;
+            output.feed(chunk);
+            chunk.clear();
+        }
+        output.finish();
+        // Left unreaped until it is off the abort list, so an abort can never
+        // signal a recycled pid.
+        client_->waitForExitWithoutReaping();
+        unregister();
+        return client_->wait();
     }
-    if (!S_ISREG(info.st_mode)) {
-        handleLine(path + ": Not a regular file ERROR");
-        return true;
-    }
-    const ClamdCtrl::FileVerdict verdict = scanOpenFile(file.get(), &runGeneration_);
-    switch (verdict.kind) {
-    case ClamdCtrl::FileVerdict::Clean:
-        handleLine(path + ": OK");
-        return true;
-    case ClamdCtrl::FileVerdict::Error:
-        handleLine(path + ": " + verdict.detail + " ERROR");
-        return true;
-    case ClamdCtrl::FileVerdict::Untrusted:
-        nsLogf("%s is not scanned: the engine is not trusted (%s)", displayText(path).c_str(), verdict.detail.c_str());
-        return true;
-    case ClamdCtrl::FileVerdict::Unreachable:
-        handleLine(verdict.detail);
-        return false;
-    case ClamdCtrl::FileVerdict::Found:
-        break;
-    }
-    verdictByDescriptor_ = true;
-    handleLine(path + ": " + verdict.detail + " FOUND");
-    verdictByDescriptor_ = false;
-    const std::string folder = moveDestination();
-    const Settings* settings = runConfiguration_.settings.get();
-    if (!settings || settings->handling == Handling::LeaveAndWarn || folder.empty())
-        return true;
-    std::string why;
-    if (const std::optional<std::string> moved = moveScannedFile(path, file.get(), folder, &why))
-        handleLine(path + ": moved to '" + *moved + "'");
-    else
-        logLine("ERROR: Can't move file " + displayText(path) + " to " + displayText(folder) + ": " + why);
-    return true;
-}
 
-void PatientScanner::raiseAlert(const std::string& line, const std::string& path, const Configuration& config)
+    // What the run held when it failed, for the log.
+    void logFailure(const std::exception& exception) const
+    {
+        const std::string pid = client_ ? std::to_string(client_->pid()) : std::string();
+        const std::string pipe = client_ ? std::to_string(client_->outputFd()) : std::string();
+        const std::vector<std::string> arguments = argv_.empty() ? argv_ : std::vector(argv_.begin() + 1, argv_.end());
+        std::vector<std::string> asked(run_.asked().begin(), run_.asked().end());
+        nsLogf("Scanner: Caught %s: %s", typeid(exception).name(), exception.what());
+        nsLogf("Scanner v1 of 9: scanArguments: %s", joined(arguments).c_str());
+        nsLogf("Scanner v2 of 9: scanCommandPath: %s", argv_.empty() ? "" : argv_.front().c_str());
+        nsLogf("Scanner v3 of 9: outputPipe: %s", pipe.c_str());
+        nsLogf("Scanner v4 of 9: taskOutput: %s", pipe.c_str());
+        nsLogf("Scanner v5 of 9: scanCheckTask: %s", pid.c_str());
+        nsLogf("Scanner v6 of 9: scanParams: %s", joined(argv_).c_str());
+        nsLogf("Scanner v7 of 9: thePaths: %s", displayText(joined(asked)).c_str());
+        nsLogf("Scanner v8 of 9: [scanArguments objectAtIndex:0]: %s", arguments.empty() ? "" : arguments.front().c_str());
+        nsLogf("Scanner v9 of 9: data: %s", displayText(lastChunk_).c_str());
+    }
+
+    ~ClamdscanRun()
+    {
+        unregister();
+        if (listPath_)
+            ::unlink(listPath_->c_str());
+    }
+
+private:
+    void unregister()
+    {
+        if (registered_)
+            scanner_.shared_.clients.remove(client_->pid());
+        registered_ = false;
+    }
+
+    PatientScanner& scanner_;
+    Run& run_;
+    ScannerHost& host_;
+    bool listWritten_ = false;
+    std::optional<std::string> listPath_;  // removed with the run
+    std::vector<std::string> argv_;
+    std::optional<ChildProcess> client_;
+    bool registered_ = false;  // on the abort list
+    std::string lastChunk_;
+};
+
+void PatientScanner::runClamdscan(std::vector<std::string> paths, const std::shared_ptr<const ScanParameters>& parameters)
 {
-    const Settings* settings = config.settings.get();
-    if (!settings)
-        return;
-    if (findings_ && !findings_->isNews(path))
-        return;
-    ScannerHost& controller = *host_;
-    ScanAlerts* alerts = controller.scanAlerts();
-    switch (settings->handling) {
-    case Handling::MoveToQuarantine:
-        if (!settings->suppressInfoDialogs &&
-            (!alerts || !alerts->showQuarantinedDialog(myName(), settings->quarantineFolder)))
-            nsLog("Error loading Nib for document!");
-        controller.displayGrowlDialog(kQuarantined, line);
-        break;
-    case Handling::LeaveAndWarn:
-        if (!alerts || !alerts->showWarningDialog(myName(), line, path)) {
-            nsLog("Error loading Nib for document!");
+    // A run that lost its daemon while another took over (the user's own
+    // standing in for the system's service), or while the user's own was
+    // launched again, is run once more on the new one: the files it held
+    // were never scanned.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        Run run(*this, parameters, paths);
+        std::optional<int> status;
+        {
+            ClamdscanRun client(*this, run);
+            try {
+                status = client.perform(paths);
+            } catch (const std::exception& exception) {
+                client.logFailure(exception);
+            }
+        }
+        if (!status)
             return;
-        }
-        controller.displayGrowlDialog(kFound, line);
-        break;
-    case Handling::MoveToTrash:
-        controller.displayGrowlDialog(kRemoved, displayText(path));
-        break;
+        ScannerHost& host = shared_.host;
+        // clamdscan ends with 2 when it could not reach the daemon; any
+        // other status means the daemon answered this run.
+        if (*status != 2)
+            host.engineAnswered();
+        else if (!host.clamdStillAlive() && host.clamd().unreachableAlertDue())
+            host.engineUnreachable(myName_);
+        if (!run.lostDaemonToANewOne())
+            return;
     }
+}
+
+void PatientScanner::scanByDescriptor(std::vector<std::string> paths,
+                                      const std::shared_ptr<const ScanParameters>& parameters)
+{
+    Run run(*this, parameters, paths);
+    bool unreachable = false;
+    for (const std::string& path : paths) {
+        // The last component may be a link, as in a list file; a move then
+        // finds the name leads elsewhere and leaves it.
+        const UniqueFd file = openPath(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        struct stat info{};
+        if (!file || ::fstat(file.get(), &info) != 0) {
+            run.report(ScanResult{path, ScanResult::Verdict::Error, std::strerror(errno), std::nullopt}, false);
+            continue;
+        }
+        if (!S_ISREG(info.st_mode)) {
+            run.report(ScanResult{path, ScanResult::Verdict::Error, "Not a regular file", std::nullopt}, false);
+            continue;
+        }
+        ClamdCtrl::FileVerdict verdict = run.scanOpenFile(file.get());
+        if (verdict.kind == ClamdCtrl::FileVerdict::Unreachable && !run.lostDaemon()) {
+            // The first loss of a run starts the recovery; a daemon launched
+            // again, or another standing in, gets the file again.
+            run.unreachable(verdict.detail);
+            if (run.lostDaemonToANewOne())
+                verdict = run.scanOpenFile(file.get());
+        }
+        switch (verdict.kind) {
+        case ClamdCtrl::FileVerdict::Clean:
+            run.report(ScanResult{path, ScanResult::Verdict::Clean, {}, std::nullopt}, false);
+            break;
+        case ClamdCtrl::FileVerdict::Error:
+            run.report(ScanResult{path, ScanResult::Verdict::Error, verdict.detail, std::nullopt}, false);
+            break;
+        case ClamdCtrl::FileVerdict::Untrusted:
+            nsLogf("%s is not scanned: the engine is not trusted (%s)", displayText(path).c_str(),
+                   verdict.detail.c_str());
+            break;
+        case ClamdCtrl::FileVerdict::Unreachable:
+            logLine(displayText(verdict.detail));
+            unreachable = true;
+            break;
+        case ClamdCtrl::FileVerdict::Found: {
+            ScanResult result{path, ScanResult::Verdict::Infected, verdict.detail, std::nullopt};
+            const Settings* settings = parameters->settings.get();
+            if (settings && settings->handling != Handling::LeaveAndWarn && parameters->moveFolder) {
+                std::string why;
+                result.movedTo = moveScannedFile(path, file.get(), *parameters->moveFolder, &why);
+                if (!result.movedTo)
+                    logLine("ERROR: Can't move file " + displayText(path) + " to " +
+                            displayText(*parameters->moveFolder) + ": " + why);
+            }
+            run.report(std::move(result), false);
+            break;
+        }
+        }
+    }
+    ScannerHost& host = shared_.host;
+    if (unreachable && !host.clamdStillAlive() && host.clamd().unreachableAlertDue())
+        host.engineUnreachable(myName_);
 }
 
 } // namespace kv

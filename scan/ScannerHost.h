@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
+#include "platform/DesktopNotifier.h"
 
 #include <cstdint>
 #include <optional>
@@ -9,53 +9,35 @@
 namespace kv {
 
 class ClamdSupervisor;
-class Dispatcher;
 class ScanAlerts;
 
-// What a scanning worker needs of the agent around it: the engine link, the
-// queue, the user's attention and the busy count. The controller implements
-// it; tests may too. Every operation is callable from a scanner's thread.
+// What a scanning worker needs of the agent around it: the engine link and
+// the user's attention. The controller implements it; tests may too. Every
+// operation is callable from a scanner's thread.
 class ScannerHost {
 public:
     virtual ~ScannerHost() = default;
 
     // The engine link.
     virtual ClamdSupervisor& clamd() = 0;
-    // False, after a log line, when a run's socket is served by another
-    // user; true without a socket (a daemon over TCP).
-    virtual bool clamdSocketTrusted(const std::optional<std::string>& socket) = 0;
+    // PING; an answer counts as the engine answering again.
     virtual bool clamdStillAlive() = 0;
     // After a run that began with GENERATION lost its daemon: true when the
     // user's own daemon was launched again.
     virtual bool recoverFromCrashedClamd(uint64_t generation) = 0;
+    // A run reached the engine, so its next silence is told again.
+    virtual void engineAnswered() = 0;
+    // A run found no engine answering: logged every time, told to the user
+    // (a dialog owned by the named scanner, and a notification) once until
+    // the engine answers again.
+    virtual void engineUnreachable(const std::string& scannerName) = 0;
     // Tells the user that there is no engine to scan with.
     virtual void noEnginePanic() = 0;
-    // The unreachable-engine alert (dialog and notification) is shown once
-    // until the engine answers again: true for the first run that finds it
-    // silent, false for the runs after it. engineAnswered() says that a run
-    // reached the engine, so the next silence is told again.
-    virtual bool engineUnreachableAlertDue() = 0;
-    virtual void engineAnswered() = 0;
 
-    // The queue the worker takes its batches from.
-    virtual Dispatcher& theDispatcher() = 0;
-    // The private temporary folder of the last preferences load, where the
-    // worker's list file lives.
-    virtual std::optional<std::string> temporaryFolder() const = 0;
-
-    // The user's attention: a desktop notification (a NotificationKind), a
-    // localised text, the dialogs (null without a desktop), and the quit
-    // item's title for the dialog that offers to quit.
-    virtual bool displayGrowlDialog(int kind, const std::string& description) = 0;
-    virtual std::string localizedString(const std::string& key) const = 0;
+    // The user's attention: a desktop notification and the dialogs (null
+    // without a desktop).
+    virtual bool displayGrowlDialog(NotificationKind kind, const std::string& description) = 0;
     virtual ScanAlerts* scanAlerts() const = 0;
-    virtual std::string quitMenuName() const = 0;
-
-    // The busy count the indicator shows, +1 at a run's start and -1 at its end.
-    virtual void modifyScannerCountBy(int32_t delta) = 0;
-    // The clamdscan clients running now, so an abort kills only ours.
-    virtual void registerScanClient(pid_t pid) = 0;
-    virtual void unregisterScanClient(pid_t pid) = 0;
 };
 
 } // namespace kv

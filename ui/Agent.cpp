@@ -1,5 +1,6 @@
 #include "ui/Agent.h"
 
+#include "app/AgentScripting.h"
 #include "app/KorvaneVelgar.h"
 #include "platform/AgentBusObject.h"
 #include "platform/BusContract.h"
@@ -87,29 +88,14 @@ Agent::Agent(Parts parts) : owned_(std::make_unique<Owned>())
 
     KorvaneVelgar* controller = controller_.get();
     mainInterface_->setQuitAction([controller] { controller->quit(); });
-    mainInterface_->setOpenPrefsAction([controller] { controller->openPrefs(true); });
+    mainInterface_->setOpenPrefsAction([controller] { controller->mainApplication().openPrefs(true); });
     menu_->setKorvaneVelgarController(controller);
-    dialogs_->setKorvaneVelgarController(controller);
+    dialogs_->setQuitAction([controller] { controller->quit(); });
 
-    // The Korvane application shows the agent's state live.
-    DistributedCenter* center = controllerParts.distributedCenter;
-    QObject::connect(menu_.get(), &Throbber::menuStateApplied, menu_.get(), [this, center](int state) {
-        const char* status = statusWord(state);
-        if (status == status_)
-            return;
-        status_ = status;
-        center->post(bus::kStatus, status);
-    });
-}
-
-const char* Agent::statusWord(int state)
-{
-    switch (state) {
-    case StatusMenu::kStopped: return bus::kStatusStopped;
-    case StatusMenu::kWatching: return bus::kStatusWatching;
-    case StatusMenu::kBusy: return bus::kStatusScanning;
-    default: return bus::kStatusChanging;
-    }
+    // Scripts read the agent's state, which the Korvane application shows live.
+    scripting_ = std::make_unique<AgentScripting>(menu_.get(), controllerParts.distributedCenter);
+    QObject::connect(menu_.get(), &Throbber::menuStateApplied, menu_.get(),
+                     [scripting = scripting_.get()](MenuState state) { scripting->menuStateApplied(state); });
 }
 
 Agent::~Agent()
@@ -117,8 +103,8 @@ Agent::~Agent()
     // The indicator thread and the open warning dialogs use the controller:
     // they end, and let go of it, before it goes.
     menu_->stopIndicator();
-    controller_->removeAllFromDialogList();
-    dialogs_->setKorvaneVelgarController(nullptr);
+    dialogs_->ignoreAllWarnings();
+    dialogs_->setQuitAction({});
 }
 
 BusNameResult Agent::publishOnSessionBus()
@@ -128,15 +114,11 @@ BusNameResult Agent::publishOnSessionBus()
     if (result != BusNameResult::Owned)
         return result;
     // Scripts reach the agent through its object under the name it owns.
-    KorvaneVelgar* controller = controller_.get();
+    AgentScripting* scripting = scripting_.get();
     AgentBusObject::ScriptedKeys keys;
-    keys.handlesKey = [controller](const std::string& key) {
-        return key == bus::kStatusKey || controller->applicationDelegateHandlesKey(key);
-    };
-    keys.valueForKey = [this, controller](const std::string& key) {
-        return key == bus::kStatusKey ? std::string(status_) : controller->restartWatchingViaAS();
-    };
-    keys.names = {bus::kScriptKey, bus::kStatusKey};
+    keys.handlesKey = [scripting](const std::string& key) { return scripting->applicationDelegateHandlesKey(key); };
+    keys.valueForKey = [scripting](const std::string& key) { return scripting->valueForKey(key); };
+    keys.names = scripting->keys();
     busObject_ = std::make_unique<AgentBusObject>(keys);
     if (!busObject_->registerOn(bus))
         nsLog("The agent's bus object cannot be registered: scripts cannot reach the agent");

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "platform/BusContract.h"
-
 #include "platform/BusName.h"
 
 #include <functional>
@@ -11,6 +9,7 @@
 namespace kv {
 
 class AgentBusObject;
+class AgentScripting;
 class DesktopNotifier;
 class DistributedCenter;
 class IndicatorClock;
@@ -67,9 +66,6 @@ public:
     Preferences& preferences() { return *preferences_; }
 
 private:
-    // The word for a menu state that the Korvane application shows.
-    static const char* statusWord(int state);
-
     struct Owned;
     std::unique_ptr<Owned> owned_;  // the real parts made here
     Preferences* preferences_;
@@ -77,8 +73,8 @@ private:
     std::unique_ptr<Throbber> menu_;
     std::unique_ptr<InfectionDialogs> dialogs_;
     std::unique_ptr<KorvaneVelgar> controller_;
+    std::unique_ptr<AgentScripting> scripting_;
     std::unique_ptr<AgentBusObject> busObject_;
-    const char* status_ = bus::kStatusChanging;  // main thread
 };
 
 } // namespace kv

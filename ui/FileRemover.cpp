@@ -1,18 +1,20 @@
 #include "ui/FileRemover.h"
 
-#include "app/KorvaneVelgar.h"
+#include "ui/InfectionDialogs.h"
 #include "platform/Workspace.h"
 
 #include <QDialog>
 #include <QGuiApplication>
 #include <QPushButton>
 
+#include <utility>
+
 namespace kv {
 
 FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* delete_, QPushButton* ignore,
-                         QPushButton* reveal, KorvaneVelgar& controller, Workspace& workspace)
-    : QObject(dialog), theDialog(dialog), foundPath_(std::move(foundPath)), deleteButton(delete_),
-      controller_(controller), workspace_(workspace)
+                         QPushButton* reveal, InfectionDialogs& dialogs, Workspace& workspace)
+    : QObject(dialog), theDialog(dialog), foundPath_(std::move(foundPath)), deleteButton(delete_), dialogs_(dialogs),
+      workspace_(workspace)
 {
     for (QPushButton* button : {delete_, ignore}) {
         if (button)
@@ -24,19 +26,11 @@ FileRemover::FileRemover(QDialog* dialog, std::string foundPath, QPushButton* de
     // Closing the window or pressing Escape is a choice too: the file stays.
     if (dialog)
         connect(dialog, &QDialog::rejected, this, [this] { moveToTrash(nullptr, Qt::NoModifier); });
-    controller_.addToDialogList(this);
-    listed_ = true;
-}
-
-FileRemover::~FileRemover()
-{
-    if (listed_)
-        controller_.removeFromDialogList(this);
 }
 
 void FileRemover::moveToTrash(const QObject* sender, Qt::KeyboardModifiers modifiers)
 {
-    if (!listed_)
+    if (!open_)
         return;
     const std::string& path = foundPath_;
     if (sender && sender == deleteButton.data()) {
@@ -45,18 +39,17 @@ void FileRemover::moveToTrash(const QObject* sender, Qt::KeyboardModifiers modif
     } else if (modifiers & Qt::AltModifier) {
         workspace_.revealFile(path);
     }
-    controller_.removeFromDialogList(this);
-    listed_ = false;
-    // This one is off the list already, so it is not closed twice.
+    open_ = false;
+    // This one has chosen already, so it is not closed twice.
     if (modifiers & Qt::ControlModifier)
-        controller_.removeAllFromDialogList();
+        dialogs_.ignoreAllWarnings();
     closeDialog();
 }
 
 void FileRemover::ignoreWarning()
 {
-    // The controller empties its list itself.
-    listed_ = false;
+    if (!std::exchange(open_, false))
+        return;
     closeDialog();
 }
 
@@ -69,8 +62,8 @@ void FileRemover::closeDialog()
         return;
     }
     theDialog->setAttribute(Qt::WA_DeleteOnClose);
-    // Closing reports a rejection, which finds this entry off the list and
-    // does nothing more.
+    // Closing reports a rejection, which finds the choice made and does
+    // nothing more.
     theDialog->close();
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "app/DialogListEntry.h"
-
 #include <QObject>
 #include <QPointer>
 
@@ -12,7 +10,7 @@ class QPushButton;
 
 namespace kv {
 
-class KorvaneVelgar;
+class InfectionDialogs;
 class Workspace;
 
 // Carries out the user's choice in one warning dialog: the delete button
@@ -23,23 +21,24 @@ class Workspace;
 // taken by the window manager).
 //
 // Created with its dialog (as the dialog's child, so the two end together)
-// and listed in the controller's dialog list until its dialog closes. Main
-// thread only.
-class FileRemover : public QObject, public DialogListEntry {
+// by InfectionDialogs, which keeps the open warning dialogs. Main thread
+// only.
+class FileRemover : public QObject {
     Q_OBJECT
 public:
-    // Connects the dialog's buttons and joins the controller's dialog list.
-    // foundPath is the file's name as it is on disk; the dialog's message
-    // shows it escaped, so it is never read back from there.
+    // Connects the dialog's buttons. foundPath is the file's name as it is
+    // on disk; the dialog's message shows it escaped, so it is never read
+    // back from there.
     FileRemover(QDialog* theDialog, std::string foundPath, QPushButton* deleteButton, QPushButton* ignoreButton,
-                QPushButton* revealButton, KorvaneVelgar& controller, Workspace& workspace);
-    ~FileRemover() override;
+                QPushButton* revealButton, InfectionDialogs& dialogs, Workspace& workspace);
 
     // The user's choice; sender is the button pressed, modifiers the keys
     // held when it was pressed.
     void moveToTrash(const QObject* sender, Qt::KeyboardModifiers modifiers);
 
-    void ignoreWarning() override;
+    // Closes the dialog without touching its file; this object goes with it
+    // once the current event has been handled.
+    void ignoreWarning();
 
     const std::string& foundPath() const { return foundPath_; }
 
@@ -49,9 +48,9 @@ private:
     QPointer<QDialog> theDialog;
     std::string foundPath_;
     QPointer<QPushButton> deleteButton;
-    KorvaneVelgar& controller_;
+    InfectionDialogs& dialogs_;
     Workspace& workspace_;
-    bool listed_ = false;
+    bool open_ = true;  // false once the user chose, or the warning was ignored
 };
 
 } // namespace kv

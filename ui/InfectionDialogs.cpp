@@ -1,6 +1,5 @@
 #include "ui/InfectionDialogs.h"
 
-#include "app/KorvaneVelgar.h"
 #include "platform/Log.h"
 #include "platform/Workspace.h"
 #include "ui/FileRemover.h"
@@ -83,7 +82,7 @@ void InfectionDialogs::orderFrontRegardless(QDialog* dialog)
 
 QDialog* InfectionDialogs::loadQuarantinedDialog(const std::string& ownerName)
 {
-    if (!controller_)
+    if (!quit_)
         return nullptr;
     QDialog* dialog = loadDialogFile(resourcesFolder_, "QuarantinedDialog.ui");
     if (!dialog)
@@ -115,7 +114,7 @@ bool InfectionDialogs::showEngineUnreachableDialog(const std::string& /*ownerNam
                                                    const std::string& quitTitle)
 {
     return onMainThread([this, message, quitTitle] {
-        if (!controller_)
+        if (!quit_)
             return false;
         auto* dialog = new QDialog;
         dialog->setObjectName("engineUnreachableDialog");
@@ -153,7 +152,7 @@ bool InfectionDialogs::showEngineUnreachableDialog(const std::string& /*ownerNam
         connect(close, &QPushButton::clicked, dialog, &QDialog::close);
         // Without its engine the agent cannot protect anything: quitting is
         // offered.
-        connect(quit, &QPushButton::clicked, this, [this] { controller_->quit(); });
+        connect(quit, &QPushButton::clicked, this, [this] { quit_(); });
 
         auto* buttons = new QHBoxLayout;
         buttons->addWidget(quit);
@@ -173,7 +172,7 @@ bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std
                                          const std::string& foundPath)
 {
     return onMainThread([this, ownerName, outputLine, foundPath] {
-        if (!controller_)
+        if (!quit_)
             return false;
         std::erase_if(warningDialogs_, [](const QPointer<QDialog>& dialog) { return !dialog || !dialog->isVisible(); });
         // Past the cap (or while the summary is open, so findings keep their
@@ -200,11 +199,20 @@ bool InfectionDialogs::showWarningDialog(const std::string& ownerName, const std
         owner.outlets.theMessage = message;
         new FileRemover(dialog, foundPath, dialog->findChild<QPushButton*>("deleteButton"),
                         dialog->findChild<QPushButton*>("ignoreButton"),
-                        dialog->findChild<QPushButton*>("revealButton"), *controller_, workspace_);
+                        dialog->findChild<QPushButton*>("revealButton"), *this, workspace_);
         warningDialogs_.push_back(dialog);
         orderFrontRegardless(dialog);
         return true;
     });
+}
+
+void InfectionDialogs::ignoreAllWarnings()
+{
+    const std::vector<QPointer<QDialog>> open = std::exchange(warningDialogs_, {});
+    for (const QPointer<QDialog>& dialog : open) {
+        if (FileRemover* remover = dialog ? dialog->findChild<FileRemover*>() : nullptr)
+            remover->ignoreWarning();
+    }
 }
 
 void InfectionDialogs::openQuarantineFolder(const std::string& ownerName)

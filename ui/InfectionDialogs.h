@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QPointer>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,14 +17,13 @@ class QPushButton;
 
 namespace kv {
 
-class KorvaneVelgar;
 class Workspace;
 
 // The scanners' infection dialogs, loaded afresh from WarningDialog.ui and
 // QuarantinedDialog.ui for every finding, so several can be open at once.
-// A warning dialog gets a FileRemover and joins the controller's dialog list;
-// a quarantine dialog stays until the user closes it or its control opens
-// the quarantine folder.
+// A warning dialog gets a FileRemover and is kept among the open warning
+// dialogs until it closes; a quarantine dialog stays until the user closes it
+// or its control opens the quarantine folder.
 //
 // A flood of findings in warn mode opens at most kMostWarningDialogs warning
 // dialogs at once; every finding past those is listed in one FindingsSummary
@@ -39,7 +39,7 @@ class Workspace;
 // once the dialog is up, never waiting for the user.
 //
 // Created before the controller (which takes it among its parts) and given
-// the controller before any scanner runs; until then nothing is shown.
+// the agent's quit before any scanner runs; until then nothing is shown.
 class InfectionDialogs : public QObject, public ScanAlerts {
     Q_OBJECT
 public:
@@ -48,8 +48,13 @@ public:
 
     InfectionDialogs(std::string resourcesFolder, Workspace& workspace, QObject* parent = nullptr);
 
-    // The controller keeps the dialog list and quits. Main thread.
-    void setKorvaneVelgarController(KorvaneVelgar* controller) { controller_ = controller; }
+    // Ends the agent (the engine-unreachable dialog offers it). Main thread;
+    // an empty one shows nothing from then on.
+    void setQuitAction(std::function<void()> quit) { quit_ = std::move(quit); }
+
+    // Closes every open warning dialog as ignored, in the order they
+    // opened. Main thread.
+    void ignoreAllWarnings();
 
     bool showQuarantinedDialog(const std::string& ownerName, const std::string& quarantineFolder) override;
     bool showWarningDialog(const std::string& ownerName, const std::string& outputLine,
@@ -86,7 +91,7 @@ private:
     static void orderFrontRegardless(QDialog* dialog);
 
     std::string resourcesFolder_;
-    KorvaneVelgar* controller_ = nullptr;
+    std::function<void()> quit_;
     Workspace& workspace_;
     std::map<std::string, Owner> owners_; // main thread only
     // The open warning dialogs (main thread only); closed ones turn null.

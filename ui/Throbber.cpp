@@ -5,6 +5,7 @@
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/Workspace.h"
+#include "scan/ScanActivity.h"
 #include "ui/IndicatorClock.h"
 #include "ui/MyMenuItem.h"
 
@@ -23,12 +24,6 @@ namespace kv {
 namespace {
 
 using std::chrono::microseconds;
-
-std::string lowerCased(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
 
 std::string abbreviateWithTilde(const std::string& path, const std::string& home)
 {
@@ -104,16 +99,14 @@ Throbber::Throbber(QWidget* interfaceRoot, Environment environment, QObject* par
     // counts here, not the main application's.
     if (environment_.preferences) {
         environment_.preferences->synchronize();
-        if (const std::optional<std::string> dock = environment_.preferences->string("ShowDockIcon"))
-            showDockPref_ = lowerCased(*dock);
+        dockIcon_ = dockIconChoice(*environment_.preferences);
     }
     statusItem_ = new QSystemTrayIcon(this);
     statusItem_->setToolTip(QStringLiteral("Korvane Velgar"));
-    if (showDockPref_ == "true") {
-        showStatusItem_ = false;
-        if (theMenu_ && quitMenuItem)
-            theMenu_->removeAction(quitMenuItem);
-    }
+    // An application icon alone: no tray icon (a status item of length 0),
+    // and no quit item in a menu nobody sees.
+    if (dockIcon_ == DockIcon::IconOnly && theMenu_ && quitMenuItem)
+        theMenu_->removeAction(quitMenuItem);
     // Panels that send only "activate" for a click still open the menu.
     connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger && theMenu_)
@@ -137,8 +130,8 @@ void Throbber::setKorvaneVelgarController(KorvaneVelgar* controller)
     bind(restartMenuItem, [controller] { controller->restartWatcher(); });
     bind(abortConfirmMenuItem, [controller] { controller->abortScans(); });
     bind(quitMenuItem, [controller] { controller->quit(); });
-    bind(openAppMenuItem, [controller] { controller->openApp(); });
-    bind(openPrefsMenuItem, [controller] { controller->openPrefs(false); });
+    bind(openAppMenuItem, [controller] { controller->mainApplication().openApp(); });
+    bind(openPrefsMenuItem, [controller] { controller->mainApplication().openPrefs(false); });
     for (MyMenuItem* logItem : {openScanLogMenuItem.data(), openVelgarConsoleLogMenuItem.data(), openUpdateLogMenuItem.data()})
         bind(logItem, [this, logItem] { openLog(logItem, logItem->modifiersOfLastChoice()); });
     bind(updateDefsMenuItem, [controller] { controller->updateVirusDefs(); });
@@ -152,12 +145,10 @@ void Throbber::runOnMainThread(std::function<void()> change)
         QMetaObject::invokeMethod(this, std::move(change), Qt::QueuedConnection);
 }
 
-bool Throbber::quitItemFollowsStates() const { return showDockPref_ != "true" && showDockPref_ != "both"; }
+bool Throbber::quitItemFollowsStates() const { return dockIcon_ == DockIcon::TrayOnly; }
 
-void Throbber::enableMenuItems(int state)
+void Throbber::enableMenuItems(MenuState state)
 {
-    if (state < kDisabled || state > kBusy)
-        return;
     if (observer_)
         observer_->menuStateShown(state);
     runOnMainThread([this, state] {
@@ -166,7 +157,7 @@ void Throbber::enableMenuItems(int state)
     });
 }
 
-void Throbber::applyMenuState(int state)
+void Throbber::applyMenuState(MenuState state)
 {
     // One row per item: the item's setting in states 0 to 3, '1' on, '0' off,
     // '-' left as it is.
@@ -182,7 +173,7 @@ void Throbber::applyMenuState(int state)
     };
     for (const Row& row : rows) {
         MyMenuItem* item = (this->*row.item).data();
-        const char setting = row.settings[state];
+        const char setting = row.settings[static_cast<int>(state)];
         if (!item || setting == '-')
             continue;
         if (row.item == &Throbber::quitMenuItem && !quitItemFollowsStates())
@@ -199,7 +190,7 @@ void Throbber::clearMenu()
     if (foldersWatchedMenuItem)
         foldersWatchedMenuItem->setEnabled(false);
     currentlyWatching_ = false;
-    enableMenuItems(kStopped);
+    enableMenuItems(MenuState::Stopped);
     setMenuAndDockTile(defaultImage);
     setAlternateImage(altImage2);
 }
@@ -217,7 +208,7 @@ void Throbber::addToMenu(const std::string& path, const std::string& objectToWat
         const QList<QAction*> entries = theSubMenu_->actions();
         theSubMenu_->insertAction(entries.isEmpty() ? nullptr : entries.first(), entry);
     }
-    enableMenuItems(kDisabled);
+    enableMenuItems(MenuState::Disabled);
     if (startMenuItem) {
         const std::string wait = korvaneVelgarController_ ? korvaneVelgarController_->localizedString("WAIT") : "WAIT";
         startMenuItem->setText(QString::fromStdString(wait));
@@ -234,7 +225,7 @@ void Throbber::setReady()
     currentlyWatching_ = true;
     if (startMenuItem)
         startMenuItem->setText(QString::fromStdString(startWatchingMenuItemText));
-    enableMenuItems(kWatching);
+    enableMenuItems(MenuState::Watching);
     setMenuAndDockTile(watchingImage);
     setAlternateImage(altImage);
 }
@@ -270,24 +261,24 @@ void Throbber::openLog(const QObject* sender, Qt::KeyboardModifiers modifiers)
     if (sender && sender == openScanLogMenuItem.data()) {
         path = scanLog;
         // The main application's scan log is its History page.
-        if ((modifiers & Qt::AltModifier) && korvaneVelgarController_ && korvaneVelgarController_->openPage("history"))
+        if ((modifiers & Qt::AltModifier) && korvaneVelgarController_ &&
+            korvaneVelgarController_->mainApplication().openPage("history"))
             return;
     } else if (sender && sender == openVelgarConsoleLogMenuItem.data()) {
         // The agent's diagnostics go to the system log and to its standard
         // error, which is the scan log: the main application shows them
         // apart from the scan results; without it, the scan log itself.
-        if (korvaneVelgarController_ && korvaneVelgarController_->openPage("diagnostics"))
+        if (korvaneVelgarController_ && korvaneVelgarController_->mainApplication().openPage("diagnostics"))
             return;
         path = scanLog;
     } else {
-        const std::optional<std::string> option =
-            korvaneVelgarController_ ? korvaneVelgarController_->freshclamLogLocation() : std::nullopt;
-        // "--log=" followed by the path; anything shorter holds no path.
-        if (!option || option->size() < 7) {
+        const std::optional<std::string> updateLog =
+            korvaneVelgarController_ ? korvaneVelgarController_->updateLogPath() : std::nullopt;
+        if (!updateLog || updateLog->empty()) {
             workspace->beep();
             return;
         }
-        path = option->substr(6);
+        path = *updateLog;
     }
     if (!pathExists(path)) {
         workspace->beep();
@@ -306,21 +297,6 @@ void Throbber::canRestartFromAS()
 }
 
 std::string Throbber::getQuitMenuName() const { return quitTitle_; }
-
-void Throbber::startUpdate()
-{
-    // The flag first: the indicator, woken by the count, must find it set.
-    updating_ = true;
-    if (korvaneVelgarController_)
-        korvaneVelgarController_->modifyScannerCountBy(1);
-}
-
-void Throbber::stopUpdate()
-{
-    updating_ = false;
-    if (korvaneVelgarController_)
-        korvaneVelgarController_->modifyScannerCountBy(-1);
-}
 
 ImagePair Throbber::loadImagePair(const std::string& name, const std::string& dockName) const
 {
@@ -352,19 +328,16 @@ void Throbber::loadImages()
     }
 }
 
-void Throbber::startIndicator(KorvaneVelgar& controller)
+void Throbber::startIndicator(ScanActivity& activity)
 {
     if (indicatorThread_.joinable())
         return;
-    if (!korvaneVelgarController_)
-        korvaneVelgarController_ = &controller;
-    indicatorController_ = &controller;
+    activity_ = &activity;
 
     // The start-up steps run here, on the main thread, before the thread
     // exists: the first folder rebuild then always finds the start item's own
     // title remembered and the images loaded.
     numReadyToWatch = 0;
-    updating_ = false;
     if (startMenuItem)
         startWatchingMenuItemText = startMenuItem->text().toStdString();
     loadImages();
@@ -372,14 +345,14 @@ void Throbber::startIndicator(KorvaneVelgar& controller)
     setAlternateImage(altImage);
     if (theMenu_)
         statusItem_->setContextMenu(theMenu_);
-    if (showStatusItem_)
+    if (dockIcon_ != DockIcon::IconOnly)
         statusItem_->show();
     if (abortMenuItem)
         abortMenuItem->setEnabled(false);
     if (abortConfirmMenuItem)
         abortConfirmMenuItem->setEnabled(false);
 
-    indicatorThread_ = std::thread([this, &controller] { indicatorLoop(controller); });
+    indicatorThread_ = std::thread([this, &activity] { indicatorLoop(activity); });
 }
 
 void Throbber::stopIndicator()
@@ -388,43 +361,32 @@ void Throbber::stopIndicator()
         return;
     stopRequested_ = true;
     clock_->interrupt();
-    // Under the lock, so the wake-up cannot fall between the indicator's test
-    // and its wait.
-    ConditionLock& throbberLock = indicatorController_->throbberLock();
-    throbberLock.lock();
-    throbberLock.broadcast();
-    throbberLock.unlock();
+    activity_->wakeWaiters();
     indicatorThread_.join();
 }
 
-void Throbber::indicatorLoop(KorvaneVelgar& controller)
+void Throbber::indicatorLoop(ScanActivity& activity)
 {
-    ConditionLock& throbberLock = controller.throbberLock();
     for (;;) {
         if (!clock_->pause(std::chrono::seconds(1)))
             return;
         if (!currentlyWatching_)
             continue;
-
-        throbberLock.lock();
-        while (controller.scannerCount() <= 0 && !stopRequested_)
-            throbberLock.wait();
-        throbberLock.unlock();
-        if (stopRequested_)
+        if (!activity.waitUntilBusy(stopRequested_))
             return;
 
-        enableMenuItems(kBusy);
-        if (updating_) {
+        enableMenuItems(MenuState::Busy);
+        if (activity.updating()) {
             do
                 animateMenuForUpdate();
-            while (updating_ && !stopRequested_);
+            while (activity.updating() && !stopRequested_);
         } else {
-            while (controller.scannerCount() >= 1 && !stopRequested_)
+            while (activity.scannerCount() >= 1 && !stopRequested_)
                 animateMenuForScan();
         }
         if (stopRequested_)
             return;
-        enableMenuItems(kWatching);
+        enableMenuItems(MenuState::Watching);
         setMenuAndDockTile(watchingImage);
         setAlternateImage(altImage);
     }

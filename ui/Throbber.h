@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/StatusMenu.h"
+#include "platform/Settings.h"
 
 #include <QIcon>
 #include <QMenu>
@@ -22,6 +23,7 @@ class QWidget;
 namespace kv {
 
 class IndicatorClock;
+class KorvaneVelgar;
 class MyMenuItem;
 class Preferences;
 class Workspace;
@@ -41,10 +43,9 @@ struct ImagePair {
 // Threads: created and driven on the main thread. The indicator thread,
 // started by startIndicator(), calls enableMenuItems() and
 // setMenuAndDockTile(); both hand their changes to the main thread in the
-// order they were made and never wait for it. startUpdate(), stopUpdate()
-// and getQuitMenuName() may be called from any thread. currentlyWatching
-// and updating are written on one thread and read by the indicator without
-// a lock.
+// order they were made and never wait for it. getQuitMenuName() may be
+// called from any thread. currentlyWatching is written on the main thread
+// and read by the indicator without a lock.
 class Throbber : public QObject, public StatusMenu {
     Q_OBJECT
 public:
@@ -63,7 +64,7 @@ public:
     public:
         virtual ~Observer() = default;
         virtual void imagesShown(const std::string& name) = 0;
-        virtual void menuStateShown(int state) = 0;
+        virtual void menuStateShown(MenuState state) = 0;
     };
 
     // The pauses of the animations, in microseconds.
@@ -78,27 +79,26 @@ public:
     // Stops the indicator thread and waits for it.
     ~Throbber() override;
 
-    // Binds every command item to the controller's operation of its name.
+    // Binds every command item to the controller's operation of its name;
+    // the menu's commands reach the controller from then on.
     void setKorvaneVelgarController(KorvaneVelgar* controller);
     // Set before startIndicator(); not owned.
     void setObserver(Observer* observer) { observer_ = observer; }
 
 Q_SIGNALS:
-    // The menu now shows this state (kDisabled to kBusy). Main thread.
-    void menuStateApplied(int state);
+    // The menu now shows this state. Main thread.
+    void menuStateApplied(kv::MenuState state);
 
 public:
 
     // StatusMenu.
-    void enableMenuItems(int state) override;
+    void enableMenuItems(MenuState state) override;
     void clearMenu() override;
     void setNumItemsToWatch(int count) override;
     void addToMenu(const std::string& path, const std::string& objectToWatch) override;
     void setReady() override;
-    void startIndicator(KorvaneVelgar& controller) override;
+    void startIndicator(ScanActivity& activity) override;
     std::string getQuitMenuName() const override;
-    void startUpdate() override;
-    void stopUpdate() override;
     void canRestartFromAS() override;
 
     // Any thread.
@@ -116,19 +116,13 @@ public:
     // runs until the process ends. Main thread.
     void stopIndicator();
 
-    bool currentlyWatching() const { return currentlyWatching_; }
-    bool updating() const { return updating_; }
     QSystemTrayIcon* statusItem() const { return statusItem_; }
     QMenu* theMenu() const { return theMenu_; }
     QMenu* theSubMenu() const { return theSubMenu_; }
-    const std::optional<std::string>& showDockPref() const { return showDockPref_; }
-    // Element 0 of the last alternate pair: kept, as nothing on a Linux panel
-    // shows a highlighted image.
-    const std::string& alternateImageName() const { return alternateImageName_; }
 
 private:
-    void indicatorLoop(KorvaneVelgar& controller);
-    void applyMenuState(int state);
+    void indicatorLoop(ScanActivity& activity);
+    void applyMenuState(MenuState state);
     void loadImages();
     ImagePair loadImagePair(const std::string& name, const std::string& dockName) const;
     void setAlternateImage(const ImagePair& pair);
@@ -163,20 +157,20 @@ private:
     int numItemsToWatch = 0;
     int numReadyToWatch = 0;
     std::atomic<bool> currentlyWatching_{false};
-    std::atomic<bool> updating_{false};
     // Loaded by startIndicator() on the main thread, read-only afterwards.
     ImagePair defaultImage, altImage, altImage2, watchingImage;
     std::array<ImagePair, 8> frames;
+    // Element 0 of the last alternate pair: kept, as nothing on a Linux
+    // panel shows a highlighted image.
     std::string alternateImageName_;
 
     std::string startWatchingMenuItemText;
-    std::optional<std::string> showDockPref_;
-    bool showStatusItem_ = true; // false: length 0, no tray icon
+    DockIcon dockIcon_ = DockIcon::TrayOnly;
     std::string quitTitle_;      // the quit item's title, for any thread
     QSystemTrayIcon* statusItem_ = nullptr;
 
     std::thread indicatorThread_;
-    KorvaneVelgar* indicatorController_ = nullptr;
+    ScanActivity* activity_ = nullptr;  // set by startIndicator()
     std::atomic<bool> stopRequested_{false};
 };
 

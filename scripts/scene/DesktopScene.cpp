@@ -12,7 +12,7 @@
 //   quit
 //
 // The scanning engine is not needed: the scan is the controller's scanner
-// count, as a scanner raises it. Run by scripts/screenshots.sh.
+// activity, as a scanner raises it. Run by scripts/screenshots.sh.
 
 #include "app/KorvaneVelgar.h"
 #include "platform/DesktopNotifier.h"
@@ -31,6 +31,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace {
@@ -50,7 +51,7 @@ public:
         if (name.starts_with("scanning") && waiting.exchange(false))
             QMetaObject::invokeMethod(qApp, [] { answer("scanning"); }, Qt::QueuedConnection);
     }
-    void menuStateShown(int) override {}
+    void menuStateShown(kv::MenuState) override {}
 };
 
 // The desktop's notification service, shut off while the scene starts: the
@@ -86,9 +87,9 @@ int main(int argc, char* argv[])
     mainMenu.setObserver(&firstFrame);
     // What the launch sets up for the desktop, without looking for an
     // engine (whose absence the launch would report in a panel).
-    mainMenu.startIndicator(controller);
-    controller.prepareNotifications();
+    mainMenu.startIndicator(controller.scanActivity());
     notifier.open = true;
+    std::optional<kv::ScanActivity::Busy> scan;
     mainMenu.clearMenu();
 
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
@@ -116,9 +117,9 @@ int main(int argc, char* argv[])
                 answer(command);
             } else if (command == "scanning") {
                 firstFrame.waiting = true;
-                controller.modifyScannerCountBy(1);
+                scan.emplace(controller.scanActivity(), kv::ScanActivity::Kind::Scan);
             } else if (command == "idle") {
-                controller.modifyScannerCountBy(-1);
+                scan.reset();
                 answer(command);
             } else if (command == "menu") {
                 const QRect icon = mainMenu.statusItem()->geometry();
@@ -128,7 +129,7 @@ int main(int argc, char* argv[])
                 dialogs.showWarningDialog("firstPatientScanner", argument, argument.substr(0, argument.rfind(": ")));
                 answer(command);
             } else if (command == "notify") {
-                controller.displayGrowlDialog(kv::kFound, argument);
+                controller.displayGrowlDialog(kv::NotificationKind::Found, argument);
                 answer(command);
             } else if (command == "quit") {
                 application.quit();

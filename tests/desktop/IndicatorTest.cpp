@@ -4,6 +4,7 @@
 
 #include "tests/desktop/DesktopTestSupport.h"
 
+#include "scan/ScanActivity.h"
 #include "ui/IndicatorClock.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <functional>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -52,11 +54,11 @@ public:
         interrupted_ = true;
     }
     void imagesShown(const std::string& name) override { record(name); }
-    void menuStateShown(int state) override
+    void menuStateShown(kv::MenuState state) override
     {
-        if (state == 3 && onFirstBusy)
+        if (state == kv::MenuState::Busy && onFirstBusy)
             std::exchange(onFirstBusy, nullptr)();
-        record("state " + std::to_string(state));
+        record("state " + std::to_string(static_cast<int>(state)));
     }
 
     // Runs the event once the clock has passed `after` from now.
@@ -160,19 +162,26 @@ TEST(Indicator, AnimatesWholeCyclesWhileWorkIsCountedOnceWatching)
         SCOPED_TRACE(c.name);
         VirtualIndicator indicator;
         kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = &indicator});
-        const auto end = [&agent, update = c.scanners == 0] {
-            update ? agent.menu->stopUpdate() : agent.controller->modifyScannerCountBy(-1);
+        kv::ScanActivity& activity = agent.controller->scanActivity();
+        std::mutex busyMutex;
+        std::vector<std::unique_ptr<kv::ScanActivity::Busy>> busy;
+        const auto end = [&] {
+            std::lock_guard<std::mutex> held(busyMutex);
+            busy.pop_back();
         };
         indicator.onFirstBusy = [&] {
             for (microseconds at : c.ends)
                 indicator.after(at, end);
         };
         agent.menu->setObserver(&indicator);
-        agent.menu->startIndicator(*agent.controller);
+        agent.menu->startIndicator(activity);
         agent.menu->clearMenu();
-        if (c.scanners == 0)
-            agent.menu->startUpdate();
-        agent.controller->modifyScannerCountBy(c.scanners);
+        {
+            std::lock_guard<std::mutex> held(busyMutex);
+            for (int i = 0; i < std::max(c.scanners, 1); ++i)
+                busy.push_back(std::make_unique<kv::ScanActivity::Busy>(
+                    activity, c.scanners ? kv::ScanActivity::Kind::Scan : kv::ScanActivity::Kind::Update));
+        }
 
         EXPECT_EQ(indicator.busyStatesAfter(10s), 0) << "busy while nothing is watched";
         agent.menu->setNumItemsToWatch(1);

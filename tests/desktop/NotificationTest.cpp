@@ -76,11 +76,10 @@ TEST(Notifications, ReachTheServiceStickyWithTheirNameTitleAndEscapedBody)
     // The launch fetches the texts; its failed engine search would send an
     // error notification of its own.
     agent.controller->applicationDidFinishLaunching();
-    const int kUpdated = 4;
-    EXPECT_FALSE(agent.controller->displayGrowlDialog(kUpdated, "/home/a/<b> & c.com"));
+    EXPECT_FALSE(agent.controller->displayGrowlDialog(kv::NotificationKind::Updated, "/home/a/<b> & c.com"));
 
     ASSERT_TRUE(service.takeName());
-    EXPECT_TRUE(agent.controller->displayGrowlDialog(kUpdated, "/home/a/<b> & c.com"));
+    EXPECT_TRUE(agent.controller->displayGrowlDialog(kv::NotificationKind::Updated, "/home/a/<b> & c.com"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !service.received.empty(); }, 5000));
     ASSERT_EQ(service.received.size(), 1u);
     const BusPeer::Received& got = service.received[0];
@@ -111,9 +110,7 @@ TEST(Notifications, ReachADaemonTheBusStartsOnDemand)
     EXPECT_TRUE(notifier.isRunning()) << "activatable counts as running";
 
     kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
-    agent.controller->prepareNotifications();
-    const int kUpdated = 4;
-    EXPECT_TRUE(agent.controller->displayGrowlDialog(kUpdated, "started on demand"));
+    EXPECT_TRUE(agent.controller->displayGrowlDialog(kv::NotificationKind::Updated, "started on demand"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return kvtest::exists(received) && !kvtest::readFile(received).empty(); }, 10000));
     EXPECT_EQ(kvtest::readFile(received), "0\tKorvane Velgar\tstarted on demand\n");
     EXPECT_TRUE(connection.interface()->isServiceRegistered("org.freedesktop.Notifications").value());
@@ -135,14 +132,12 @@ TEST(Notifications, FloodOfFindingsIsCountedInOneNotificationUpdatedInPlace)
     kvtest::PrivateBus bus(kvtest::PrivateBus::Kind::Session, folder / "services");
     kv::FreedesktopNotifier notifier(bus.connect());
     kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
-    agent.controller->prepareNotifications();
     const auto lines = [&] {
         std::vector<QStringList> got;
         for (const QString& line : QString::fromStdString(kvtest::readFile(received)).split('\n', Qt::SkipEmptyParts))
             got.push_back(line.split('\t'));
         return got;
     };
-    const int kFound = 1;
     struct Round {
         int findings;
         const char* lastBody;
@@ -153,7 +148,7 @@ TEST(Notifications, FloodOfFindingsIsCountedInOneNotificationUpdatedInPlace)
     int written = 0;
     for (const Round& round : rounds) {
         for (int i = 0; i < round.findings; ++i, ++written)
-            agent.controller->displayGrowlDialog(kFound, "/home/a/" + std::to_string(written) + ".com: Eicar FOUND");
+            agent.controller->displayGrowlDialog(kv::NotificationKind::Found, "/home/a/" + std::to_string(written) + ".com: Eicar FOUND");
         ASSERT_TRUE(QTest::qWaitFor([&] { return kvtest::exists(received) && lines().size() >= round.received; }, 20000));
         QTest::qWait(100);  // nothing more follows
         const std::vector<QStringList> got = lines();
@@ -171,7 +166,7 @@ TEST(OpenPrefs, PostsOnceTheMainApplicationRunsAndQuitsWhenSentByThePanelButton)
 {
     kvtest::DesktopAgent agent;
     BusPeer mainApplication("com.korvane.Korvane");
-    agent.controller->openPrefs(true);
+    agent.controller->mainApplication().openPrefs(true);
     EXPECT_EQ(agent.workspace.launched, std::vector<std::string>{"com.korvane.Korvane"});
     QTest::qWait(0);
     EXPECT_TRUE(agent.center.posted.empty()) << "the main application is not running yet";
@@ -183,7 +178,7 @@ TEST(OpenPrefs, PostsOnceTheMainApplicationRunsAndQuitsWhenSentByThePanelButton)
 
     // Already running, from a menu item: at once, and the agent stays.
     agent.center.posted.clear();
-    agent.controller->openPrefs(false);
+    agent.controller->mainApplication().openPrefs(false);
     EXPECT_EQ(agent.center.posted.size(), 1u);
     EXPECT_EQ(agent.exitStatuses.size(), 1u);
 }
@@ -192,11 +187,11 @@ TEST(OpenPrefs, LaunchThatCannotStartBeepsAndPostsNothing)
 {
     kvtest::DesktopAgent agent;
     agent.workspace.launches = false;
-    agent.controller->openPrefs(false);
+    agent.controller->mainApplication().openPrefs(false);
     EXPECT_EQ(agent.workspace.beeps, 1);
     EXPECT_TRUE(agent.center.posted.empty());
     EXPECT_TRUE(agent.exitStatuses.empty());
-    agent.controller->openPrefs(true);
+    agent.controller->mainApplication().openPrefs(true);
     EXPECT_EQ(agent.exitStatuses, std::vector<int>{0});
 }
 

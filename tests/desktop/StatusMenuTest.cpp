@@ -41,13 +41,12 @@ TEST(StatusMenu, FourStatesSwitchTheirItems)
         {1, "10101111", "10000000"},
         {2, "01110011", "01010011"},
         {3, "00101100", "00001100"},
-        {4, "11111111", "00000000"}, // outside 0 to 3: nothing changes
     };
     for (const Case& c : cases) {
         for (const auto& [allOn, expected] : {std::pair{true, c.fromAllOn}, {false, c.fromAllOff}}) {
             for (const char* name : kStateItems)
                 agent.find(name)->setEnabled(allOn);
-            agent.menu->enableMenuItems(c.state);
+            agent.menu->enableMenuItems(kv::MenuState(c.state));
             EXPECT_EQ(enabledPattern(agent), expected) << "state " << c.state;
         }
     }
@@ -73,18 +72,16 @@ TEST(StatusMenu, FolderSubmenuAndWatchingFollowTheFoldersAdded)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         DesktopAgent agent;
-        agent.menu->startIndicator(*agent.controller);
+        agent.menu->startIndicator(agent.controller->scanActivity());
         const QString startTitle = agent.find("startMenuItem")->text();
         agent.menu->clearMenu();
         agent.menu->setNumItemsToWatch(static_cast<int>(c.folders.size()));
         for (const std::string& folder : c.folders) {
-            EXPECT_FALSE(agent.menu->currentlyWatching());
             agent.menu->addToMenu(folder.starts_with("/") ? folder : agent.home / folder, "");
             EXPECT_EQ(agent.find("startMenuItem")->text(), QString::fromUtf8("Please wait…"));
             EXPECT_EQ(enabledPattern(agent).substr(0, 4), "0010") << "disabled, with the folders item on";
             agent.menu->setReady();
         }
-        EXPECT_EQ(agent.menu->currentlyWatching(), !c.folders.empty());
         EXPECT_EQ(agent.find("startMenuItem")->text(), startTitle);
         EXPECT_EQ(enabledPattern(agent).substr(0, 4), c.itemsOnceReady);
 
@@ -119,12 +116,12 @@ TEST(StatusMenu, ShowDockIconDecidesTrayIconAndQuitItem)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.preference);
         DesktopAgent agent({.showDockIcon = c.preference});
-        agent.menu->startIndicator(*agent.controller);
+        agent.menu->startIndicator(agent.controller->scanActivity());
         kv::MyMenuItem* quit = agent.find("quitMenuItem");
         EXPECT_EQ(agent.menu->statusItem()->isVisible(), c.trayIcon);
         EXPECT_EQ(agent.menu->theMenu()->actions().contains(quit), c.quitInMenu);
         quit->setEnabled(true);
-        agent.menu->enableMenuItems(3);
+        agent.menu->enableMenuItems(kv::MenuState::Busy);
         EXPECT_EQ(quit->isEnabled(), !c.quitFollowsStates);
         EXPECT_EQ(std::async(std::launch::async, [&] { return agent.menu->getQuitMenuName(); }).get(),
                   quit->text().toStdString());
@@ -180,10 +177,10 @@ TEST(StatusMenu, ItemsRunTheControllerOperationOfTheirName)
 
     // A scripted restart happens only while the restart item is on; this
     // one fails to find an engine and leaves the menu disabled.
-    agent.menu->enableMenuItems(3);
+    agent.menu->enableMenuItems(kv::MenuState::Busy);
     agent.menu->canRestartFromAS();
     EXPECT_FALSE(log.contains("restartWatcher"));
-    agent.menu->enableMenuItems(2);
+    agent.menu->enableMenuItems(kv::MenuState::Watching);
     agent.menu->canRestartFromAS();
     EXPECT_TRUE(log.contains("restartWatcher"));
     EXPECT_EQ(enabledPattern(agent).substr(0, 4), "0000");
@@ -191,14 +188,12 @@ TEST(StatusMenu, ItemsRunTheControllerOperationOfTheirName)
     agent.find("openAppMenuItem")->trigger();
     EXPECT_EQ(agent.workspace.launched, std::vector<std::string>{"com.korvane.Korvane"});
 
-    // The stop item's confirmation, on while a scan runs, empties the queue.
-    std::vector<std::string> pending{agent.home.path() + "/pending.bin"};
-    agent.controller->theDispatcher().copyItemsToMyItemListFrom(pending);
-    agent.menu->enableMenuItems(3);
+    // The stop item's confirmation, on while a scan runs, stops the scans.
+    agent.menu->enableMenuItems(kv::MenuState::Busy);
     agent.find("abortConfirmMenuItem")->trigger();
-    EXPECT_TRUE(agent.controller->theDispatcher().snapshotOfMyItemList().empty()) << "the queue was not emptied";
+    EXPECT_TRUE(log.contains("The scans in progress were stopped")) << "the scans were not stopped";
 
-    agent.menu->enableMenuItems(2);
+    agent.menu->enableMenuItems(kv::MenuState::Watching);
     agent.find("stopMenuItem")->trigger();
     EXPECT_EQ(enabledPattern(agent).substr(0, 4), "1000") << "stopped";
 

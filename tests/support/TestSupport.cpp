@@ -1,9 +1,7 @@
 #include "tests/support/TestSupport.h"
 
-#include "engine/ClamdCtrl.h"
 #include "platform/FileWriting.h"
 #include "platform/UniqueFd.h"
-#include "scan/PatientScanner.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -336,37 +334,6 @@ void RecordingCenter::deliver(const std::string& name, const std::string& object
         handler(name, object);
 }
 
-bool RecordingAlerts::record(Shown shown)
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!loads)
-        return false;
-    shown_.push_back(std::move(shown));
-    return true;
-}
-
-bool RecordingAlerts::showQuarantinedDialog(const std::string& owner, const std::string& folder)
-{
-    return record({"Quarantined", owner, folder, {}, {}});
-}
-
-bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line, const std::string& path)
-{
-    return record({"Warning", owner, line, {}, path});
-}
-
-bool RecordingAlerts::showEngineUnreachableDialog(const std::string& owner, const std::string& message,
-                                                  const std::string& quitTitle)
-{
-    return record({"EngineUnreachable", owner, message, quitTitle, {}});
-}
-
-std::vector<RecordingAlerts::Shown> RecordingAlerts::shown() const
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    return shown_;
-}
-
 std::string eicar() { return R"(X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*)"; }
 
 namespace {
@@ -574,73 +541,6 @@ bool processEventsUntil(const std::function<bool()>& predicate, int timeoutMs)
             return predicate();
         },
         timeoutMs);
-}
-
-RecordingAgent::RecordingAgent(const std::string& enginePrefix) : resources("KORVANE_VELGAR_RESOURCES", KV_TEST_RESOURCES_DIR)
-{
-    ::chmod(home.path().c_str(), 0700);
-    preferences.suite["PathToClamav"] = QString::fromStdString(enginePrefix);
-    preferences.suite["PathToUpdateLog"] = QString::fromStdString(home / "update.log");
-}
-
-kv::ControllerParts RecordingAgent::parts()
-{
-    kv::ControllerParts parts;
-    parts.velgarPrefs = &preferences;
-    parts.distributedCenter = &center;
-    parts.notifier = &notifier;
-    parts.panels = &panels;
-    parts.mainMenu = &menu;
-    parts.scanAlerts = &alerts;
-    parts.homeDirectory = home.path();
-    parts.redirectToScanLog = false;
-    parts.exitProcess = [this](int status) { exitStatus = status; };
-    return parts;
-}
-
-std::string scanOneBatch(kv::KorvaneVelgar& controller, const std::vector<std::string>& paths)
-{
-    kv::Dispatcher& queue = controller.theDispatcher();
-    for (const std::string& path : paths)
-        queue.addStringToItemList(path);
-    queue.runOneCycle();
-    return captureStandardStreams([&] { controller.firstPatientScanner().scanBatch(queue); });
-}
-
-EnginePrefix* AgentTest::engine_ = nullptr;
-
-void AgentTest::SetUpTestSuite()
-{
-    engine_ = new EnginePrefix;
-    ASSERT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
-    // The controller hands work to the main thread through Qt's event loop.
-    processEventsUntil([] { return true; });
-}
-
-void AgentTest::TearDownTestSuite()
-{
-    delete engine_;
-    engine_ = nullptr;
-}
-
-kv::KorvaneVelgar& AgentTest::makeController(const std::function<void(kv::ControllerParts&)>& adjust)
-{
-    kv::ControllerParts parts = agent_.parts();
-    parts.dispatcherPause = [] {};
-    if (adjust)
-        adjust(parts);
-    controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-    controller_->prepareNotifications();
-    return *controller_;
-}
-
-kv::KorvaneVelgar& AgentTest::startWatching(const QJsonObject& preferences)
-{
-    preferences_.own = preferences;
-    kv::KorvaneVelgar& controller = makeController();
-    controller.startWatcher(false);
-    EXPECT_TRUE(controller.isWatching());
-    return controller;
 }
 
 } // namespace kvtest

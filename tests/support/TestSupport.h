@@ -1,19 +1,17 @@
 #pragma once
 
-// What the test suites share: temporary folders, files, environment
-// overrides, log capture, the recording fakes that stand behind the platform
-// interfaces, engine prefixes with a real clamd, private D-Bus daemons, and
-// the fixture of the controller tests.
+// What every test suite shares, on the platform layer: temporary folders,
+// files, environment overrides, log capture, the recording fakes that stand
+// behind the platform interfaces, engine prefixes with a real clamd and
+// private D-Bus daemons. The layers above add their own (ScanSupport.h,
+// AgentSupport.h).
 
-#include "app/KorvaneVelgar.h"
-#include "app/StatusMenu.h"
 #include "platform/ChildProcess.h"
 #include "platform/DesktopNotifier.h"
 #include "platform/DistributedCenter.h"
 #include "platform/Log.h"
 #include "platform/Panels.h"
 #include "platform/Preferences.h"
-#include "scan/ScanAlerts.h"
 
 #include <QDBusConnection>
 #include <QJsonObject>
@@ -149,20 +147,6 @@ private:
     std::vector<kv::Panel> shown_;
 };
 
-class RecordingStatusMenu : public kv::StatusMenu {
-public:
-    void enableMenuItems(int state) override { states.push_back(state); }
-    void clearMenu() override { ++clears; entries.clear(); }
-    void setNumItemsToWatch(int count) override { expected = count; }
-    void addToMenu(const std::string& title, const std::string&) override { entries.push_back(title); }
-    void setReady() override { ++readyCalls; }
-    std::vector<int> states;
-    std::vector<std::string> entries;
-    int clears = 0;
-    int expected = -1;
-    int readyCalls = 0;
-};
-
 class RecordingCenter : public kv::DistributedCenter {
 public:
     bool post(const std::string& name, const std::string& object) override;
@@ -172,28 +156,6 @@ public:
     void deliver(const std::string& name, const std::string& object);
     std::vector<std::pair<std::string, std::string>> posted;
     std::multimap<std::string, Handler> handlers;
-};
-
-class RecordingAlerts : public kv::ScanAlerts {
-public:
-    struct Shown {
-        std::string dialog;  // "Quarantined", "Warning" or "EngineUnreachable"
-        std::string owner;
-        std::string text;    // quarantine folder, output line or message
-        std::string quitTitle;
-        std::string path;    // the found file's real name, for a warning
-    };
-    bool loads = true;  // false: the interface files cannot be loaded
-    bool showQuarantinedDialog(const std::string& owner, const std::string& folder) override;
-    bool showWarningDialog(const std::string& owner, const std::string& line, const std::string& path) override;
-    bool showEngineUnreachableDialog(const std::string& owner, const std::string& message,
-                                     const std::string& quitTitle) override;
-    std::vector<Shown> shown() const;
-
-private:
-    bool record(Shown shown);
-    mutable std::mutex mutex_;
-    std::vector<Shown> shown_;
 };
 
 // The 68-byte EICAR test string.
@@ -284,59 +246,5 @@ bool waitFor(const std::function<bool()>& predicate, int timeoutMs);
 // The same, running the Qt event loop meanwhile (the application is made
 // once, for the whole run).
 bool processEventsUntil(const std::function<bool()>& predicate, int timeoutMs = 10000);
-
-// What a controller test stands on: a private home with its XDG folders,
-// preferences naming the engine prefix, and the recording fakes behind every
-// platform interface. parts() hands them to a controller that keeps its
-// output on the test's streams and records its exit status instead of ending.
-struct RecordingAgent {
-    explicit RecordingAgent(const std::string& enginePrefix);
-    kv::ControllerParts parts();
-
-    TempDir home;
-    ScopedEnv runtime{"XDG_RUNTIME_DIR", home.path()};
-    ScopedEnv homeEnv{"HOME", home.path()};
-    ScopedEnv data{"XDG_DATA_HOME", home / "data"};
-    // The build tree's staged resources, where the agent finds gfslogger.
-    ScopedEnv resources;
-    FakePreferences preferences;
-    RecordingCenter center;
-    RecordingNotifier notifier;
-    RecordingPanels panels;
-    RecordingStatusMenu menu;
-    RecordingAlerts alerts;
-    std::optional<int> exitStatus;
-};
-
-// Queues the paths, runs the controller's dispatcher once by hand and lets
-// its first scanner take and scan one batch; returns what the scan wrote to
-// the scan log.
-std::string scanOneBatch(kv::KorvaneVelgar& controller, const std::vector<std::string>& paths);
-
-// The controller tests: one clamd from Debian for the whole suite (started
-// once, it is the slowest part), and a RecordingAgent on it for each test.
-class AgentTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite();
-    static void TearDownTestSuite();
-
-    // A new controller on the engine with its notifications prepared and a
-    // queue that never pauses; adjust() changes its parts first.
-    kv::KorvaneVelgar& makeController(const std::function<void(kv::ControllerParts&)>& adjust = {});
-    // A controller with these preferences of its own, watching without its
-    // permanent threads: the test drives the queue and the scanners.
-    kv::KorvaneVelgar& startWatching(const QJsonObject& preferences = {});
-    std::string scan(const std::vector<std::string>& paths) { return scanOneBatch(*controller_, paths); }
-
-    static EnginePrefix* engine_;
-    RecordingAgent agent_{engine_->path()};
-    TempDir& home_ = agent_.home;
-    FakePreferences& preferences_ = agent_.preferences;
-    RecordingNotifier& notifier_ = agent_.notifier;
-    RecordingPanels& panels_ = agent_.panels;
-    RecordingAlerts& alerts_ = agent_.alerts;
-    LogCapture log_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
-};
 
 } // namespace kvtest

@@ -1,35 +1,13 @@
-// Definitions updates: stand-in updaters in the engine prefix that end with
-// each exit status, the real freshclam from Debian without a network, and
-// the launch-time update.
+// Definitions updates: stand-in updaters that end with each exit status,
+// what the user is told of each outcome, and the update at launch.
 
-#include "tests/support/TestSupport.h"
+#include "app/DefinitionsUpdater.h"
+#include "app/Notifications.h"
+#include "tests/support/AgentSupport.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <filesystem>
 
 namespace {
-
-// Counts updates as the real status menu does, and notes the scanner count
-// each time one ends.
-class UpdatingMenu : public kvtest::RecordingStatusMenu {
-public:
-    void startUpdate() override
-    {
-        ++starts;
-        controller->modifyScannerCountBy(1);
-    }
-    void stopUpdate() override
-    {
-        countAtStop = controller->scannerCount();
-        controller->modifyScannerCountBy(-1);
-        ++stops;
-    }
-    kv::KorvaneVelgar* controller = nullptr;
-    std::atomic<int> starts{0}, stops{0}, countAtStop{0};
-};
 
 class DefinitionsUpdates : public kvtest::AgentTest {
 protected:
@@ -41,32 +19,15 @@ protected:
 
     static std::string updater() { return engine_->path() + "/bin/freshclam"; }
 
-    // Records its arguments, writes to both streams, ends with the status.
-    void installUpdater(int status)
+    // Adds its arguments to a file, writes to both streams, ends with the
+    // status; one that waits for a file to appear first, when asked.
+    void installUpdater(int status, const std::string& waitFor = {})
     {
-        kvtest::writeFile(updater(), "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + (home_ / "args") +
+        const std::string wait = waitFor.empty() ? "" : "while [ ! -e '" + waitFor + "' ]; do sleep 0.01; done\n";
+        kvtest::writeFile(updater(), "#!/bin/sh\n" + wait + "printf '%s\\n' \"$@\" >> '" + (home_ / "args") +
                                          "'\necho to-stdout\necho to-stderr >&2\nexit " + std::to_string(status) + "\n",
                           0755);
     }
-
-    kv::KorvaneVelgar& agent()
-    {
-        kv::KorvaneVelgar& agent = makeController([this](kv::ControllerParts& parts) { parts.mainMenu = &menu_; });
-        menu_.controller = &agent;
-        return agent;
-    }
-
-    // Runs one update to its end; returns what it wrote to both streams.
-    std::string update(bool notify)
-    {
-        const int ended = menu_.stops + 1;
-        return kvtest::captureStandardStreams([&] {
-            controller_->updateVirusDefs(notify);
-            EXPECT_TRUE(kvtest::waitFor([&] { return menu_.stops == ended; }, 60000));
-        });
-    }
-
-    UpdatingMenu menu_;
 };
 
 TEST_F(DefinitionsUpdates, OutcomesByExitStatusFlagNotifyAndNotificationService)
@@ -82,32 +43,34 @@ TEST_F(DefinitionsUpdates, OutcomesByExitStatusFlagNotifyAndNotificationService)
         {0, false, true, true, "SUCCESSFUL", nullptr},
         {0, false, false, true, nullptr, nullptr},
         {1, false, true, true, "ALREADY_UP_TO_DATE", nullptr},
-        {1, false, false, true, nullptr, nullptr},
-        {2, false, true, true, "Error", nullptr},
         {2, false, false, true, "Error", nullptr},
         {0, true, true, true, "ALREADY_UP_TO_DATE", nullptr},
-        {0, true, false, true, nullptr, nullptr},
         {1, true, true, true, "SUCCESSFUL", nullptr},
         {1, true, false, true, nullptr, nullptr},
-        {2, true, false, true, "Error", nullptr},
         {0, false, true, false, nullptr, "SUCCESSFUL"},
         {3, false, false, false, nullptr, "UNKNOWN_ERROR"},
         {-1, false, true, true, nullptr, nullptr, true},
     };
-    kv::KorvaneVelgar& velgar = agent();
-    ASSERT_TRUE(velgar.readPrefs());
+    kv::Notifications notifications(&notifier_, nullptr);
+    notifications.prepare();
     for (const Case& c : cases) {
         const std::string name = "status " + std::to_string(c.status) + (c.exitOneFlag ? " flag" : "") +
                                  (c.notify ? " notify" : "") + (c.service ? "" : " no service");
         std::filesystem::remove(updater());
+        std::filesystem::remove(home_ / "args");
         if (c.status >= 0)
             installUpdater(c.status);
-        velgar.setNeedsExit1FreshclamFlag(c.exitOneFlag);
         notifier_.running = c.service;
         panels_.updateText.clear();
         const size_t sent = notifier_.sent().size(), panels = panels_.shown().size();
-
-        const std::string streams = update(c.notify);
+        kv::ScanActivity activity;
+        bool updated = false;
+        const std::string streams = kvtest::captureStandardStreams([&] {
+            kv::DefinitionsUpdater updates(activity, notifications, &panels_);
+            updates.setUpdatedHandler([&] { updated = true; });
+            updates.start(kv::DefinitionsUpdate(updater(), "--log=" + (home_ / "update.log"), c.exitOneFlag),
+                          c.notify);
+        });
         ASSERT_EQ(notifier_.sent().size(), sent + (c.notification ? 1 : 0)) << name;
         if (c.notification) {
             EXPECT_EQ(notifier_.sent().back().name, c.notification) << name;
@@ -119,8 +82,8 @@ TEST_F(DefinitionsUpdates, OutcomesByExitStatusFlagNotifyAndNotificationService)
                                                                   : std::vector<kv::Panel>{};
         EXPECT_EQ(shown, expected) << name;
         EXPECT_EQ(panels_.updateText, c.windowText ? c.windowText : "") << name;
-        EXPECT_EQ(menu_.countAtStop, 1) << name << ": the update counts while it runs";
-        EXPECT_EQ(velgar.scannerCount(), 0) << name;
+        EXPECT_EQ(activity.scannerCount(), 0) << name;
+        EXPECT_EQ(updated, c.status == (c.exitOneFlag ? 1 : 0)) << name << ": new definitions are told to the scanners";
         if (c.status < 0)
             continue;
         EXPECT_EQ(kvtest::readFile(home_ / "args"), "--log=" + (home_ / "update.log") + "\n" +
@@ -131,21 +94,27 @@ TEST_F(DefinitionsUpdates, OutcomesByExitStatusFlagNotifyAndNotificationService)
     }
 }
 
-TEST_F(DefinitionsUpdates, OnlyALaunchAskedToUpdatesAndARestartNever)
+// An update counts as busy while it runs; a launch updates only when asked,
+// a restart never, and the exit-1 flag once loaded stays.
+TEST_F(DefinitionsUpdates, LaunchUpdateCountsWhileItRunsAndARestartNeverUpdates)
 {
-    installUpdater(2);
-    agent().applicationDidFinishLaunching();
-    EXPECT_EQ(menu_.starts, 0);
+    installUpdater(2, home_ / "go");
+    preferences_.own = {{"UpdateDefsOnLaunch", true}, {"NeedsExit1FreshclamFlag", true}};
+    kv::KorvaneVelgar& agent = makeController();
+    agent.applicationDidFinishLaunching();
+    EXPECT_TRUE(kvtest::waitFor([&] { return agent.scanActivity().updating(); }, 10000));
+    kvtest::writeFile(home_ / "go", "");
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return !notifier_.sent().empty(); }, 60000));
+    EXPECT_EQ(notifier_.sent()[0].description, "UNKNOWN_ERROR") << "an error shows although a launch update does not notify";
+    EXPECT_FALSE(agent.scanActivity().updating());
 
-    preferences_.own["UpdateDefsOnLaunch"] = true;
-    kv::KorvaneVelgar& launched = agent();
-    launched.applicationDidFinishLaunching();
-    ASSERT_TRUE(kvtest::waitFor([&] { return menu_.stops == 1; }, 10000));
-    ASSERT_EQ(notifier_.sent().size(), 1u) << "an error shows although a launch update does not notify";
-    EXPECT_EQ(notifier_.sent()[0].description, "UNKNOWN_ERROR");
-    launched.restartWatcher();
-    EXPECT_TRUE(launched.isWatching());
-    EXPECT_EQ(menu_.starts, 1);
+    preferences_.own = {};
+    agent.restartWatcher();
+    EXPECT_TRUE(agent.isWatching());
+    agent.updateVirusDefs();
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return notifier_.sent().size() == 2; }, 60000));
+    const std::string once = "--log=" + (home_ / "update.log") + "\n--on-update-execute=EXIT_1\n";
+    EXPECT_EQ(kvtest::readFile(home_ / "args"), once + once) << "one update at launch, one from the menu, none at the restart";
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 // The scripted read: velgarctl, or any D-Bus client, reads a property of the
-// agent's bus object on a private session bus; the controller answers.
+// agent's bus object on a private session bus; the agent's scripting answers.
 
+#include "app/AgentScripting.h"
 #include "platform/AgentBusObject.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/AgentSupport.h"
 
 #include <QCoreApplication>
 #include <QDBusMessage>
@@ -21,10 +22,10 @@ public:
         ++asked;
         onMainThread = QThread::currentThread() == QCoreApplication::instance()->thread();
         if (restartItemEnabled)
-            controller->restartWatcher();
+            ++restarts;
     }
-    kv::KorvaneVelgar* controller = nullptr;
     bool restartItemEnabled = true;
+    int restarts = 0;
     int asked = 0;
     bool onMainThread = false;
 };
@@ -34,19 +35,12 @@ protected:
     void SetUp() override
     {
         kvtest::processEventsUntil([] { return true; });
-        kv::ControllerParts parts;
-        parts.velgarPrefs = &preferences_;
-        parts.mainMenu = &menu_;
-        parts.redirectToScanLog = false;
-        parts.exitProcess = [](int) {};
-        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-        menu_.controller = controller_.get();
         kv::AgentBusObject::ScriptedKeys keys;
-        keys.handlesKey = [this](const std::string& key) { return controller_->applicationDelegateHandlesKey(key); };
-        keys.valueForKey = [this](const std::string&) { return controller_->restartWatchingViaAS(); };
-        keys.names = {"restartWatchingViaAS"};
+        keys.handlesKey = [this](const std::string& key) { return scripting_.applicationDelegateHandlesKey(key); };
+        keys.valueForKey = [this](const std::string& key) { return scripting_.valueForKey(key); };
+        keys.names = scripting_.keys();
         object_ = std::make_unique<kv::AgentBusObject>(keys);
-        ASSERT_TRUE(agentBus_.registerService(kv::KorvaneVelgar::kBundleIdentifier));
+        ASSERT_TRUE(agentBus_.registerService(kv::bus::kAgentName));
         ASSERT_TRUE(object_->registerOn(agentBus_));
     }
 
@@ -64,7 +58,7 @@ protected:
     // The error name of a Properties call from another client, or "" and the answer.
     std::pair<std::string, std::string> properties(const char* member, const QList<QVariant>& arguments)
     {
-        QDBusMessage call = QDBusMessage::createMethodCall(kv::KorvaneVelgar::kBundleIdentifier, kv::AgentBusObject::kPath,
+        QDBusMessage call = QDBusMessage::createMethodCall(kv::bus::kAgentName, kv::AgentBusObject::kPath,
                                                            "org.freedesktop.DBus.Properties", member);
         call.setArguments(arguments);
         QDBusPendingCallWatcher watcher(client_.asyncCall(call));
@@ -78,10 +72,9 @@ protected:
     kvtest::PrivateBus bus_{kvtest::PrivateBus::Kind::Session};
     QDBusConnection agentBus_ = bus_.connect();
     QDBusConnection client_ = bus_.connect();
-    kvtest::FakePreferences preferences_;
     ScriptedMenu menu_;
-    kvtest::LogCapture log_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
+    kvtest::RecordingCenter center_;
+    kv::AgentScripting scripting_{&menu_, &center_};
     std::unique_ptr<kv::AgentBusObject> object_;
 };
 
@@ -90,12 +83,12 @@ TEST_F(ScriptedRead, VelgarctlGetsRestartRequestedAndTheAgentRestartsWhenItMay)
     EXPECT_EQ(velgarctl("restartWatchingViaAS"), std::make_pair(0, std::string("Restart Requested\n")));
     EXPECT_EQ(menu_.asked, 1);
     EXPECT_TRUE(menu_.onMainThread);
-    EXPECT_EQ(log_.count("restartWatcher"), 1u);
+    EXPECT_EQ(menu_.restarts, 1);
 
     menu_.restartItemEnabled = false;
     EXPECT_EQ(velgarctl("restartWatchingViaAS"), std::make_pair(0, std::string("Restart Requested\n")));
     EXPECT_EQ(menu_.asked, 2);
-    EXPECT_EQ(log_.count("restartWatcher"), 1u) << "scans running: the same answer, nothing else";
+    EXPECT_EQ(menu_.restarts, 1) << "scans running: the same answer, nothing else";
 }
 
 TEST_F(ScriptedRead, OtherKeysAndCallsAreRefusedTheStandardWay)
@@ -114,6 +107,20 @@ TEST_F(ScriptedRead, OtherKeysAndCallsAreRefusedTheStandardWay)
     EXPECT_EQ(menu_.asked, 0);
     EXPECT_EQ(properties("Get", {interface, key}), std::make_pair(std::string(), std::string("Restart Requested")));
     EXPECT_EQ(menu_.asked, 1);
+}
+
+// The agent's state: read by scripts, posted when it changes.
+TEST_F(ScriptedRead, StateIsReadAndPostedOncePerChange)
+{
+    const QString interface = kv::AgentBusObject::kInterface;
+    EXPECT_EQ(properties("Get", {interface, QString("agentStatus")}).second, "changing");
+    for (const kv::MenuState state : {kv::MenuState::Watching, kv::MenuState::Watching, kv::MenuState::Busy,
+                                      kv::MenuState::Disabled})
+        scripting_.menuStateApplied(state);
+    EXPECT_EQ(properties("Get", {interface, QString("agentStatus")}).second, "changing");
+    const std::vector<std::pair<std::string, std::string>> posted = {
+        {"KorvaneVelgarStatus", "watching"}, {"KorvaneVelgarStatus", "scanning"}, {"KorvaneVelgarStatus", "changing"}};
+    EXPECT_EQ(center_.posted, posted);
 }
 
 } // namespace

@@ -248,26 +248,6 @@ TEST_F(DispatcherHandOff, ReadyPathsLeaveInBatchesOfAtMost200)
     }
 }
 
-TEST_F(DispatcherHandOff, EveryCycleWakesAWaitingScannerEvenWithNothingReady)
-{
-    std::atomic<bool> waiting = false;
-    std::thread scanner([&] {
-        queue.scannerLock().lock();
-        waiting = true;
-        queue.scannerLock().wait();
-        queue.scannerLock().unlock();
-    });
-    while (!waiting)
-        std::this_thread::yield();
-    // The scanner set the flag holding the lock, so once the lock is free
-    // again the scanner is inside wait().
-    queue.scannerLock().lock();
-    queue.scannerLock().unlock();
-    runCycles(1);
-    scanner.join();
-    EXPECT_EQ(queue.scannableCount(), 0);
-}
-
 // --- Abort ----------------------------------------------------------------
 
 using DispatcherAbort = DispatcherFixture;
@@ -321,10 +301,7 @@ public:
     // The scanner's side: wait while nothing is ready, then take a batch.
     Batch takeBatch(const std::atomic<bool>& done)
     {
-        queue.scannerLock().lock();
-        while (queue.scannableCount() == 0 && !done)
-            queue.scannerLock().wait();
-        queue.scannerLock().unlock();
+        queue.scannerLock().waitUntil([&] { return queue.scannableCount() > 0 || done; });
         Batch batch;
         queue.copyFromDispatchToScanner(batch);
         return batch;
@@ -364,10 +341,7 @@ TEST(DispatcherThreads, ProducersAndTwoScannersLoseNoPathAndRepeatNone)
             for (const std::string& path : batch)
                 ++seenCount[std::stoi(path.substr(path.rfind('/') + 1))];
             if ((seen += static_cast<int>(batch.size())) >= kTotal) {
-                done = true;
-                running.queue.scannerLock().lock();
-                running.queue.scannerLock().broadcast();
-                running.queue.scannerLock().unlock();
+                running.queue.scannerLock().changeAndBroadcast([&] { done = true; });
             }
         }
     };

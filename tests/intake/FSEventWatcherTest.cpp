@@ -1,9 +1,9 @@
 // The event intake: which helper lines reach the scan queue, the Trash
-// test, and the watcher with the real gfslogger, driven by the controller
-// (with a real clamd, since every start of watching loads the engine).
+// test, and the watcher with the real gfslogger, started and stopped by a
+// host as the controller does.
 
-#include "app/KorvaneVelgar.h"
 #include "intake/FSEventWatcher.h"
+#include "intake/WatcherHost.h"
 #include "platform/ChildProcess.h"
 #include "platform/Paths.h"
 #include "platform/RootControlled.h"
@@ -184,24 +184,49 @@ TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
         EXPECT_EQ(kv::FSEventWatcher::isTrashedFileAtPath(at(path, folder.path())), trashed) << path;
 }
 
-// The watcher as the agent runs it: started and stopped by the controller,
-// running the real gfslogger as root.
-class Intake : public kvtest::AgentTest {
+// The watcher as the agent runs it, running the real gfslogger as root, on
+// a host that starts, stops and quits as the controller does.
+class Intake : public ::testing::Test, public kv::WatcherHost {
 protected:
     void SetUp() override
     {
+        kvtest::processEventsUntil([] { return true; });
         fs::create_directories(watched());
-        preferences_.own["VelgarFolderArray"] =
-            QJsonArray{QJsonObject{{"pathName", QString::fromStdString(watched())}, {"WatchSubdirs", true}}};
     }
+    void TearDown() override { watcher_.stopWatching(); }
+
+    // WatcherHost
+    void postToMainThread(std::function<void()> task) override
+    {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), std::move(task), Qt::QueuedConnection);
+    }
+    void startWatcher(bool) override
+    {
+        watcher_.setWatchList(std::make_shared<const kv::WatchList>(std::vector<std::string>{watched() + "/"},
+                                                                    std::map<std::string, bool>{{watched() + "/", true}},
+                                                                    std::string()));
+        watcher_.start(*this);
+    }
+    void stopWatcher() override { watcher_.stopWatching(); }
+    void quit() override
+    {
+        stopWatcher();
+        exitStatus_ = 0;
+    }
+    bool displayGrowlDialog(kv::NotificationKind, const std::string& description) override
+    {
+        told_.push_back(description);
+        return true;
+    }
+    std::string localizedString(const std::string& key) const override { return key; }
 
     std::string watched() const { return home_ / "watched"; }
 
     // Writes the file until the watcher has put it in the queue: the helper
-    // may still be marking file systems when watching starts.
+    // may still be marking its folders when watching starts.
     bool reachesQueue(const std::string& path)
     {
-        kv::Dispatcher& queue = controller_->theDispatcher();
+        kv::Dispatcher& queue = queue_;
         return kvtest::waitFor(
             [&] {
                 kvtest::writeFile(path, "x");
@@ -239,44 +264,46 @@ protected:
         path_.emplace("PATH", home_ / "bin:" + std::string(std::getenv("PATH")));
     }
 
+    kvtest::TempDir home_;
+    kvtest::ScopedEnv homeEnv_{"HOME", home_.path()};
+    kvtest::ScopedEnv stagedResources_{"KORVANE_VELGAR_RESOURCES", KV_TEST_RESOURCES_DIR};
     std::optional<kvtest::TempDir> installRoot_;
     std::optional<kvtest::ScopedEnv> resources_;
     std::optional<kvtest::ScopedEnv> path_;
-    std::optional<int>& exitStatus_ = agent_.exitStatus;
+    std::optional<int> exitStatus_;
+    std::vector<std::string> told_;
+    kvtest::LogCapture log_;
+    kv::Dispatcher queue_{[] {}};
+    kv::FSEventWatcher watcher_{queue_};
 };
 
 TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
 {
     const std::string helper = prepareInstallation(true);
-    kv::KorvaneVelgar& agent = makeController();
-    agent.startWatcher();
+    startWatcher(true);
 
     const auto installed = [&] {
         struct stat info{};
         return ::stat(helper.c_str(), &info) == 0 && (info.st_mode & 07777) == 04755;
     };
-    ASSERT_TRUE(kvtest::processEventsUntil([&] { return installed() && agent.isWatching() && agent.gfsLogger().helperPid() > 0; }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return installed() && watcher_.isWatching() && watcher_.helperPid() > 0; }));
     EXPECT_TRUE(reachesQueue(watched() + "/after-install"));
 
     EXPECT_TRUE(log_.contains("termination status = 1"));
     EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), *installRoot_ / "libexec/korvane-velgar/install-gfslogger\n");
-    const std::vector<kv::DesktopNotification> sent = notifier_.sent();
-    ASSERT_FALSE(sent.empty());
-    EXPECT_EQ(sent.front().name, "Error");
-    EXPECT_EQ(sent.front().description, "FSEVENT_NOT_SETUID");
+    ASSERT_FALSE(told_.empty());
+    EXPECT_EQ(told_.front(), "FSEVENT_NOT_SETUID");
 }
 
 TEST_F(Intake, RefusedInstallationStopsWatchingAndQuits)
 {
     const std::string helper = prepareInstallation(false);
-    kv::KorvaneVelgar& agent = makeController();
-    agent.startWatcher();
+    startWatcher(true);
 
     ASSERT_TRUE(kvtest::processEventsUntil([&] { return exitStatus_.has_value(); }));
     EXPECT_EQ(*exitStatus_, 0);
     EXPECT_TRUE(log_.contains("Authentication failed. Sorry!"));
-    EXPECT_FALSE(agent.isWatching());
-    EXPECT_TRUE(agent.getWatchedFolderList().empty());
+    EXPECT_FALSE(watcher_.isWatching());
     struct stat info{};
     ASSERT_EQ(::stat(helper.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0755u);
@@ -292,17 +319,15 @@ TEST_F(Intake, HelperOthersCouldChangeIsNeverMadeSetUserId)
     kvtest::writeFile(helper, "#!/bin/sh\nexit 1\n", 0755);
     prepareStandInPkexec(true);
     resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
-    kv::KorvaneVelgar& agent = makeController();
-    agent.startWatcher();
+    startWatcher(true);
 
     ASSERT_TRUE(kvtest::processEventsUntil([&] { return log_.contains("sudo cmake --install build"); }));
     EXPECT_TRUE(log_.contains("/tmp may be written by users other than root"));
-    ASSERT_TRUE(kvtest::processEventsUntil([&] { return !agent.isWatching(); }));
+    ASSERT_TRUE(kvtest::processEventsUntil([&] { return !watcher_.isWatching(); }));
     EXPECT_FALSE(kvtest::exists(home_ / "pkexec.args"));
     EXPECT_FALSE(exitStatus_.has_value());
-    const std::vector<kv::DesktopNotification> sent = notifier_.sent();
-    ASSERT_FALSE(sent.empty());
-    EXPECT_EQ(sent.front().description, "FSEVENT_NOT_INSTALLED");
+    ASSERT_FALSE(told_.empty());
+    EXPECT_EQ(told_.front(), "FSEVENT_NOT_INSTALLED");
 }
 
 // A helper that cannot watch (no fanotify here, a nosuid mount) keeps
@@ -316,15 +341,14 @@ TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
                           "\nprintf 'gfslogger: fanotify: Function not implemented\\n\\0' >&2\nexit 2\n",
                       0755);
     resources_.emplace("KORVANE_VELGAR_RESOURCES", home_ / "resources");
-    kv::KorvaneVelgar& agent = makeController();
-    agent.startWatcher();
+    startWatcher(true);
 
     const auto runs = [&] {
         const std::string text = kvtest::readFile(home_ / "runs");
         return std::count(text.begin(), text.end(), '\n');
     };
     ASSERT_TRUE(kvtest::processEventsUntil([&] { return runs() >= 3; }));
-    agent.stopWatcher();
+    stopWatcher();
     EXPECT_EQ(log_.count("gfslogger: fanotify: Function not implemented"), 1u);
     EXPECT_EQ(log_.count("termination status = 2"), 1u);
     EXPECT_FALSE(exitStatus_.has_value());

@@ -1,9 +1,9 @@
 // Volumes mounted while the agent watches: real tmpfs mounts under /mnt (the
 // tests run as root), the agent's MountWatcher on the kernel's mount table,
-// and the queue and a scanner driven by hand.
+// and the agent's own workers.
 
 #include "platform/MountWatcher.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/AgentSupport.h"
 
 #include <sys/mount.h>
 #include <unistd.h>
@@ -38,6 +38,7 @@ public:
     bool observeMounts(Handler handler) override
     {
         observing = true;
+        deliver = handler;
         return real.observeMounts([this, handler](const std::string& mountPoint) {
             seen.push_back(mountPoint);
             handler(mountPoint);
@@ -51,6 +52,7 @@ public:
     kv::MountWatcher real;
     std::vector<std::string> seen;
     bool observing = false;
+    Handler deliver;  // as the watcher would, for mount points the test names
 };
 
 class MountedVolumes : public kvtest::AgentTest {
@@ -59,11 +61,14 @@ protected:
     {
         ASSERT_EQ(::geteuid(), 0u) << "mounting a volume needs root: run the core tests as root, as scripts/test.sh does";
     }
-    kv::KorvaneVelgar& watch(const QJsonObject& preferences)
+    // The agent launched with its workers, quarantining into ~/Quarantine.
+    kv::KorvaneVelgar& watch(QJsonObject preferences)
     {
+        preferences["VelgarQuarantineFiles"] = true;
+        preferences["QuarantineFolder"] = QString::fromStdString(home_ / "Quarantine");
         preferences_.own = preferences;
         kv::KorvaneVelgar& agent = makeController([this](kv::ControllerParts& parts) { parts.volumeEvents = &volumes_; });
-        agent.startWatcher(false);
+        agent.applicationDidFinishLaunching();
         EXPECT_TRUE(agent.isWatching());
         return agent;
     }
@@ -82,34 +87,24 @@ protected:
 
 TEST_F(MountedVolumes, NewVolumeIsScannedWholeWhenAsked)
 {
-    kv::KorvaneVelgar& agent = watch({{"VelgarScanVolumes", true}});
+    watch({{"VelgarScanVolumes", true}});
     ScopedVolume volume;
     ASSERT_TRUE(volume.mount(kvtest::eicar()));
     ASSERT_TRUE(seen(1));
     EXPECT_EQ(volumes_.seen[0], volume.path());
     EXPECT_EQ(log_.count(scanLine(volume.path())), 1u);
-
-    kv::Dispatcher& queue = agent.theDispatcher();
-    queue.runOneCycle();
-    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{volume.path()}) << "the volume is one item";
-    // ... scanned file by file: its files join the queue.
-    kvtest::captureStandardStreams([&] { agent.firstPatientScanner().scanBatch(queue); });
-    queue.runOneCycle();
-    EXPECT_EQ(queue.snapshotOfScannableList(), std::set<std::string>{volume.path() + "/eicar.com"});
-    const std::string output = kvtest::captureStandardStreams([&] { agent.firstPatientScanner().scanBatch(queue); });
-    EXPECT_NE(output.find(volume.path() + "/eicar.com: "), std::string::npos) << output;
-    EXPECT_NE(output.find(" FOUND"), std::string::npos) << output;
+    // Its files are scanned one by one, and the infected one quarantined.
+    EXPECT_TRUE(kvtest::waitFor([&] { return kvtest::exists(home_ / "Quarantine/eicar.com"); }, 60000));
 }
 
 TEST_F(MountedVolumes, NewVolumeIsIgnoredUnlessAsked)
 {
     for (const QJsonObject& preferences : {QJsonObject{}, QJsonObject{{"VelgarScanVolumes", false}}}) {
-        kv::KorvaneVelgar& agent = watch(preferences);
+        watch(preferences);
         ScopedVolume volume;
         const size_t before = volumes_.seen.size();
-        ASSERT_TRUE(volume.mount());
+        ASSERT_TRUE(volume.mount(kvtest::eicar()));
         ASSERT_TRUE(seen(before + 1));
-        EXPECT_EQ(agent.theDispatcher().lengthOfBothItemLists(), 0);
         EXPECT_EQ(log_.count("was just mounted"), 0u);
     }
 }
@@ -117,19 +112,16 @@ TEST_F(MountedVolumes, NewVolumeIsIgnoredUnlessAsked)
 TEST_F(MountedVolumes, WatchedMountPointMountedAgainIsRecognised)
 {
     ScopedVolume volume;
-    kv::KorvaneVelgar& agent = watch({{"VelgarScanVolumes", true},
-                                      {"VelgarFolderArray", QJsonArray{QJsonObject{{"pathName", QString::fromStdString(volume.path())}}}}});
-    ASSERT_EQ(agent.getWatchedFolderList(), std::vector<std::string>{volume.path() + "/"});
+    watch({{"VelgarScanVolumes", true},
+           {"VelgarFolderArray", QJsonArray{QJsonObject{{"pathName", QString::fromStdString(volume.path())}}}}});
     ASSERT_TRUE(volume.mount());
     ASSERT_TRUE(seen(1));
-    agent.newVolumeAppeared(volume.path() + "/");
+    volumes_.deliver(volume.path() + "/");
     EXPECT_EQ(log_.count("One of the volumes we're supposed to be watching has just appeared, so don't scan it for the "
                          "time being, just wait for new additions."),
               2u)
         << "without and with the trailing \"/\"";
-    EXPECT_EQ(agent.theDispatcher().lengthOfBothItemLists(), 0);
-
-    agent.newVolumeAppeared(volume.path() + "2");
+    volumes_.deliver(volume.path() + "2");
     EXPECT_EQ(log_.count(scanLine(volume.path() + "2")), 1u) << "a name that only begins alike is another volume";
 }
 

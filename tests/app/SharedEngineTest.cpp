@@ -4,9 +4,8 @@
 // built by velgarctl setup, as users build it, and files are scanned
 // through the agent's scan path.
 
-#include "app/KorvaneVelgar.h"
 #include "platform/ChildProcess.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/AgentSupport.h"
 
 #include <signal.h>
 
@@ -27,6 +26,7 @@ protected:
 
     void TearDown() override
     {
+        scanner_.reset();
         controller_.reset();
         // A stand-in the agent launched must not outlive the test.
         const int pid = std::atoi(kvtest::readFile(standIn() + "/run/clamd.pid").c_str());
@@ -56,14 +56,18 @@ protected:
     {
         kv::ControllerParts parts = agent_.parts();
         parts.dispatcherPause = [] {};
+        scanner_.reset();
         controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-        // No permanent threads: the test drives the queue and the scanners.
-        controller_->prepareNotifications();
+        // No workers: the test's own scanner scans, with the controller as
+        // its host.
         controller_->startWatcher(false);
         ASSERT_TRUE(controller_->isWatching());
+        scanner_ = std::make_unique<kvtest::TestScanner>(*controller_);
+        agent_.preferences.synchronize();
+        scanner_->configure(kv::Settings::load(agent_.preferences), prefix(), home_.path() + "/");
     }
 
-    std::string scan(const std::vector<std::string>& paths) { return kvtest::scanOneBatch(*controller_, paths); }
+    std::string scan(const std::vector<std::string>& paths) { return scanner_->scan(paths); }
 
     // An EICAR file in the user's home (mode 0700), which only the user can
     // read: a daemon of another user sees it only through what clamdscan
@@ -102,6 +106,7 @@ protected:
     kvtest::ScopedEnv configHome_{"XDG_CONFIG_HOME", agent_.home / ".config"};
     kvtest::LogCapture log_;
     std::unique_ptr<kv::KorvaneVelgar> controller_;
+    std::unique_ptr<kvtest::TestScanner> scanner_;
 };
 
 constexpr const char* kRestartLine = "clamd appears to have died - attempting restart...";

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/Settings.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kv {
+
+// What a start of watching hands the scanners: the engine's client, the
+// folder found files are moved to, the private folder their list files go
+// to, and the settings of that start.
+// Immutable once made; the scanners share it by pointer.
+struct ScanParameters {
+    std::string clamdscan;  // <PathToClamav>/bin/clamdscan
+    // The quarantine folder in quarantine mode, the Trash's files folder in
+    // Trash mode; nothing when found files are left where they are.
+    std::optional<std::string> moveFolder;
+    std::string listFolder;  // the user's private temporary folder, ending in "/"
+    std::shared_ptr<const Settings> settings;
+
+    // For the settings of one load, the engine's client and the folder.
+    static std::shared_ptr<const ScanParameters> forSettings(std::shared_ptr<const Settings> settings,
+                                                             std::string clamdscan, std::string listFolder);
+
+    // clamdscan's arguments after its own path, for a run over the list
+    // file: the move option, "--multiscan" when asked for, "--stdout",
+    // "--file-list=" the list. CLIENT replaces the client's path (a stand-in
+    // daemon has its own).
+    std::vector<std::string> commandLine(const std::string& client, const std::string& listFile) const;
+};
+
+} // namespace kv

@@ -1,0 +1,33 @@
+#include "scan/Scanners.h"
+
+namespace kv {
+
+Scanners::Scanners(ScannerHost& host, Dispatcher& queue, ScanActivity& activity)
+    : first_("firstPatientScanner", {host, queue, activity, clients_, findings_, knownClean_}),
+      second_("secondPatientScanner", {host, queue, activity, clients_, findings_, knownClean_})
+{
+}
+
+Scanners::~Scanners()
+{
+    first_.requestStop();
+    second_.requestStop();
+    for (std::thread& thread : threads_)
+        thread.join();
+}
+
+void Scanners::start()
+{
+    if (!threads_.empty())
+        return;
+    threads_.emplace_back([this] { first_.mainLoop(); });
+    threads_.emplace_back([this] { second_.mainLoop(); });
+}
+
+void Scanners::configure(const std::shared_ptr<const ScanParameters>& parameters)
+{
+    first_.setMenuAndParams(parameters);
+    second_.setMenuAndParams(parameters);
+}
+
+} // namespace kv

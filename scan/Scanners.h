@@ -1,0 +1,53 @@
+#pragma once
+
+#include "scan/FileIdentity.h"
+#include "scan/PatientScanner.h"
+#include "scan/ScanClients.h"
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace kv {
+
+class Dispatcher;
+class ScanActivity;
+class ScannerHost;
+
+// The agent's two scanning workers, "firstPatientScanner" and
+// "secondPatientScanner", with what they share: the clients they run (so an
+// abort kills only those), the files already reported, and the files found
+// clean that are not scanned again while unchanged.
+//
+// Main thread, but for the workers' own threads. The destructor stops the
+// workers and waits for them; the host, queue and activity outlive it.
+class Scanners {
+public:
+    // Files remembered as found clean; the oldest make room past it.
+    static constexpr std::size_t kCleanFilesRemembered = 1 << 16;
+    static constexpr std::size_t kFindingsRemembered = 4096;
+
+    Scanners(ScannerHost& host, Dispatcher& queue, ScanActivity& activity);
+    ~Scanners();
+    Scanners(const Scanners&) = delete;
+    Scanners& operator=(const Scanners&) = delete;
+
+    // Starts both workers' threads; once.
+    void start();
+    // The parameters of a start of watching, for the batches to come.
+    void configure(const std::shared_ptr<const ScanParameters>& parameters);
+    // Kills the clamdscan clients running now (the queue is emptied apart).
+    void killClients() { clients_.killAll(); }
+    // Files found clean are scanned again from now on (new definitions).
+    void forgetCleanFiles() { knownClean_.clear(); }
+
+private:
+    ScanClients clients_;
+    FileMemory findings_{kFindingsRemembered};
+    FileMemory knownClean_{kCleanFilesRemembered};
+    PatientScanner first_;
+    PatientScanner second_;
+    std::vector<std::thread> threads_;
+};
+
+} // namespace kv

@@ -1,0 +1,128 @@
+#pragma once
+
+// What the scanner tests share: recording dialogs, a recording host around
+// a real engine supervisor, and a scanner of the test's own that scans one
+// batch at a time with a real clamd.
+
+#include "engine/ClamdSupervisor.h"
+#include "queue/Dispatcher.h"
+#include "scan/FileIdentity.h"
+#include "scan/PatientScanner.h"
+#include "scan/ScanActivity.h"
+#include "scan/ScanAlerts.h"
+#include "scan/ScanClients.h"
+#include "scan/ScannerHost.h"
+#include "tests/support/TestSupport.h"
+
+#include <QJsonObject>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kvtest {
+
+class RecordingAlerts : public kv::ScanAlerts {
+public:
+    struct Shown {
+        std::string dialog;  // "Quarantined", "Warning" or "EngineUnreachable"
+        std::string owner;
+        std::string text;    // quarantine folder, output line or message
+        std::string quitTitle;
+        std::string path;    // the found file's real name, for a warning
+    };
+    bool loads = true;  // false: the interface files cannot be loaded
+    // Set: a warning dialog throws it, as a failing desktop would.
+    std::optional<std::string> warningThrows;
+    bool showQuarantinedDialog(const std::string& owner, const std::string& folder) override;
+    bool showWarningDialog(const std::string& owner, const std::string& line, const std::string& path) override;
+    bool showEngineUnreachableDialog(const std::string& owner, const std::string& message,
+                                     const std::string& quitTitle) override;
+    std::vector<Shown> shown() const;
+
+private:
+    bool record(Shown shown);
+    mutable std::mutex mutex_;
+    std::vector<Shown> shown_;
+};
+
+
+// A scanner host around a real supervisor of the engine at a prefix, which
+// records what the user would be told.
+class RecordingScannerHost : public kv::ScannerHost {
+public:
+    // The engine of the prefix, as a start of watching finds it.
+    RecordingScannerHost(const std::string& enginePrefix, const std::string& privateFolder);
+
+    kv::ClamdSupervisor& clamd() override { return clamd_; }
+    bool clamdStillAlive() override { return clamd_.clamdStillAlive(); }
+    bool recoverFromCrashedClamd(uint64_t generation) override;
+    void engineAnswered() override {}
+    void engineUnreachable(const std::string& scannerName) override;
+    void noEnginePanic() override;
+    bool displayGrowlDialog(kv::NotificationKind kind, const std::string& description) override;
+    kv::ScanAlerts* scanAlerts() const override { return const_cast<RecordingAlerts*>(&alerts); }
+
+    // What was told, in order: "panic", "unreachable", and each
+    // notification as its kind's number and its description.
+    std::vector<std::string> told() const;
+    RecordingAlerts alerts;
+
+private:
+    void tell(std::string what);
+    kv::ClamdSupervisor clamd_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> told_;  // guarded by mutex_
+};
+
+// One scanning worker of the test's own ("firstPatientScanner") with its own
+// queue, on a host: a recording one, or the controller itself.
+class TestScanner {
+public:
+    explicit TestScanner(kv::ScannerHost& host) : host_(host) {}
+
+    // The parameters a start of watching with these settings would give.
+    void configure(std::shared_ptr<const kv::Settings> settings, const std::string& enginePrefix,
+                   const std::string& privateFolder);
+    // Queues the paths, runs one queue cycle and one batch; returns what
+    // the batch wrote to the scan log.
+    std::string scan(const std::vector<std::string>& paths);
+
+    kv::ScanActivity activity;
+    kv::ScanClients clients;
+    kv::FileMemory findings{64};
+    kv::FileMemory knownClean{64};
+
+private:
+    kv::ScannerHost& host_;
+    kv::Dispatcher queue_{[] {}};
+    kv::PatientScanner scanner_{"firstPatientScanner", {host_, queue_, activity, clients, findings, knownClean}};
+};
+
+// The scanner tests: one clamd from Debian for the whole suite (started
+// once, it is the slowest part), and for each test a private home, a
+// recording host and a scanner.
+class ScanTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+
+    // The scanner with these preferences; "~" is the test's home.
+    void configure(const QJsonObject& preferences = {});
+    std::string scan(const std::vector<std::string>& paths) { return scanner_.scan(paths); }
+    // A file of the watched folder with its contents.
+    std::string file(const std::string& name, const std::string& contents);
+
+    static EnginePrefix* engine_;
+    TempDir home_;
+    ScopedEnv homeEnv_{"HOME", home_.path()};
+    ScopedEnv data_{"XDG_DATA_HOME", home_ / "data"};
+    RecordingScannerHost host_{engine_->path(), home_.path() + "/"};
+    TestScanner scanner_{host_};
+    LogCapture log_;
+};
+
+} // namespace kvtest
