@@ -161,25 +161,33 @@ TEST(InfectionDialogs, QuarantineAndEngineUnreachableDialogs)
 }
 
 // A flood of findings in warn mode: the first few get warning dialogs, the
-// rest one summary window listing them (escaped, as the dialogs show them).
-// Dismiss All leaves every file; Move All to Trash moves each listed file
-// that still is a plain file, and keeps listing the one that is not.
+// rest one summary window listing them (escaped, as the dialogs show them),
+// up to its cap; past it they are counted. Dismiss All leaves every file;
+// Move All to Trash moves each listed file that still is a plain file, keeps
+// listing the one that is not, and leaves the unlisted ones.
 TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
 {
     struct Case {
         const char* button;
         bool trashed;
+        int findings;
     };
-    const Case cases[] = {{"dismissAllButton", false}, {"moveAllToTrashButton", true}};
+    const int kMost = kv::FindingsSummary::kMostListedFindings;
+    const Case cases[] = {
+        {"dismissAllButton", false, 40},
+        {"moveAllToTrashButton", true, 40},
+        {"moveAllToTrashButton", true, 3 + kMost + 2},
+    };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.button);
+        SCOPED_TRACE(std::string(c.button) + " of " + std::to_string(c.findings));
         kvtest::TempDir data;
         kvtest::ScopedEnv home("HOME", data.path());
         kvtest::ScopedEnv dataHome("XDG_DATA_HOME", data / "share");
         kvtest::DesktopAgent agent;
         kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
         dialogs.setKorvaneVelgarController(agent.controller);
-        const int findings = 40;
+        const int findings = c.findings;
+        const int listed = std::min(findings - 3, kMost);
         std::vector<std::string> files;
         for (int i = 0; i < findings; ++i) {
             // One name with a line break, shown escaped.
@@ -196,7 +204,14 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         ASSERT_TRUE(summary);
         EXPECT_TRUE(summary->isVisible());
         auto* list = summary->findChild<QListView*>("findings");
-        ASSERT_EQ(list->model()->rowCount(), findings - 3);
+        ASSERT_EQ(list->model()->rowCount(), listed);
+        auto* unlisted = summary->findChild<QLabel*>("unlisted");
+        EXPECT_EQ(unlisted->isVisible(), listed < findings - 3);
+        if (listed < findings - 3) {
+            EXPECT_TRUE(unlisted->text().startsWith("and 2 more, not listed")) << unlisted->text().toStdString();
+        }
+        EXPECT_EQ(summary->findChild<QLabel*>("headline")->text().toStdString(),
+                  std::to_string(findings - 3) + " more infected files found");
         EXPECT_EQ(list->model()->index(7, 0).data().toString().toStdString(),
                   data / "Downloads/10\\nnext.com: Eicar FOUND");
         // One listed name now leads to a folder: not what was found.
@@ -206,7 +221,7 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         QTest::mouseClick(summary->findChild<QPushButton*>(c.button), Qt::LeftButton);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         for (int i = 0; i < findings; ++i) {
-            const bool moved = c.trashed && i >= 3 && i != 20;
+            const bool moved = c.trashed && i >= 3 && i < 3 + listed && i != 20;
             EXPECT_EQ(exists(files[i]), !moved) << files[i];
             const std::string name = std::filesystem::path(files[i]).filename();
             EXPECT_EQ(exists(data / ("share/Trash/files/" + name)), moved) << name;
@@ -218,11 +233,13 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         std::error_code none;
         const auto trashed = std::distance(std::filesystem::directory_iterator(data / "share/Trash/files", none),
                                            std::filesystem::directory_iterator());
-        EXPECT_EQ(trashed, c.trashed ? findings - 4 : 0) << "nothing else is moved";
+        EXPECT_EQ(trashed, c.trashed ? listed - 1 : 0) << "nothing else is moved";
         if (c.trashed) {
             ASSERT_TRUE(summary) << "the folder is still listed";
             EXPECT_EQ(summary->foundPaths(), std::vector<std::string>{files[20]});
-            EXPECT_TRUE(summary->findChild<QLabel*>("problem")->isVisible());
+            auto* problem = summary->findChild<QLabel*>("problem");
+            EXPECT_TRUE(problem->isVisible());
+            EXPECT_EQ(problem->text().contains("The 2 not listed were not moved"), listed < findings - 3);
             EXPECT_EQ(agent.workspace.beeps, 1);
             QTest::mouseClick(summary->findChild<QPushButton*>("dismissAllButton"), Qt::LeftButton);
             QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
