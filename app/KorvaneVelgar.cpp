@@ -10,7 +10,7 @@
 #include "platform/Preferences.h"
 #include "platform/SleepEvents.h"
 #include "platform/VolumeEvents.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <dirent.h>
 #include <sys/stat.h>

@@ -14,7 +14,7 @@
 #include "scan/Relocation.h"
 #include "scan/ScanAlerts.h"
 #include "scan/ScannerHost.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

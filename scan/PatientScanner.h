@@ -4,7 +4,7 @@
 #include "platform/ChildProcess.h"
 #include "platform/Settings.h"
 #include "scan/ScanResults.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <atomic>
 #include <cstdint>

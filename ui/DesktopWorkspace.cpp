@@ -7,7 +7,7 @@
 #include "platform/QuarantineRecords.h"
 #include "platform/UniqueFd.h"
 #include "scan/Relocation.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <QApplication>
 #include <QDBusMessage>

@@ -1,4 +1,4 @@
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include "platform/FileWriting.h"
 #include "platform/LongPath.h"
