@@ -1,28 +1,17 @@
 #include "ui/DesktopWorkspace.h"
 
 #include "platform/Log.h"
-#include "platform/LongPath.h"
 #include "platform/PathText.h"
-#include "platform/Paths.h"
 #include "platform/QuarantineRecords.h"
-#include "platform/UniqueFd.h"
-#include "scan/Relocation.h"
-#include "platform/TrashInfo.h"
 
 #include <QApplication>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QUrl>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <ctime>
 
 namespace kv {
 
@@ -79,38 +68,26 @@ void DesktopWorkspace::revealFile(const std::string& path)
 
 bool DesktopWorkspace::recycleFile(const std::string& path)
 {
-    // The name is moved as the bytes it is, not through a QString: a name
-    // that is not UTF-8 would otherwise be turned into another name, which
-    // another file may carry. The file is opened without following a link,
-    // and the move takes only that very file, into the Trash the desktop
-    // knows, with its .trashinfo.
-    // A folder on the way that became a link since the file was found
-    // could lead to a file of the user's own under the same name.
-    if (!openParentWithoutLinks(path).folder) {
-        nsLogf("%s was not moved to the Trash: a folder on the way is a link", displayText(path).c_str());
+    // The file's folder is walked to once, without following a link, and
+    // everything after acts on the folder held and the name's bytes: a
+    // folder on the way swapped for a link since the file was found (or
+    // while it is moved) never leads to a file of the user's own under the
+    // same name. Only a regular file is moved, with its .trashinfo.
+    std::string why;
+    const std::optional<WalkedFile> file = walkToFile(path, &why);
+    if (!file) {
+        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
         return false;
     }
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat info{};
-    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) || !ensureTrashFolders())
-        return false;
-    std::string why;
-    const std::optional<std::string> moved = moveScannedFile(path, file.get(), trashFilesFolder(), &why);
+    // Only found files are moved from the agent's windows: the Quarantine
+    // page lists them with the agent's own moves.
+    const std::optional<QuarantineRecord> moved = QuarantineRecords().moveToTrash(*file, &why);
     if (!moved) {
         nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
         return false;
     }
-    const std::time_t now = std::time(nullptr);
-    writeTrashInfo(MovedLine{path, *moved}, now);
-    // Only found files are moved from the agent's windows: the Quarantine
-    // page lists them with the agent's own moves.
-    QuarantineRecord record;
-    record.originalPath = path;
-    record.storedPath = *moved;
-    record.movedAt = now;
-    record.place = QuarantineRecord::Place::Trash;
-    if (!QuarantineRecords().record(record, &why))
-        nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(path).c_str(), why.c_str());
+    if (!why.empty())
+        nsLogf("%s was moved to the Trash, but: %s", displayText(file->path).c_str(), why.c_str());
     return true;
 }
 
