@@ -11,9 +11,13 @@ namespace kv {
 // manager's org.freedesktop.FileManager1 interface for revealing a file, the
 // user's Trash (with the .trashinfo the desktop restores from, and a line in
 // the quarantine index), `gio launch` for a desktop entry, and the
-// application's beep. A file is moved to the Trash only through folders
-// walked to without following a link (walkToFile, QuarantineRecords.h), and
-// the move acts on the folder held, never on the path again.
+// application's beep.
+//
+// A path is handed on as the bytes it is (to xdg-open as its argument, to
+// the file manager percent-encoded byte by byte), never decoded to text. A
+// file is revealed or moved to the Trash only through folders walked to
+// without following a link (walkToFile, QuarantineRecords.h), and the move
+// acts on the folder held, never on the path again.
 //
 // Main thread only. Programs it starts are reaped when they end; nothing
 // waits for them on the main thread.
