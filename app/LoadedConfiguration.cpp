@@ -5,7 +5,7 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

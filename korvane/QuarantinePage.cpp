@@ -30,9 +30,10 @@ namespace {
 QString shown(const std::string& path) { return QString::fromStdString(displayText(path)); }
 
 // A file moved from one of the agent's warning windows carries no signature.
+// A signature is the engine's text, shown escaped the way a name is.
 QString signatureText(const QuarantineRecord& record)
 {
-    return record.signature.empty() ? QObject::tr("moved from a warning") : QString::fromStdString(record.signature);
+    return record.signature.empty() ? QObject::tr("moved from a warning") : shown(record.signature);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,5 +19,17 @@ bool copyContents(int from, int to);
 // reported through *replacedLink), so a link planted by someone else can
 // never redirect the write.
 bool writeFileNoFollow(const std::string& path, std::string_view text, bool* replacedLink = nullptr);
+
+// Moves the entry name of the folder held by from into the folder held by
+// into, under the same name or, when that is taken, NAME.001, NAME.002, ...;
+// nothing there is ever replaced. Both folders are descriptors, so no path
+// is looked up again: a folder on the way swapped for a link since it was
+// opened changes nothing. Only the file held by file (opened from that entry
+// for reading) is moved: the entry must still lead to it just before it
+// goes. Across file systems its contents are copied into a new file of mode
+// 0600 (a moved-away file's old mode says nothing about who should read it)
+// and the entry is then removed. Returns the name in into, or nothing with
+// *why set.
+std::optional<std::string> moveIntoFolder(int from, const std::string& name, int file, int into, std::string* why);
 
 } // namespace kv

@@ -2,6 +2,8 @@
 
 #include "platform/Utf8.h"
 
+#include <QChar>
+
 #include <cstdio>
 
 namespace kv {
@@ -26,13 +28,27 @@ char32_t codePoint(std::string_view sequence)
     return point;
 }
 
-// Characters that change how the text around them reads: C1 controls,
-// line and paragraph separators, and the marks that turn text direction
-// (which make "exe.pdf" of "fdp.exe").
+// Characters a reader cannot see for what they are: controls (C1 among
+// them), format characters (zero-width spaces and joiners, the marks that
+// turn text direction and make "exe.pdf" of "fdp.exe", the byte order mark),
+// line and paragraph separators, spaces other than the plain one, private
+// use and unassigned code points. Two different names could otherwise look
+// the same.
 bool mayDeceive(char32_t point)
 {
-    return (point >= 0x80 && point <= 0x9f) || point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e) ||
-           (point >= 0x2066 && point <= 0x2069) || point == 0x061c;
+    switch (QChar::category(point)) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Other_PrivateUse:
+    case QChar::Other_NotAssigned:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    case QChar::Separator_Space:
+        return point != U' ';
+    default:
+        return false;
+    }
 }
 
 } // namespace
@@ -48,8 +64,11 @@ std::string displayText(std::string_view bytes)
             if (const size_t length = sequenceLength(bytes)) {
                 const char32_t point = codePoint(bytes.substr(0, length));
                 if (mayDeceive(point)) {
+                    // Four digits always, or eight past the first plane, so a
+                    // hex digit that follows is never read as part of it.
                     char escape[12];
-                    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(point));
+                    std::snprintf(escape, sizeof escape, point > 0xffff ? "\\U%08x" : "\\u%04x",
+                                  static_cast<unsigned>(point));
                     text += escape;
                 } else {
                     text.append(bytes.substr(0, length));

@@ -11,10 +11,14 @@ namespace kv {
 // line break that starts a forged log line, or bytes no text can show:
 // line breaks, returns and tabs become \n, \r and \t, other control
 // characters and every byte that is not part of well-formed UTF-8 become
-// \xNN, characters that change how the text reads (C1 controls, line
-// separators, text direction marks) become \uNNNN, and the backslash itself
-// becomes \\, so the text names exactly one path. Everything else, other
-// scripts included, is shown as it is.
+// \xNN, characters a reader cannot see for what they are (Unicode's
+// controls and format characters: zero-width spaces and joiners, text
+// direction marks and overrides, the byte order mark; line and paragraph
+// separators, every space but the plain one, private-use and unassigned
+// code points) become \uNNNN (\UNNNNNNNN past U+FFFF), and the backslash
+// itself becomes \\, so the text names exactly one path and two different
+// names never look the same. Everything else, other scripts included, is
+// shown as it is.
 std::string displayText(std::string_view bytes);
 
 // A path as a .trashinfo Path= key and the agent's own records keep it: every

@@ -4,6 +4,7 @@
 #include "platform/LongPath.h"
 #include "platform/PathText.h"
 #include "platform/Paths.h"
+#include "platform/TrashInfo.h"
 #include "platform/UniqueFd.h"
 
 #include <fcntl.h>
@@ -21,6 +22,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <set>
 #include <tuple>
@@ -252,7 +254,8 @@ bool openRecorded(const QuarantineRecord& record, StoredFile* stored, std::strin
     return true;
 }
 
-// The .trashinfo of a file in a Trash's files folder: <Trash>/info/<name>.trashinfo.
+// The .trashinfo of a file in a Trash's files folder: <Trash>/info/<name>.trashinfo,
+// reached from the files folder already checked, never by its path again.
 void removeTrashInfo(const QuarantineRecord& record, const StoredFile& stored)
 {
     if (record.place != QuarantineRecord::Place::Trash)
@@ -263,10 +266,10 @@ void removeTrashInfo(const QuarantineRecord& record, const StoredFile& stored)
     if (slash == std::string::npos || slash < kFiles.size() ||
         std::string_view(path).substr(slash - kFiles.size(), kFiles.size()) != kFiles)
         return;
-    const std::string info = path.substr(0, slash - kFiles.size()) + "/info";
-    const UniqueFd folder = openPath(info, O_PATH | O_DIRECTORY | O_NOFOLLOW);
-    if (folder)
-        ::unlinkat(folder.get(), (stored.at.name + ".trashinfo").c_str(), 0);
+    const UniqueFd trash(::openat(stored.at.folder.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd info(trash ? ::openat(trash.get(), "info", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
+    if (info)
+        ::unlinkat(info.get(), (stored.at.name + ".trashinfo").c_str(), 0);
 }
 
 // The move back to another file system: a new file at the original name,
@@ -301,6 +304,36 @@ bool copyBack(const StoredFile& stored, const ParentAndName& target, mode_t mode
 
 } // namespace
 
+std::optional<WalkedFile> walkToFile(const std::string& path, std::string* error)
+{
+    std::string walked;
+    for (size_t start = 0; start < path.size();) {
+        const size_t slash = std::min(path.find('/', start), path.size());
+        const std::string_view name = std::string_view(path).substr(start, slash - start);
+        if (name == "." || name == "..") {
+            fail(error, shown(path) + " is not a plain path: it holds \".\" or \"..\"");
+            return std::nullopt;
+        }
+        if (!name.empty()) {
+            walked += '/';
+            walked += name;
+        }
+        start = slash + 1;
+    }
+    if (!path.starts_with('/') || walked.empty()) {
+        fail(error, shown(path) + " is not the full path of a file");
+        return std::nullopt;
+    }
+    ParentAndName at = openParentWithoutLinks(walked);
+    if (!at.folder) {
+        fail(error, errno == ENOENT                       ? "A folder on the way to " + shown(path) + " is gone"
+                    : errno == ELOOP || errno == ENOTDIR ? "A folder on the way to " + shown(path) + " is a link"
+                                                          : "Can't open the folder of " + shown(path) + ": " + reason());
+        return std::nullopt;
+    }
+    return WalkedFile{std::move(at.folder), std::move(at.name), std::move(walked)};
+}
+
 QuarantineRecords::QuarantineRecords(std::string indexPath) : indexPath_(std::move(indexPath)) {}
 
 std::string QuarantineRecords::defaultIndexPath() { return joinPath(dataHome(), "korvane/quarantine.jsonl"); }
@@ -316,6 +349,63 @@ bool QuarantineRecords::record(QuarantineRecord record, std::string* error)
         return fail(error, shown(record.storedPath) + " is not a regular file");
     record.device = info.st_dev;
     record.inode = info.st_ino;
+    return append(record, error);
+}
+
+std::optional<QuarantineRecord> QuarantineRecords::moveToTrash(const WalkedFile& file, std::string* error)
+{
+    const UniqueFd found(
+        ::openat(file.folder.get(), file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info{};
+    if (!found || ::fstat(found.get(), &info) != 0) {
+        fail(error, errno == ELOOP ? shown(file.path) + " is a link" : "Can't open " + shown(file.path) + ": " + reason());
+        return std::nullopt;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        fail(error, shown(file.path) + " is not a regular file");
+        return std::nullopt;
+    }
+    std::string why;
+    const OpenTrash trash = openTrash(&why);
+    if (!trash.files) {
+        fail(error, why);
+        return std::nullopt;
+    }
+    const std::optional<std::string> name =
+        moveIntoFolder(file.folder.get(), file.name, found.get(), trash.files.get(), &why);
+    if (!name) {
+        fail(error, why);
+        return std::nullopt;
+    }
+    QuarantineRecord record;
+    record.originalPath = file.path;
+    record.storedPath = joinPath(trashFilesFolder(), *name);
+    record.movedAt = std::time(nullptr);
+    record.place = QuarantineRecord::Place::Trash;
+    // The file is in the Trash: what follows can only fail to say so.
+    std::vector<std::string> problems;
+    if (!writeTrashInfoAt(trash.info.get(), *name, file.path, record.movedAt))
+        problems.push_back("Can't write its .trashinfo: " + reason());
+    // Looked at in the user's own Trash, by the folder it was just moved into.
+    struct stat stored{};
+    if (::fstatat(trash.files.get(), name->c_str(), &stored, AT_SYMLINK_NOFOLLOW) == 0) {
+        record.device = stored.st_dev;
+        record.inode = stored.st_ino;
+        if (!append(record, &why))
+            problems.push_back(why);
+    } else {
+        problems.push_back("Can't examine " + shown(record.storedPath) + ": " + reason());
+    }
+    if (error) {
+        error->clear();
+        for (const std::string& problem : problems)
+            *error += (error->empty() ? "" : "; ") + problem;
+    }
+    return record;
+}
+
+bool QuarantineRecords::append(const QuarantineRecord& record, std::string* error)
+{
     UniqueFd index;
     if (openIndex(indexPath_, O_WRONLY | O_CREAT | O_APPEND, &index, error) != IndexState::Open)
         return false;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "platform/UniqueFd.h"
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +19,23 @@ struct QuarantineRecord {
     Place place = Place::Quarantine;
     std::uint64_t device = 0, inode = 0; // of the stored file, taken when it was recorded
 };
+
+// A found file's folder, reached from "/" one name at a time without
+// following a symbolic link and held open, and the file's name in it. Move
+// to Trash acts on these and never looks the path up again: a folder on the
+// way swapped for a link once the walk is done leads nowhere new. path is
+// the path that was walked (its names joined by single slashes).
+struct WalkedFile {
+    UniqueFd folder;
+    std::string name;
+    std::string path;
+};
+
+// Walks to the folder of path. Nothing, with *error, when path is not a full
+// path of names ("." and ".." are refused: they would walk somewhere the
+// path does not spell), or when a folder on the way is a link, is missing
+// or cannot be opened.
+std::optional<WalkedFile> walkToFile(const std::string& path, std::string* error);
 
 // The index of the files the agent moved away: $XDG_DATA_HOME/korvane/quarantine.jsonl
 // (~/.local/share when unset), one JSON object a line, appended by the agent.
@@ -39,10 +59,13 @@ struct QuarantineRecord {
 // descriptors, so a window remains between that check and the call: it lies
 // inside the quarantine folder or Trash, which are the user's own.
 //
-// Folders on the way to a path are opened the ordinary way, except for
-// paths past PATH_MAX (LongPath.h), which are walked without following any
-// link; on a short path a link planted in a sticky world-writable folder is
-// refused by the kernel itself (fs.protected_symlinks).
+// Folders on the way to a stored file and to the index are opened the
+// ordinary way, except for paths past PATH_MAX (LongPath.h), which are
+// walked without following any link; on a short path a link planted in a
+// sticky world-writable folder is refused by the kernel itself
+// (fs.protected_symlinks). The folders on the way to where a file came from
+// (the move to the Trash, the restore) are walked without following any
+// link, and only their descriptors are acted on.
 //
 // An object holds only its path: any number may be used at once, from any
 // thread.
@@ -54,6 +77,13 @@ public:
 
     // Agent: takes device and inode from the stored file (lstat, never following a link) and appends one line.
     bool record(QuarantineRecord record, std::string* error);
+    // Desktop (Move to Trash in the agent's warning windows): moves the regular file file.name of the walked
+    // folder into the user's Trash (openTrash, TrashInfo.h) the way moveIntoFolder does (FileWriting.h), writes
+    // its .trashinfo by the info folder's descriptor, and records it, both with file.path. Nothing, with *error,
+    // when nothing was moved (the name is gone, a link, not a regular file; the Trash is refused). A record
+    // when the file was moved; *error then says what could not be written after the move (the .trashinfo,
+    // the index), and is empty when nothing went wrong.
+    std::optional<QuarantineRecord> moveToTrash(const WalkedFile& file, std::string* error);
     // The records whose stored file still is the file that was recorded (same device and inode, a regular file),
     // newest first. A missing index is an empty list; a damaged line is skipped (and counted in *skipped).
     std::vector<QuarantineRecord> current(std::string* error, int* skipped = nullptr) const;
@@ -67,6 +97,8 @@ public:
     bool remove(const QuarantineRecord& record, std::string* error);
 
 private:
+    // Appends the record's line as it is.
+    bool append(const QuarantineRecord& record, std::string* error);
     // Drops the lines whose file is gone; false when the index could not be
     // rewritten. Best effort: a record of a file that is gone is never
     // listed anyway.

@@ -19,7 +19,7 @@
 #include "scan/ScanAlerts.h"
 #include "scan/ScanClients.h"
 #include "scan/ScannerHost.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

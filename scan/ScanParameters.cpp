@@ -1,6 +1,6 @@
 #include "scan/ScanParameters.h"
 
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 
 namespace kv {
 

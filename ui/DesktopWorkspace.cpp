@@ -1,73 +1,113 @@
 #include "ui/DesktopWorkspace.h"
 
+#include "platform/ChildProcess.h"
 #include "platform/Log.h"
-#include "platform/LongPath.h"
 #include "platform/PathText.h"
-#include "platform/Paths.h"
 #include "platform/QuarantineRecords.h"
 #include "platform/UniqueFd.h"
-#include "scan/Relocation.h"
-#include "scan/TrashInfo.h"
 
 #include <QApplication>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
+#include <QSocketNotifier>
 #include <QStandardPaths>
-#include <QUrl>
 
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <ctime>
+#include <cerrno>
+#include <cstring>
 
 namespace kv {
+namespace {
+
+// One xdg-open, reaped from the event loop when it ends: it may stay until
+// the application it started ends (on a desktop without its own opener it
+// runs the program in the foreground), so nothing waits for it. Its pidfd
+// turns readable when it ends. One still running when the workspace goes is
+// killed and reaped, as Qt does with its own processes.
+class Opener : public QObject {
+public:
+    Opener(ChildProcess child, UniqueFd ended, std::function<void(bool opened)> done, QObject* parent)
+        : QObject(parent), child_(std::move(child)), ended_(std::move(ended)), done_(std::move(done)),
+          notifier_(ended_.get(), QSocketNotifier::Read, this)
+    {
+        connect(&notifier_, &QSocketNotifier::activated, this, [this] {
+            notifier_.setEnabled(false);
+            const bool opened = child_.wait() == 0;
+            if (done_)
+                done_(opened);
+            deleteLater();
+        });
+    }
+    ~Opener() override
+    {
+        if (child_.running())
+            ::kill(child_.pid(), SIGKILL);
+    }
+
+private:
+    ChildProcess child_;
+    UniqueFd ended_;
+    std::function<void(bool opened)> done_;
+    QSocketNotifier notifier_;
+};
+
+} // namespace
 
 DesktopWorkspace::DesktopWorkspace(QDBusConnection bus, QObject* parent) : QObject(parent), bus_(std::move(bus)) {}
 
 void DesktopWorkspace::openPath(const std::string& path, std::function<void(bool opened)> done)
 {
-    // xdg-open may stay until the application it started ends (on a desktop
-    // without its own opener it runs the program in the foreground), so it is
-    // reaped from the event loop rather than waited for.
-    auto* opener = new QProcess(this);
-    opener->setStandardOutputFile(QProcess::nullDevice());
-    opener->setStandardErrorFile(QProcess::nullDevice());
-    auto reported = std::make_shared<bool>(false);
-    auto report = [opener, done = std::move(done), reported](bool opened) {
-        if (*reported)
-            return;
-        *reported = true;
-        opener->deleteLater();
-        if (done)
-            done(opened);
-    };
-    connect(opener, &QProcess::finished, this, [report](int exitCode, QProcess::ExitStatus status) {
-        report(status == QProcess::NormalExit && exitCode == 0);
-    });
-    connect(opener, &QProcess::errorOccurred, this, [report](QProcess::ProcessError error) {
-        if (error == QProcess::FailedToStart)
-            report(false);
-    });
-    opener->start(QStringLiteral("xdg-open"), {QString::fromStdString(path)});
+    // The path goes to xdg-open as the bytes it is: through a QString a byte
+    // that is not UTF-8 would become a replacement character, and the folder
+    // opened would be a look-alike that someone else may have made.
+    std::optional<ChildProcess> opener = ChildProcess::spawn({"xdg-open", path}, ChildProcess::Output::Null);
+    // Through syscall(2): Debian 12's <sys/pidfd.h> declares pidfd_open
+    // without C linkage.
+    UniqueFd ended(opener ? static_cast<int>(::syscall(SYS_pidfd_open, opener->pid(), 0)) : -1);
+    if (ended) {
+        new Opener(std::move(*opener), std::move(ended), std::move(done), this);
+        return;
+    }
+    // Not started, or one that cannot be watched (a kernel before 5.3): the
+    // main thread never waits for it, and the answer still comes later.
+    if (opener) {
+        nsLogf("xdg-open cannot be watched: %s", std::strerror(errno));
+        ::kill(opener->pid(), SIGKILL);
+    }
+    if (done)
+        QMetaObject::invokeMethod(this, [done = std::move(done)] { done(false); }, Qt::QueuedConnection);
 }
 
 void DesktopWorkspace::revealFile(const std::string& path)
 {
-    const QString uri = QUrl::fromLocalFile(QString::fromStdString(path)).toString(QUrl::FullyEncoded);
+    // The folders on the way are walked without following a link, as Move to
+    // Trash does: a folder swapped for a link would show the file manager
+    // somewhere else under the same name.
+    std::string why;
+    const std::optional<WalkedFile> file = walkToFile(path, &why);
+    if (!file) {
+        nsLogf("%s is not shown in its folder: %s", displayText(path).c_str(), why.c_str());
+        return;
+    }
+    // The URI carries the walked path's bytes, each one that is not
+    // unreserved percent-encoded, never a decoded name.
+    const QString uri = QStringLiteral("file://") + QString::fromLatin1(percentEncodePath(file->path));
+    const size_t slash = file->path.rfind('/');
+    const std::string folder = slash == 0 ? "/" : file->path.substr(0, slash);
+    if (!bus_.isConnected()) {
+        openPath(folder);
+        return;
+    }
     QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
                                                        QStringLiteral("/org/freedesktop/FileManager1"),
                                                        QStringLiteral("org.freedesktop.FileManager1"),
                                                        QStringLiteral("ShowItems"));
     call << QStringList{uri} << QString();
-    const std::string folder = QFileInfo(QString::fromStdString(path)).absolutePath().toStdString();
-    if (!bus_.isConnected()) {
-        openPath(folder);
-        return;
-    }
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, folder] {
         watcher->deleteLater();
@@ -79,38 +119,26 @@ void DesktopWorkspace::revealFile(const std::string& path)
 
 bool DesktopWorkspace::recycleFile(const std::string& path)
 {
-    // The name is moved as the bytes it is, not through a QString: a name
-    // that is not UTF-8 would otherwise be turned into another name, which
-    // another file may carry. The file is opened without following a link,
-    // and the move takes only that very file, into the Trash the desktop
-    // knows, with its .trashinfo.
-    // A folder on the way that became a link since the file was found
-    // could lead to a file of the user's own under the same name.
-    if (!openParentWithoutLinks(path).folder) {
-        nsLogf("%s was not moved to the Trash: a folder on the way is a link", displayText(path).c_str());
+    // The file's folder is walked to once, without following a link, and
+    // everything after acts on the folder held and the name's bytes: a
+    // folder on the way swapped for a link since the file was found (or
+    // while it is moved) never leads to a file of the user's own under the
+    // same name. Only a regular file is moved, with its .trashinfo.
+    std::string why;
+    const std::optional<WalkedFile> file = walkToFile(path, &why);
+    if (!file) {
+        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
         return false;
     }
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat info{};
-    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) || !ensureTrashFolders())
-        return false;
-    std::string why;
-    const std::optional<std::string> moved = moveScannedFile(path, file.get(), trashFilesFolder(), &why);
+    // Only found files are moved from the agent's windows: the Quarantine
+    // page lists them with the agent's own moves.
+    const std::optional<QuarantineRecord> moved = QuarantineRecords().moveToTrash(*file, &why);
     if (!moved) {
         nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
         return false;
     }
-    const std::time_t now = std::time(nullptr);
-    writeTrashInfo(MovedLine{path, *moved}, now);
-    // Only found files are moved from the agent's windows: the Quarantine
-    // page lists them with the agent's own moves.
-    QuarantineRecord record;
-    record.originalPath = path;
-    record.storedPath = *moved;
-    record.movedAt = now;
-    record.place = QuarantineRecord::Place::Trash;
-    if (!QuarantineRecords().record(record, &why))
-        nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(path).c_str(), why.c_str());
+    if (!why.empty())
+        nsLogf("%s was moved to the Trash, but: %s", displayText(file->path).c_str(), why.c_str());
     return true;
 }
 

@@ -9,8 +9,15 @@ namespace kv {
 
 // The freedesktop workspace: xdg-open for files and folders, the file
 // manager's org.freedesktop.FileManager1 interface for revealing a file, the
-// Trash through Qt (which writes the .trashinfo the desktop restores from),
-// `gio launch` for a desktop entry, and the application's beep.
+// user's Trash (with the .trashinfo the desktop restores from, and a line in
+// the quarantine index), `gio launch` for a desktop entry, and the
+// application's beep.
+//
+// A path is handed on as the bytes it is (to xdg-open as its argument, to
+// the file manager percent-encoded byte by byte), never decoded to text. A
+// file is revealed or moved to the Trash only through folders walked to
+// without following a link (walkToFile, QuarantineRecords.h), and the move
+// acts on the folder held, never on the path again.
 //
 // Main thread only. Programs it starts are reaped when they end; nothing
 // waits for them on the main thread.

@@ -16,7 +16,8 @@
 namespace kv {
 
 FindingsSummary::FindingsSummary(Workspace& workspace, QWidget* parent)
-    : QDialog(parent), workspace_(workspace), headline_(new QLabel(this)), problem_(new QLabel(this)),
+    : QDialog(parent), workspace_(workspace), headline_(new QLabel(this)), more_(new QLabel(this)),
+      problem_(new QLabel(this)),
       list_(new QListView(this)), lines_(new QStringListModel(this))
 {
     setObjectName("findingsSummary");
@@ -34,6 +35,9 @@ FindingsSummary::FindingsSummary(Workspace& workspace, QWidget* parent)
                                       "they are safe: you can still restore them from there."),
                                    this);
     explanation->setWordWrap(true);
+    more_->setObjectName("unlisted");
+    more_->setWordWrap(true);
+    more_->hide();
     problem_->setObjectName("problem");
     problem_->setTextFormat(Qt::PlainText);
     problem_->setWordWrap(true);
@@ -63,12 +67,18 @@ FindingsSummary::FindingsSummary(Workspace& workspace, QWidget* parent)
     layout->addWidget(headline_);
     layout->addWidget(explanation);
     layout->addWidget(list_, 1);
+    layout->addWidget(more_);
     layout->addWidget(problem_);
     layout->addLayout(buttons);
 }
 
 void FindingsSummary::addFinding(const std::string& shownLine, const std::string& foundPath)
 {
+    if (count() >= kMostListedFindings) {
+        ++unlisted_;
+        updateHeadline();
+        return;
+    }
     const int row = lines_->rowCount();
     lines_->insertRows(row, 1);
     lines_->setData(lines_->index(row), QString::fromStdString(shownLine));
@@ -78,8 +88,12 @@ void FindingsSummary::addFinding(const std::string& shownLine, const std::string
 
 void FindingsSummary::updateHeadline()
 {
-    headline_->setText(count() == 1 ? tr("1 more infected file found")
-                                    : tr("%1 more infected files found").arg(count()));
+    const int found = count() + unlisted_;
+    headline_->setText(found == 1 ? tr("1 more infected file found") : tr("%1 more infected files found").arg(found));
+    more_->setVisible(unlisted_ > 0);
+    more_->setText(tr("and %1 more, not listed here: the scan log names each of them. Move All to Trash moves only "
+                      "the listed files.")
+                       .arg(unlisted_));
 }
 
 void FindingsSummary::moveAllToTrash()
@@ -103,24 +117,33 @@ void FindingsSummary::moveAllToTrash()
         keptLines.push_back(lines.value(int(row)));
         keptPaths.push_back(path);
     }
-    if (keptPaths.empty()) {
-        foundPaths_.clear();
+    lines_->setStringList(keptLines);
+    foundPaths_ = std::move(keptPaths);
+    if (foundPaths_.empty() && unlisted_ == 0) {
         close();
         return;
     }
-    lines_->setStringList(keptLines);
-    foundPaths_ = std::move(keptPaths);
     updateHeadline();
-    problem_->setText(tr("%1 of these could not be moved to the Trash: each is gone, or no longer a plain file. "
-                         "They are still listed above.")
-                          .arg(count()));
+    QString problem;
+    if (count() > 0)
+        problem = tr("%1 of these could not be moved to the Trash: each is gone, or no longer a plain file. "
+                     "They are still listed above.")
+                      .arg(count());
+    // The findings past the list are where they were found: the window
+    // stays to say so rather than close as if nothing were left.
+    if (unlisted_ > 0)
+        problem += (problem.isEmpty() ? QString() : QStringLiteral(" ")) +
+                   tr("The %1 not listed were not moved: they are still where they were found.").arg(unlisted_);
+    problem_->setText(problem);
     problem_->show();
-    workspace_.beep();
+    if (count() > 0)
+        workspace_.beep();
 }
 
 void FindingsSummary::dismissAll()
 {
     foundPaths_.clear();
+    unlisted_ = 0;
     close();
 }
 

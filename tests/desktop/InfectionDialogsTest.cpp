@@ -8,12 +8,15 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 #include <gtest/gtest.h>
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QDBusConnection>
 #include <QListView>
 #include <QStringListModel>
 #include <QDialog>
@@ -24,6 +27,33 @@
 namespace {
 
 using kvtest::exists;
+
+// A file manager on the private bus, on a connection of its own, that keeps
+// the items it is asked to show.
+class FileManager : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+public:
+    FileManager() : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fileManager"))
+    {
+        connection_.registerObject("/org/freedesktop/FileManager1", this, QDBusConnection::ExportAllSlots);
+        connection_.registerService("org.freedesktop.FileManager1");
+    }
+    ~FileManager() override
+    {
+        connection_.unregisterObject("/org/freedesktop/FileManager1");
+        connection_.unregisterService("org.freedesktop.FileManager1");
+        QDBusConnection::disconnectFromBus("fileManager");
+    }
+
+    QStringList shown;
+
+public Q_SLOTS:
+    void ShowItems(const QStringList& uris, const QString&) { shown += uris; }
+
+private:
+    QDBusConnection connection_;
+};
 
 // The visible top-level widget of that object name, if any.
 template <typename T>
@@ -157,26 +187,68 @@ TEST(InfectionDialogs, QuarantineAndEngineUnreachableDialogs)
     EXPECT_FALSE(missing.showQuarantinedDialog("firstPatientScanner", quarantine));
 }
 
+// Show in Folder for a file in a folder whose name is not UTF-8 (a Latin-1
+// "é" where someone else could make a look-alike with the UTF-8 one): the
+// file manager gets the URI of the path's bytes; without a file manager,
+// xdg-open gets the folder's bytes. A path through a folder that is a link
+// is shown nowhere (the file manager's first call is the real one).
+TEST(ShowInFolder, HandsOnThePathsBytes)
+{
+    for (const bool fileManager : {true, false}) {
+        SCOPED_TRACE(fileManager ? "a file manager answers" : "xdg-open");
+        kvtest::TempDir root;
+        const std::string folder = root / "caf\xe9 n\xc3\xa9";
+        std::filesystem::create_directories(folder);
+        std::filesystem::create_directory_symlink(folder, root / "link");
+        kvtest::writeFile(folder + "/x.com", kvtest::eicar());
+        const std::string opened = root / "bin/xdg-open.argument";
+        kvtest::writeFile(root / "bin/xdg-open", "#!/bin/sh\nprintf %s \"$1\" > \"$0.new\" && mv \"$0.new\" \"$0.argument\"\n",
+                          0755);
+        kvtest::ScopedEnv path("PATH", root / "bin:" + std::getenv("PATH"));
+        std::optional<FileManager> manager;
+        if (fileManager)
+            manager.emplace();
+        kv::DesktopWorkspace workspace;
+        workspace.revealFile(root / "link/x.com");
+        workspace.revealFile(folder + "/x.com");
+        if (fileManager) {
+            ASSERT_TRUE(QTest::qWaitFor([&] { return !manager->shown.empty(); }, 10000));
+            EXPECT_EQ(manager->shown.join(' ').toStdString(), "file://" + root.path() + "/caf%E9%20n%C3%A9/x.com");
+        } else {
+            ASSERT_TRUE(QTest::qWaitFor([&] { return exists(opened); }, 10000));
+            EXPECT_EQ(kvtest::readFile(opened), folder);
+        }
+    }
+}
+
 // A flood of findings in warn mode: the first few get warning dialogs, the
-// rest one summary window listing them (escaped, as the dialogs show them).
-// Dismiss All leaves every file; Move All to Trash moves each listed file
-// that still is a plain file, and keeps listing the one that is not.
+// rest one summary window listing them (escaped, as the dialogs show them),
+// up to its cap; past it they are counted. Dismiss All leaves every file;
+// Move All to Trash moves each listed file that still is a plain file, keeps
+// listing the one that is not, and leaves the unlisted ones.
 TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
 {
     struct Case {
         const char* button;
         bool trashed;
+        int findings;
     };
-    const Case cases[] = {{"dismissAllButton", false}, {"moveAllToTrashButton", true}};
+    const int kMost = kv::FindingsSummary::kMostListedFindings;
+    const Case cases[] = {
+        {"dismissAllButton", false, 40},
+        {"moveAllToTrashButton", true, 40},
+        {"moveAllToTrashButton", true, 3 + kMost + 2},
+    };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.button);
+        SCOPED_TRACE(std::string(c.button) + " of " + std::to_string(c.findings));
         kvtest::TempDir data;
         kvtest::ScopedEnv home("HOME", data.path());
         kvtest::ScopedEnv dataHome("XDG_DATA_HOME", data / "share");
         kvtest::DesktopAgent agent;
         kv::InfectionDialogs dialogs(kvtest::resourcesFolder(), agent.workspace);
         dialogs.setQuitAction([&agent] { agent.controller->quit(); });
-        const int findings = 40;
+        const int findings = c.findings;
+        const int listed = std::min(findings - 3, kMost);
         std::vector<std::string> files;
         for (int i = 0; i < findings; ++i) {
             // One name with a line break, shown escaped.
@@ -193,7 +265,9 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         ASSERT_TRUE(summary);
         EXPECT_TRUE(summary->isVisible());
         auto* list = summary->findChild<QListView*>("findings");
-        ASSERT_EQ(list->model()->rowCount(), findings - 3);
+        ASSERT_EQ(list->model()->rowCount(), listed);
+        auto* unlisted = summary->findChild<QLabel*>("unlisted");
+        EXPECT_EQ(unlisted->isVisible() && unlisted->text().startsWith("and 2 more, not listed"), listed < findings - 3);
         EXPECT_EQ(list->model()->index(7, 0).data().toString().toStdString(),
                   data / "Downloads/10\\nnext.com: Eicar FOUND");
         // One listed name now leads to a folder: not what was found.
@@ -203,7 +277,7 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         QTest::mouseClick(summary->findChild<QPushButton*>(c.button), Qt::LeftButton);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         for (int i = 0; i < findings; ++i) {
-            const bool moved = c.trashed && i >= 3 && i != 20;
+            const bool moved = c.trashed && i >= 3 && i < 3 + listed && i != 20;
             EXPECT_EQ(exists(files[i]), !moved) << files[i];
             const std::string name = std::filesystem::path(files[i]).filename();
             EXPECT_EQ(exists(data / ("share/Trash/files/" + name)), moved) << name;
@@ -215,11 +289,13 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
         std::error_code none;
         const auto trashed = std::distance(std::filesystem::directory_iterator(data / "share/Trash/files", none),
                                            std::filesystem::directory_iterator());
-        EXPECT_EQ(trashed, c.trashed ? findings - 4 : 0) << "nothing else is moved";
+        EXPECT_EQ(trashed, c.trashed ? listed - 1 : 0) << "nothing else is moved";
         if (c.trashed) {
             ASSERT_TRUE(summary) << "the folder is still listed";
             EXPECT_EQ(summary->foundPaths(), std::vector<std::string>{files[20]});
-            EXPECT_TRUE(summary->findChild<QLabel*>("problem")->isVisible());
+            auto* problem = summary->findChild<QLabel*>("problem");
+            EXPECT_TRUE(problem->isVisible());
+            EXPECT_EQ(problem->text().contains("The 2 not listed were not moved"), listed < findings - 3);
             EXPECT_EQ(agent.workspace.beeps, 1);
             QTest::mouseClick(summary->findChild<QPushButton*>("dismissAllButton"), Qt::LeftButton);
             QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -234,3 +310,5 @@ TEST(WarningDialogs, FloodOpensAFewDialogsAndOneSummaryOfTheRest)
 }
 
 } // namespace
+
+#include "InfectionDialogsTest.moc"

@@ -50,6 +50,11 @@ TEST(DisplayText, EscapesWhatCouldForgeOrHideText)
         {"/back\\slash", "/back\\\\slash"},
         {"/report\u202efdp.exe", "/report\\u202efdp.exe"},
         {"/line\u2028sep\u0085", "/line\\u2028sep\\u0085"},
+        // Names that would look like others: zero-width characters, a byte
+        // order mark, odd spaces, private use, unassigned, a tag character.
+        {"/pay\u200bpal\u200d\u2060\ufeff.exe", "/pay\\u200bpal\\u200d\\u2060\\ufeff.exe"},
+        {"/no\u00a0break\u3000wide \u2009thin", "/no\\u00a0break\\u3000wide \\u2009thin"},
+        {"/\ue000\U000f0000\u0378\U000e0001f", "/\\ue000\\U000f0000\\u0378\\U000e0001f"},
     };
     for (const auto& [bytes, shown] : cases)
         EXPECT_EQ(kv::displayText(bytes), shown) << shown;

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 
 namespace {
 
@@ -251,6 +252,67 @@ TEST(QuarantineRecords, RestoreToAnotherFileSystem)
     EXPECT_EQ(info.st_mode & 07777, 0755u);
     EXPECT_FALSE(kvtest::exists(scene.stored));
     EXPECT_FALSE(kvtest::exists(scene.trashInfo));
+}
+
+// Move to Trash from a warning window: a neighbour's shared folder holds the
+// found file; the user has a file of the same name in a folder of their own.
+// The neighbour swaps their folder for a link to the user's before the walk
+// (refused) or between the walk and the move (the folder held is moved
+// from, by a copy to another file system); or the Trash is a link. The
+// user's own file never moves, and the record and .trashinfo name the path
+// walked.
+TEST(QuarantineRecords, MoveToTrashActsOnTheFolderWalkedTo)
+{
+    enum class Swap { BeforeWalk, AfterWalk, Trash };
+    struct TrashCase {
+        const char* name;
+        Swap swap;
+        bool otherFileSystem;  // the shared folder on /dev/shm
+        const char* error;     // empty: moved
+    };
+    const TrashCase cases[] = {{"folder a link before the walk", Swap::BeforeWalk, false, "is a link"},
+                               {"folder a link after the walk", Swap::AfterWalk, false, ""},
+                               {"the same, another file system", Swap::AfterWalk, true, ""},
+                               {"the Trash a link", Swap::Trash, false, "a folder on the way is a link"}};
+    for (const TrashCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        kvtest::TempDir root;
+        kvtest::TempDir shm("/dev/shm");
+        kvtest::ScopedEnv data("XDG_DATA_HOME", root / "data");
+        const std::string shared = (c.otherFileSystem ? shm.path() : root.path()) + "/shared/nb";
+        const std::string own = root / "home/docs";
+        fs::create_directories(shared);
+        fs::create_directories(own);
+        kvtest::writeFile(shared + "/x.exe", "found\n");
+        kvtest::writeFile(own + "/x.exe", "the user's own\n");
+        const auto swapFolder = [&] {
+            fs::rename(shared, shared + ".moved");
+            fs::create_directory_symlink(own, shared);
+        };
+        fs::create_directories(root / "data/Trash");
+        if (c.swap == Swap::Trash)
+            fs::create_directory_symlink(own, root / "data/Trash/files");
+        if (c.swap == Swap::BeforeWalk)
+            swapFolder();
+        std::string error;
+        std::optional<kv::WalkedFile> walked = kv::walkToFile(shared + "//x.exe", &error);
+        if (c.swap == Swap::AfterWalk)
+            swapFolder();
+        kv::QuarantineRecords records(root / "data/korvane/quarantine.jsonl");
+        const bool moved = walked && records.moveToTrash(*walked, &error);
+        EXPECT_EQ(moved, !*c.error) << error;
+        EXPECT_TRUE(*c.error ? error.find(c.error) != std::string::npos : error.empty()) << error;
+        EXPECT_EQ(kvtest::readFile(own + "/x.exe"), "the user's own\n");
+        const std::vector<QuarantineRecord> listed = records.current(&error);
+        ASSERT_EQ(listed.size(), moved ? 1u : 0u);
+        if (moved) {
+            EXPECT_EQ(listed[0].originalPath, shared + "/x.exe") << "the path walked";
+            EXPECT_EQ(kvtest::readFile(listed[0].storedPath), "found\n");
+            EXPECT_FALSE(kvtest::exists(shared + ".moved/x.exe"));
+            EXPECT_NE(kvtest::readFile(root / "data/Trash/info/x.exe.trashinfo").find("\nPath=" + shared + "/x.exe\n"),
+                      std::string::npos);
+        }
+    }
 }
 
 } // namespace

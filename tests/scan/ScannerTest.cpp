@@ -5,7 +5,7 @@
 
 #include "platform/QuarantineRecords.h"
 #include "scan/ExclusionPatterns.h"
-#include "scan/TrashInfo.h"
+#include "platform/TrashInfo.h"
 #include "tests/support/ScanSupport.h"
 
 #include <sys/stat.h>

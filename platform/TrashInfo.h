@@ -1,7 +1,8 @@
 #pragma once
 
+#include "platform/UniqueFd.h"
+
 #include <ctime>
-#include <optional>
 #include <string>
 
 namespace kv {
@@ -13,6 +14,18 @@ std::string trashFilesFolder();
 
 // Creates the Trash's files/ and info/ folders (mode 0700) when missing.
 bool ensureTrashFolders();
+
+// The Trash's files/ and info/ folders, held open (O_PATH): made when
+// missing, reached from "/" one name at a time without following a symbolic
+// link, and each the user's alone (the user's own, writable by nobody
+// else), so a file moved in by descriptor lands where the desktop and the
+// Korvane application look, and stays there. Both invalid, with *error,
+// when the Trash is not such a place.
+struct OpenTrash {
+    UniqueFd files;
+    UniqueFd info;
+};
+OpenTrash openTrash(std::string* error);
 
 // What a scanner's "PATH: moved to 'DESTINATION'" line says (read by the
 // scanner, which knows which paths it found).
@@ -28,5 +41,12 @@ struct MovedLine {
 // exists already (it is created, never overwritten, and a link planted
 // there is never followed).
 bool writeTrashInfo(const MovedLine& moved, std::time_t deletionTime);
+
+// The same for a file just moved to files/<name> by descriptor: creates
+// <name>.trashinfo in the info folder held by infoFolder, saying the file
+// came from originalPath, on the same terms (never over an existing entry,
+// never through a link).
+bool writeTrashInfoAt(int infoFolder, const std::string& name, const std::string& originalPath,
+                      std::time_t deletionTime);
 
 } // namespace kv
