@@ -397,10 +397,18 @@ EnginePrefix::~EnginePrefix()
 
 bool EnginePrefix::startDaemon()
 {
-    const std::string command = path() + "/sbin/clamd -c " + config() + " >/dev/null 2>&1";
-    if (std::system(command.c_str()) != 0)
-        return false;
-    return waitFor([this] { return daemonRunning() && accepts(); }, 15000);
+    // What the daemon said, and its log, go into the failure when it does
+    // not start: a test that cannot have its engine must say why.
+    // (To a file, not a pipe: the daemon it leaves behind could keep a
+    // pipe open.)
+    const std::string output = dir_.path() + "/clamd.out";
+    const int status = std::system((path() + "/sbin/clamd -c " + config() + " >" + output + " 2>&1").c_str());
+    const std::string said = readFile(output);
+    if (status == 0 && waitFor([this] { return daemonRunning() && accepts(); }, 30000))
+        return true;
+    std::fprintf(stderr, "clamd -c %s did not start (status %d): %s\nits log: %s\n", config().c_str(), status,
+                 said.c_str(), readFile(dir_.path() + "/clamd.log").c_str());
+    return false;
 }
 
 bool EnginePrefix::accepts() const
