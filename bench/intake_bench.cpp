@@ -13,8 +13,6 @@
 
 #include "intake/FSEventWatcher.h"
 #include "intake/WatcherHost.h"
-#include "queue/Dispatcher.h"
-#include "intake/FSEventWatcher.h"
 #include "platform/ChildProcess.h"
 #include "platform/Preferences.h"
 #include "queue/Dispatcher.h"

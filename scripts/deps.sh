@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages Korvane Velgar needs to build, run and test.
-# Safe to run again: it installs only what is missing.
+# Installs the Debian packages Korvane Velgar needs. Safe to run again: it
+# installs only what is missing.
+#
+#   scripts/deps.sh run     what building and running the programs need
+#   scripts/deps.sh [test]  that, and what the tests, the sanitizer builds
+#                           and the Debian package's checks need
 set -euo pipefail
 
 packages=(
@@ -9,13 +13,22 @@ packages=(
   qt6-base-dev qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools qt6-svg-dev libqt6opengl6-dev libgl-dev
   # run
   clamav-daemon clamdscan clamav-freshclam pkexec logrotate bzip2 xdg-utils libglib2.0-bin dbus procps
-  # test
-  libgtest-dev libgmock-dev dbus-x11 xxd xvfb trayer dunst xdotool imagemagick
-  # the address sanitizer build (scripts/test.sh) is made with clang
-  clang libclang-rt-14-dev
-  # the Debian package: cpack's dependency list (dpkg-shlibdeps), its checks
-  dpkg-dev lintian desktop-file-utils file
 )
+options=()
+case "${1:-test}" in
+  # A user who only runs the agent gets nothing the packages merely recommend.
+  run) options=(--no-install-recommends) ;;
+  test)
+    packages+=(
+      # test
+      libgtest-dev libgmock-dev dbus-x11 xxd xvfb trayer dunst xdotool imagemagick
+      # the address sanitizer build (scripts/test.sh) is made with clang
+      clang libclang-rt-14-dev
+      # the Debian package: cpack's dependency list (dpkg-shlibdeps), its checks
+      dpkg-dev lintian desktop-file-utils file
+    ) ;;
+  *) echo "usage: $0 [run | test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
@@ -36,4 +49,4 @@ fi
 echo "Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${sudo[@]}" apt-get update -qq
-"${sudo[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
+"${sudo[@]}" apt-get install -y -qq "${options[@]}" "${missing[@]}" >/dev/null

@@ -47,12 +47,12 @@ checked_ctest() {
   return "$status"
 }
 
-scripts/deps.sh
+scripts/deps.sh test
 
 if [ "$plain" -eq 1 ]; then
   echo "== Building"
   start=$SECONDS
-  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKV_BUILD_TESTS=ON -DKV_BUILD_BENCH=ON >/dev/null
   cmake --build build -j"$jobs"
   took $start "the build"
 
@@ -105,7 +105,7 @@ sanitize() {
   start=$SECONDS
   local compiler=()
   [ "$kind" = address ] && compiler=(-DCMAKE_CXX_COMPILER=clang++)
-  cmake -S . -B "$dir" "${compiler[@]}" -DKV_SANITIZE="$kind" -DKV_BUILD_BENCH=OFF \
+  cmake -S . -B "$dir" "${compiler[@]}" -DKV_SANITIZE="$kind" -DKV_BUILD_TESTS=ON -DKV_BUILD_BENCH=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g" >/dev/null
   cmake --build "$dir" -j"$jobs"
   took $start "the $kind build"
