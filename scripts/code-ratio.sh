@@ -40,7 +40,7 @@ fi
 product_lines=$(count "${product[@]}")
 test_lines=$(count "${tests[@]}")
 echo "Test code: $test_lines lines against $product_lines lines of product code" \
-  "($((100 * test_lines / product_lines))%; the aim is at most 35%)"
+  "($((100 * test_lines / product_lines))%; the aim is at most 40%)"
 
 # The Korvane application on its own: its tests against its code.
 pattern='\.(cpp|h)$'
