@@ -1,8 +1,13 @@
-// The shared preferences: the boolean rule, the domain search order and
-// files that are not what they should be.
+// The shared preferences: the boolean rule, the domain search order,
+// files that are not what they should be, and places a load refuses.
 
 #include "platform/Preferences.h"
+#include "platform/Settings.h"
 #include "tests/support/TestSupport.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -60,6 +65,52 @@ TEST(Preferences, GarbageFileCountsAsEmptyAndIsLoggedOncePerLoad)
     EXPECT_EQ(preferences.object("A"), std::nullopt);
     preferences.synchronize();
     EXPECT_EQ(log.count((folder / "own.json") + " could not be read"), 2u);
+}
+
+// Infected files moved where another user could reach them could be swapped
+// or taken back out: such a quarantine folder is not used, the load says
+// why, and infected files are left where they are, with a warning.
+TEST(Preferences, AQuarantineFolderOthersCouldReachTurnsQuarantiningIntoWarning)
+{
+    const uid_t nobody = ::getpwnam("nobody")->pw_uid;
+    struct Folder {
+        std::string name;
+        mode_t mode;
+        uid_t owner = 0;
+    };
+    struct Case {
+        std::vector<Folder> folders;  // made in a private folder, in order
+        std::string linkedTo;         // "q" is a link to it
+        std::string quarantine;
+        std::string refusal;          // "": used
+    };
+    const std::vector<Case> cases = {
+        {{{"q", 0700}}, "", "q", ""},
+        {{}, "", "new/q", ""},
+        {{{"q", 0777}}, "", "q", "q may be written by other users"},
+        {{{"q", 0700, nobody}}, "", "q", "q belongs to another user (nobody)"},
+        {{{"shared", 0777}, {"shared/q", 0700}}, "", "shared/q", "shared may be written by other users"},
+        {{{"tmp", 01777}}, "", "tmp/q", "tmp/q does not exist, and other users may make it"},
+        {{{"theirs", 0700, nobody}}, "theirs", "q", "theirs belongs to another user (nobody)"},
+    };
+    for (const Case& c : cases) {
+        const kvtest::TempDir base;
+        for (const Folder& folder : c.folders) {
+            const std::string path = base / folder.name;
+            ASSERT_EQ(::mkdir(path.c_str(), 0700) | ::chmod(path.c_str(), folder.mode), 0);
+            ASSERT_EQ(::chown(path.c_str(), folder.owner, 0), 0);
+        }
+        ASSERT_TRUE(c.linkedTo.empty() || ::symlink((base / c.linkedTo).c_str(), (base / "q").c_str()) == 0);
+        kvtest::FakePreferences preferences;
+        const std::string quarantine = base / c.quarantine;
+        preferences.own = {{"VelgarQuarantineFiles", true}, {"QuarantineFolder", QString::fromStdString(quarantine)}};
+        const std::shared_ptr<const kv::Settings> settings = kv::Settings::load(preferences);
+        EXPECT_EQ(settings->quarantines(), c.refusal.empty()) << quarantine;
+        const std::string said = c.refusal.empty() ? ""
+                                                   : "The quarantine folder " + quarantine + " is refused: " +
+                                                         base.path() + "/" + c.refusal;
+        EXPECT_EQ(settings->problems.empty() ? "" : settings->problems[0].substr(0, said.size()), said) << quarantine;
+    }
 }
 
 } // namespace
