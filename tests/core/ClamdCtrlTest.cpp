@@ -208,14 +208,13 @@ TEST(ClamdCtrl, ExchangesOnAUnixSocket)
 // reports. (A socket another user serves is e2e.neighbour's case.)
 TEST(ClamdCtrl, ASocketWhosePathOthersCouldTakeIsRefusedEvenWhileADaemonAnswers)
 {
-    const passwd* clamav = ::getpwnam("clamav");
-    ASSERT_NE(clamav, nullptr);
+    const uid_t clamav = ::getpwnam("clamav")->pw_uid;
     // The folder's mode, whether it is clamav's, whether clamav answers there, whether it is trusted.
     for (const auto& [mode, clamavs, answering, trusted] : std::vector<std::tuple<mode_t, bool, bool, bool>>{
              {0700, false, false, true}, {0755, true, true, true}, {0777, false, false, false},
              {0777, false, true, false}, {01777, false, true, false}}) {
         const kvtest::TempDir dir;
-        ASSERT_EQ(::chown(dir.path().c_str(), clamavs ? clamav->pw_uid : 0, 0), 0);
+        ASSERT_EQ(::chown(dir.path().c_str(), clamavs ? clamav : 0, 0), 0);
         ::chmod(dir.path().c_str(), mode);
         std::optional<Listener> service;
         if (answering)

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 TEST(Preferences, BooleanRule)
@@ -73,32 +75,27 @@ TEST(Preferences, GarbageFileCountsAsEmptyAndIsLoggedOncePerLoad)
 TEST(Preferences, AQuarantineFolderOthersCouldReachTurnsQuarantiningIntoWarning)
 {
     const uid_t nobody = ::getpwnam("nobody")->pw_uid;
-    struct Folder {
-        std::string name;
-        mode_t mode;
-        uid_t owner = 0;
-    };
     struct Case {
-        std::vector<Folder> folders;  // made in a private folder, in order
+        std::vector<std::tuple<std::string, mode_t, uid_t>> folders;  // made in a private folder, in order
         std::string linkedTo;         // "q" is a link to it
         std::string quarantine;
         std::string refusal;          // "": used
     };
     const std::vector<Case> cases = {
-        {{{"q", 0700}}, "", "q", ""},
+        {{{"q", 0700, 0}}, "", "q", ""},
         {{}, "", "new/q", ""},
-        {{{"q", 0777}}, "", "q", "q may be written by other users"},
+        {{{"q", 0777, 0}}, "", "q", "q may be written by other users"},
         {{{"q", 0700, nobody}}, "", "q", "q belongs to another user (nobody)"},
-        {{{"shared", 0777}, {"shared/q", 0700}}, "", "shared/q", "shared may be written by other users"},
-        {{{"tmp", 01777}}, "", "tmp/q", "tmp/q does not exist, and other users may make it"},
+        {{{"shared", 0777, 0}, {"shared/q", 0700, 0}}, "", "shared/q", "shared may be written by other users"},
+        {{{"tmp", 01777, 0}}, "", "tmp/q", "tmp/q does not exist, and other users may make it"},
         {{{"theirs", 0700, nobody}}, "theirs", "q", "theirs belongs to another user (nobody)"},
     };
     for (const Case& c : cases) {
         const kvtest::TempDir base;
-        for (const Folder& folder : c.folders) {
-            const std::string path = base / folder.name;
-            ASSERT_EQ(::mkdir(path.c_str(), 0700) | ::chmod(path.c_str(), folder.mode), 0);
-            ASSERT_EQ(::chown(path.c_str(), folder.owner, 0), 0);
+        for (const auto& [name, mode, owner] : c.folders) {
+            const std::string path = base / name;
+            ASSERT_EQ(::mkdir(path.c_str(), 0700) | ::chmod(path.c_str(), mode), 0);
+            ASSERT_EQ(::chown(path.c_str(), owner, 0), 0);
         }
         ASSERT_TRUE(c.linkedTo.empty() || ::symlink((base / c.linkedTo).c_str(), (base / "q").c_str()) == 0);
         kvtest::FakePreferences preferences;

@@ -163,9 +163,7 @@ TEST_F(SharedEngine, AnEnginePrefixOthersMayWriteIsNeverRun)
     std::string output;
     ASSERT_EQ(setup({}, {"--prefix", prefix(), "--own-engine"}, &output), 0) << output;
     ::chmod((prefix() + "/sbin").c_str(), 0777);
-    kv::ControllerParts parts = agent_.parts();
-    parts.dispatcherPause = [] {};
-    controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
+    controller_ = std::make_unique<kv::KorvaneVelgar>(agent_.parts());
     controller_->startWatcher(false);
     EXPECT_FALSE(controller_->isWatching());
     EXPECT_EQ(log_.count("The engine folder " + prefix() + " is refused: " + prefix() +

@@ -140,11 +140,8 @@ as_user "$user" sed -i "s#^LocalSocket .*#LocalSocket $socket#" "$conf"
 # No probe file is scanned here: files are written until one is refused.
 start_agent "Watching started: "
 refusal="Refusing the clamd socket $socket: $sockets may be written by other users"
-for attempt in $(seq 30); do
-  write_eicar "$watched/before-takeover-$attempt.com"
-  wait_for 2 logged "$refusal" && break
-done
-logged "$refusal" || fail "the agent used a socket in a folder others may write"
+refused_after_writing() { write_eicar "$watched/before-takeover-$SECONDS.com"; wait_for 2 logged "$refusal"; }
+wait_for 60 refused_after_writing || fail "the agent used a socket in a folder others may write"
 # The neighbour's server writes down every request it gets, and would
 # answer PONG to a PING and OK to anything else.
 heard=$nest/heard
