@@ -1,14 +1,15 @@
 #include "engine/ClamdCtrl.h"
 
 #include "engine/SupportAddress.h"
+#include "engine/TcpServerEnd.h"
 #include "platform/Log.h"
 #include "platform/UniqueFd.h"
+#include "platform/UserControlled.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <chrono>
 #include <condition_variable>
@@ -292,117 +292,36 @@ UniqueFd connectedOverTcp(const TcpEngine& engine, std::string* problem)
     return UniqueFd();
 }
 
-// Why another user could put a socket of their own at the path, or "":
-// every folder from / down to the socket's belongs to the user, root or
-// clamav, and none but a sticky one (such as /tmp) may be written by
-// others; the socket's own folder may not be written by others at all.
-// Checked on the path as given and on the path with its links resolved.
-std::string whyOthersCouldServe(const std::string& socketPath)
-{
-    const size_t slash = socketPath.rfind('/');
-    if (socketPath.empty() || socketPath.front() != '/' || slash == std::string::npos)
-        return socketPath + " is not an absolute path";
-    const std::string folder = slash == 0 ? "/" : socketPath.substr(0, slash);
-    const auto check = [](const std::string& path, bool followLinks) -> std::string {
-        for (size_t end = 0; end != std::string::npos;) {
-            end = path.find('/', end + 1);
-            const std::string step = end == std::string::npos ? path : path.substr(0, std::max<size_t>(end, 1));
-            struct stat info{};
-            if ((followLinks ? ::stat(step.c_str(), &info) : ::lstat(step.c_str(), &info)) != 0)
-                return step + " cannot be examined: " + std::strerror(errno);
-            if (info.st_uid != ::getuid() && !isSystemUser(info.st_uid))
-                return step + " belongs to another user";
-            const bool othersWrite = (info.st_mode & S_IWOTH) || ((info.st_mode & S_IWGRP) && info.st_gid != ::getgid());
-            if (S_ISDIR(info.st_mode) && othersWrite && (end == std::string::npos || !(info.st_mode & S_ISVTX)))
-                return step + " may be written by other users";
-        }
-        return {};
-    };
-    if (std::string why = check(folder, false); !why.empty())
-        return why;
-    char resolved[PATH_MAX];
-    if (!::realpath(folder.c_str(), resolved))
-        return folder + " cannot be examined: " + std::strerror(errno);
-    return check(resolved, true);
-}
-
-// An address as /proc/net/tcp and tcp6 print it: each 32-bit word of the
-// address in the machine's order, then the port.
-std::string procNetAddress(const sockaddr_storage& address, bool asIpv6)
-{
-    char text[64];
-    if (address.ss_family == AF_INET) {
-        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
-        std::uint32_t word;
-        std::memcpy(&word, &v4.sin_addr, sizeof word);
-        if (!asIpv6) {
-            std::snprintf(text, sizeof text, "%08X:%04X", word, ntohs(v4.sin_port));
-            return text;
-        }
-        // The same address as a dual-stack listener sees it (::ffff:a.b.c.d).
-        std::uint32_t mapped;
-        const unsigned char prefix[4] = {0, 0, 0xff, 0xff};
-        std::memcpy(&mapped, prefix, sizeof mapped);
-        std::snprintf(text, sizeof text, "%08X%08X%08X%08X:%04X", 0u, 0u, mapped, word, ntohs(v4.sin_port));
-        return text;
-    }
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
-    std::uint32_t words[4];
-    std::memcpy(words, &v6.sin6_addr, sizeof words);
-    std::snprintf(text, sizeof text, "%08X%08X%08X%08X:%04X", words[0], words[1], words[2], words[3],
-                  ntohs(v6.sin6_port));
-    return text;
-}
-
-// The user who listens where a TCP connection of ours arrived, when that is
-// on this machine: the kernel's table of sockets lists the listener (state
-// 0A) on the address we reached, or on the wildcard address, with its
-// owner. A connection that leaves the machine finds no such entry.
-std::optional<uid_t> localTcpServer(int socketFd)
-{
-    sockaddr_storage ours{}, theirs{};
-    socklen_t oursLength = sizeof ours, theirsLength = sizeof theirs;
-    if (::getsockname(socketFd, reinterpret_cast<sockaddr*>(&ours), &oursLength) != 0 ||
-        ::getpeername(socketFd, reinterpret_cast<sockaddr*>(&theirs), &theirsLength) != 0)
-        return std::nullopt;
-    // Connections to this machine come from one of its own addresses, and
-    // every connection to it does: ours is local when a listener is.
-    constexpr unsigned kListen = 0x0A;
-    for (const bool ipv6 : {false, true}) {
-        if (theirs.ss_family == AF_INET6 && !ipv6)
-            continue;
-        const std::string reached = procNetAddress(theirs, ipv6);
-        const std::string port = reached.substr(reached.find(':'));
-        const std::string wildcard = std::string(ipv6 ? 32 : 8, '0') + port;
-        std::FILE* table = std::fopen(ipv6 ? "/proc/net/tcp6" : "/proc/net/tcp", "re");
-        if (!table)
-            continue;
-        char line[512];
-        std::optional<uid_t> owner;
-        while (!owner && std::fgets(line, sizeof line, table)) {
-            char local[64];
-            unsigned state = 0, uid = 0;
-            if (std::sscanf(line, " %*u: %63s %*s %x %*s %*s %*s %u", local, &state, &uid) == 3 && state == kListen &&
-                (reached == local || wildcard == local))
-                owner = uid;
-        }
-        std::fclose(table);
-        if (owner)
-            return owner;
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 std::string ClamdCtrl::untrustedLocalTcpServer(int socketFd)
 {
-    const std::optional<uid_t> server = localTcpServer(socketFd);
-    if (!server || *server == ::getuid() || isSystemUser(*server))
+    const TcpServerEnd end = serverEndOf(socketFd);
+    if (end.where == TcpServerEnd::Where::OtherMachine)
         return {};
-    const passwd* owner = ::getpwuid(*server);
+    if (end.where == TcpServerEnd::Where::Unknown)
+        return "it is on this machine, and who serves it cannot be found (" + end.problem + ")";
+    if (end.owner == ::getuid() || isSystemUser(end.owner))
+        return {};
+    const passwd* owner = ::getpwuid(end.owner);
     return stringPrintf("on this machine it is served by user %s (uid %u), not by you, root or clamav",
-                        owner ? owner->pw_name : "?", static_cast<unsigned>(*server));
+                        owner ? owner->pw_name : "?", static_cast<unsigned>(end.owner));
+}
+
+bool ClamdCtrl::mayBeOnThisMachine(const TcpEngine& engine)
+{
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kTimeLimitSeconds);
+    for (const std::string& host : engine.hosts) {
+        std::string problem;
+        const AddressList addresses = lookUp(host, engine.port, deadline, &problem);
+        if (!addresses)
+            return true;
+        for (const addrinfo* address = addresses.get(); address; address = address->ai_next) {
+            if (isThisMachine(address->ai_addr))
+                return true;
+        }
+    }
+    return false;
 }
 
 bool ClamdCtrl::tcpEnginePeerTrusted(const TcpEngine& engine)
@@ -432,15 +351,14 @@ std::string ClamdCtrl::untrustedPeer(int socketFd)
 
 bool ClamdCtrl::socketPeerTrusted(const std::string& pathToSocket)
 {
-    const UniqueFd socketFd = connectedTo(pathToSocket);
-    // Nobody answers: the daemon is down, which the scan reports, unless
-    // another user could start answering at that path before clamdscan
-    // connects to it.
-    const std::string refusal = socketFd ? untrustedPeer(socketFd.get())
-                                         : [&] {
-                                               const std::string why = whyOthersCouldServe(pathToSocket);
-                                               return why.empty() ? why : "nobody answers, and " + why;
-                                           }();
+    // clamdscan connects to the path again after this check, so whoever
+    // could put a socket there by then could serve it, whether or not a
+    // trusted daemon answers now. Nobody answering is the scan's to report.
+    std::string refusal = whyOthersCouldServe(pathToSocket);
+    if (refusal.empty()) {
+        if (const UniqueFd socketFd = connectedTo(pathToSocket))
+            refusal = untrustedPeer(socketFd.get());
+    }
     if (refusal.empty())
         return true;
     nsLogf("Refusing the clamd socket %s: %s", pathToSocket.c_str(), refusal.c_str());
@@ -496,8 +414,9 @@ bool ClamdCtrl::tcpEngineAnswers(const TcpEngine& engine, std::string* problem)
 {
     std::string why;
     const UniqueFd socketFd = connectedOverTcp(engine, &why);
-    if (socketFd && !untrustedLocalTcpServer(socketFd.get()).empty())
-        why = engine.describe() + ": " + untrustedLocalTcpServer(socketFd.get());
+    const std::string refusal = socketFd ? untrustedLocalTcpServer(socketFd.get()) : std::string();
+    if (!refusal.empty())
+        why = engine.describe() + ": " + refusal;
     else if (socketFd && !answersPing(socketFd.get()))
         why = engine.describe() + ": no PONG in answer to PING";
     else if (socketFd)

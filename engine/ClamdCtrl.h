@@ -17,8 +17,12 @@ namespace kv {
 // so a daemon another user put at the socket's path never learns what is
 // scanned nor answers for the engine.
 //
-// Over TCP nothing tells who serves the port: a TCP engine is trusted by
-// the address the user configured, and no peer check applies.
+// Over TCP, a daemon on another machine is trusted by the address the user
+// configured. One on this machine is identified by the connection itself:
+// the server's end of the very socket used (see TcpServerEnd.h) must be the
+// user's, root's or clamav's, and every exchange below checks the socket it
+// then uses, so nothing is sent to whoever took the port while the daemon
+// was down.
 //
 // Stateless; any thread may call it at the same time as others. The
 // connect, the write and the read each give up after kTimeLimitSeconds (and
@@ -48,23 +52,36 @@ public:
     // system user, else a sentence naming the peer's user.
     static std::string untrustedPeer(int socketFd);
 
-    // Connects to the socket and checks its peer, sending nothing. True
-    // when the peer is trusted, or when nothing answers (the daemon is down,
-    // which the scan itself reports) and no other user could take the path
-    // (its folders are the user's, root's or clamav's, and only sticky ones
-    // are writable by others); false, after a log line, otherwise.
+    // Before clamdscan connects to the socket by its path: true when no
+    // other user could put a socket there (see whyOthersCouldServe()) and
+    // the daemon answering there, if any, is trusted (nobody answering is
+    // the scan's to report); false, after a log line, otherwise. The
+    // folders are checked whether or not a daemon answers now, since
+    // clamdscan connects again after this check.
     bool socketPeerTrusted(const std::string& pathToSocket);
 
     // Why the clamd behind a TCP connection is not to be trusted: on this
-    // machine (loopback, or one of its own addresses) any user may listen on
-    // a free port, so its listener must belong to the user, root or clamav.
-    // "" for those and for a server on another machine.
+    // machine any user may listen on a free port, so the server's end of
+    // this very connection must belong to the user, root or clamav, and a
+    // connection to an address of this machine whose server end cannot be
+    // found is refused too. "" for those and for a server on another
+    // machine.
     static std::string untrustedLocalTcpServer(int socketFd);
 
     // Connects and checks the server as above, sending nothing. True when
     // it is trusted or nothing answers (the scan reports that); false, after
-    // a log line, for another user's listener on this machine.
+    // a log line, for another user's server on this machine. It says
+    // nothing about the next connection (clamdscan's own): see
+    // mayBeOnThisMachine().
     bool tcpEnginePeerTrusted(const TcpEngine& engine);
+
+    // True when any address of the engine is this machine's (loopback, the
+    // unspecified address, or an address of one of its interfaces, IPv4
+    // mapped into IPv6 too), or when its host names cannot be looked up
+    // before the time limit. A connection to such an engine is trusted only
+    // after it is checked, so only the agent's own checked connections
+    // (scanOpenFile()) may carry files to it, never clamdscan's.
+    static bool mayBeOnThisMachine(const TcpEngine& engine);
 
     // True when the socket is served by the system's clamd service (a
     // daemon run by root or the clamav system user, not by the user) and it
@@ -101,8 +118,9 @@ public:
     // and any length is scanned as it is: the descriptor itself is passed
     // over the local socket (zFILDES), which also lets a daemon of another
     // user (the system's service) read a file in a private folder; a daemon
-    // on another machine gets the contents (zINSTREAM). Nothing is sent to
-    // a peer that is not trusted (see untrustedPeer, untrustedLocalTcpServer).
+    // over TCP gets the contents (zINSTREAM). Nothing is sent to a peer that
+    // is not trusted (see untrustedPeer, untrustedLocalTcpServer): the
+    // connection checked is the one the file goes over.
     static FileVerdict scanOpenFile(int fileFd, const std::optional<std::string>& pathToSocket,
                                     const std::optional<TcpEngine>& tcpEngine);
 

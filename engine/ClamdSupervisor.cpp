@@ -339,6 +339,12 @@ ClamdSupervisor::Engine ClamdSupervisor::engine() const
     return engine_;
 }
 
+bool ClamdSupervisor::scansOverCheckedConnectionsOnly() const
+{
+    const std::optional<TcpEngine> remote = remoteEngine();
+    return remote && ClamdCtrl::mayBeOnThisMachine(*remote);
+}
+
 bool ClamdSupervisor::usesSystemService() const { return engine() == Engine::SystemService; }
 
 bool ClamdSupervisor::standingIn() const

@@ -125,6 +125,14 @@ public:
     bool standInForService();
 
     Engine engine() const;
+    // True while the engine is a daemon over TCP that is, or may be, on
+    // this machine (see ClamdCtrl::mayBeOnThisMachine()): no clamdscan may
+    // run against it, since clamdscan's connections come after any check
+    // and could reach whoever took the port meanwhile. Scanner threads ask
+    // at the start of each batch and then scan every file by descriptor
+    // (ClamdCtrl::scanOpenFile()), over connections checked one by one.
+    // May look up the engine's host names (within the time limit).
+    bool scansOverCheckedConnectionsOnly() const;
     bool usesSystemService() const;
     bool standingIn() const;
     std::optional<TcpEngine> remoteEngine() const;

@@ -7,6 +7,8 @@
 #include "platform/AutostartEntry.h"
 #include "platform/BusContract.h"
 #include "platform/Paths.h"
+#include "platform/Preferences.h"
+#include "platform/Settings.h"
 
 #include <QCheckBox>
 #include <QCoreApplication>
@@ -20,6 +22,26 @@
 #include <QVBoxLayout>
 
 namespace kv {
+namespace {
+
+// The preferences as the agent's load reads them, so the page shows what
+// the agent will make of them.
+class StoreAsPreferences : public Preferences {
+public:
+    explicit StoreAsPreferences(const PreferenceStore& store) : store_(store) {}
+    void addSuite(const std::string&) override {}
+    void synchronize() override {}
+    std::optional<QJsonValue> object(const std::string& key) const override
+    {
+        const QJsonValue value = store_.value(QString::fromStdString(key));
+        return value.isUndefined() || value.isNull() ? std::nullopt : std::optional<QJsonValue>(value);
+    }
+
+private:
+    const PreferenceStore& store_;
+};
+
+} // namespace
 
 ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(parent), context_(context)
 {
@@ -128,8 +150,14 @@ void ProtectionPage::refresh()
         const QSignalBlocker quiet(loginBox_);
         loginBox_->setChecked(AutostartEntry().installed());
     }
-    problems_->setText(context_.prefs.problems().join(QLatin1Char('\n')));
-    problems_->setVisible(!context_.prefs.problems().isEmpty());
+    // Besides files that cannot be read, what the agent's load refuses: an
+    // engine folder or a quarantine folder others could change.
+    QStringList problems = context_.prefs.problems();
+    const std::shared_ptr<const Settings> settings = Settings::load(StoreAsPreferences(context_.prefs));
+    for (const std::string& problem : settings->problems)
+        problems << QString::fromStdString(problem);
+    problems_->setText(problems.join(QLatin1Char('\n')));
+    problems_->setVisible(!problems.isEmpty());
     engine_ = EngineDescription::of(expandTilde(context_.prefs.string(QStringLiteral("PathToClamav")).toStdString()));
     engineKind_->setText(engine_.describe());
     definitionsWarning_->setText(engine_.definitionsProblem());

@@ -13,7 +13,9 @@ namespace kv {
 struct PageContext;
 
 // Is the agent running, watching, scanning (live), which engine it uses and
-// whether that answers; start and stop the agent; start it at login.
+// whether that answers; start and stop the agent; start it at login. The
+// preferences' problems are listed as the agent's load finds them, among
+// them an engine folder or quarantine folder it refuses, with the reason.
 class ProtectionPage : public QWidget {
     Q_OBJECT
 public:

@@ -3,6 +3,7 @@
 #include "korvane/PageContext.h"
 #include "korvane/PreferenceStore.h"
 #include "platform/Paths.h"
+#include "platform/UserControlled.h"
 
 #include <QButtonGroup>
 #include <QCheckBox>
@@ -17,7 +18,6 @@
 #include <QVBoxLayout>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -26,11 +26,16 @@ namespace kv {
 namespace {
 
 // Makes the folder and any missing parents; the last one private to the
-// user, like the agent makes it. Empty when it is there, else why not.
+// user, like the agent makes it. Empty when the agent will use it, else why
+// not: the agent's own check (whyQuarantineFolderRefused()), made before
+// anything is made, so nothing is made where others could reach it, and
+// again on what is there afterwards.
 QString makeQuarantineFolder(const std::string& folder)
 {
     if (folder.empty() || folder.front() != '/')
         return QObject::tr("a quarantine folder must be a full path");
+    if (const std::string why = whyQuarantineFolderRefused(folder); !why.empty())
+        return QString::fromStdString(why);
     struct stat status {};
     if (::lstat(folder.c_str(), &status) != 0) {
         const size_t slash = folder.rfind('/');
@@ -38,20 +43,8 @@ QString makeQuarantineFolder(const std::string& folder)
             return QObject::tr("its parent folder cannot be created: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
             return QString::fromLocal8Bit(std::strerror(errno));
-        // Whatever is there now, made by us or by someone quicker, is
-        // checked like a folder that was there before.
-        if (::lstat(folder.c_str(), &status) != 0)
-            return QString::fromLocal8Bit(std::strerror(errno));
     }
-    if (!S_ISDIR(status.st_mode))
-        return QObject::tr("it exists, and is not a folder");
-    // Infected files go there, and Restore takes them back out: a folder
-    // another user owns or may write to could swap them underneath.
-    if (status.st_uid != ::getuid())
-        return QObject::tr("it belongs to another user");
-    if (status.st_mode & (S_IWGRP | S_IWOTH))
-        return QObject::tr("other users may write to it");
-    return {};
+    return QString::fromStdString(whyQuarantineFolderRefused(folder));
 }
 
 } // namespace

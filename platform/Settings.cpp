@@ -2,6 +2,7 @@
 
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
+#include "platform/UserControlled.h"
 
 #include <QJsonObject>
 
@@ -48,6 +49,15 @@ std::shared_ptr<const Settings> Settings::load(const Preferences& prefs)
         else
             settings->quarantineFolderProblem = "The preference \"QuarantineFolder\" holds no folder path; it is ignored";
     }
+    // Infected files moved where another user could reach them could be
+    // swapped or taken back out: such a folder is not used this time.
+    if (settings->quarantines() && !settings->quarantineFolder.empty()) {
+        if (const std::string why = whyQuarantineFolderRefused(settings->quarantineFolder); !why.empty()) {
+            problems.push_back("The quarantine folder " + settings->quarantineFolder + " is refused: " + why +
+                               "; infected files are left where they are, with a warning");
+            settings->handling = Handling::LeaveAndWarn;
+        }
+    }
 
     if (const std::optional<QJsonArray> records = prefs.array("ExcludePatterns"))
         settings->exclusions = buildExcludePatterns(*records);
@@ -56,6 +66,15 @@ std::shared_ptr<const Settings> Settings::load(const Preferences& prefs)
     settings->scanEmail = !scanEmail || objectBoolValue(*scanEmail);
 
     settings->clamPath = textPreference(prefs, "PathToClamav", problems);
+    // The agent runs the prefix's programs as the user: one that another
+    // user could change would run that user's code as this one.
+    if (settings->clamPath) {
+        if (const std::string why = whyEnginePrefixRefused(*settings->clamPath); !why.empty()) {
+            problems.push_back("The engine folder " + *settings->clamPath + " is refused: " + why +
+                               "; nothing is run from it");
+            settings->clamPath.reset();
+        }
+    }
     settings->updateLogPath = textPreference(prefs, "PathToUpdateLog", problems);
     const std::optional<QJsonValue> multiscan = prefs.object("multiscan");
     settings->multiscan = multiscan && multiscan->isString() && multiscan->toString() == "yes";

@@ -29,7 +29,10 @@ struct Settings {
     Handling handling = Handling::LeaveAndWarn;
     bool trashRequested = false;  // "VelgarTrashFiles", even where quarantine wins
     // "QuarantineFolder" (or its "path" entry), "~" expanded; "" when unset.
-    // Files in it are never scanned, whatever the handling.
+    // Files in it are never scanned, whatever the handling. In quarantine
+    // mode a folder that others could control (see
+    // whyQuarantineFolderRefused()) turns the handling into leaving and
+    // warning, with the reason among the problems.
     std::string quarantineFolder;
     // The enabled "ExcludePatterns" records as extended regular expressions.
     std::vector<std::string> exclusions;
@@ -37,14 +40,18 @@ struct Settings {
     bool scanEmail = true;             // "ScanEmail"; missing reads as true
 
     // The engine.
-    std::optional<std::string> clamPath;       // "PathToClamav": the ClamAV prefix
+    // "PathToClamav": the ClamAV prefix; none, with the reason among the
+    // problems, when others could change what it runs (see
+    // whyEnginePrefixRefused()), so nothing is ever run from it.
+    std::optional<std::string> clamPath;
     std::optional<std::string> updateLogPath;  // "PathToUpdateLog"
     bool multiscan = false;                    // "multiscan" is the text "yes"
     bool needsExit1FreshclamFlag = false;      // "NeedsExit1FreshclamFlag"
     bool updateDefsAtLaunch = false;           // "UpdateDefsOnLaunch"
 
-    // One log line for each value that was there but could not be used;
-    // a quarantine folder that is no path matters in quarantine mode only.
+    // One log line for each value that was there but could not be used
+    // (or was refused); a quarantine folder that is no path matters in
+    // quarantine mode only.
     std::vector<std::string> problems;
     std::optional<std::string> quarantineFolderProblem;
 

@@ -4,6 +4,7 @@
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/AutostartEntry.h"
+#include "platform/UserControlled.h"
 #include "tools/CommandStatus.h"
 #include "tools/DefaultsCommand.h"
 #include "tools/EngineSetup.h"
@@ -75,7 +76,14 @@ EngineSetup::Target chooseTarget(const EngineSetup& engine, bool ownEngine, cons
             return target;
         }
         if (const std::optional<std::string> service = systemServiceSocket()) {
-            if (service->size() <= EngineSetup::kMaxSocketPathBytes) {
+            // clamdscan finds the service by the socket's path, again for
+            // every scan: a folder others could put a socket in is no way
+            // to it.
+            const std::string why = whyOthersCouldServe(*service);
+            if (!why.empty()) {
+                printWarning("the system's clamd service at " + *service + " is not used: " + why +
+                             "; the engine runs a daemon of your own.");
+            } else if (service->size() <= EngineSetup::kMaxSocketPathBytes) {
                 printLine("The system's clamd service answers at " + *service +
                           "; the engine uses it, passing it each file open, so private folders are scanned too "
                           "(--own-engine runs a daemon of your own instead).");
@@ -187,6 +195,12 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
     else
         prefix = joinPath(dataHome(), "korvane/clamav");
 
+    // The agent runs what the prefix holds: never from a folder another
+    // user could change.
+    if (const std::string why = whyEnginePrefixRefused(prefix); !why.empty())
+        return reportBadInput("setup: the engine folder " + prefix + " is refused: " + why +
+                              "; choose another --prefix");
+
     EngineSetup engine(prefix);
     if (const std::string foreign = engine.foreignFile(); !foreign.empty()) {
         if (options.prefix)
@@ -221,16 +235,16 @@ int SetupCommand::buildEngine(const EngineSetup& engine, const Options& options)
     if (target.daemon == EngineSetup::Daemon::Remote) {
         const std::string where = target.remote.describe();
         printLine("Engine prefix: " + engine.prefix() + " (the clamd at " + where + ", over TCP)");
-        printLine("Korvane Velgar sends each file's contents to the clamd at " + where +
-                  " (clamdscan --stream) and never starts or stops it; its definitions are that server's.");
-        // On this machine a port above 1023 is anyone's to take while the
-        // daemon is down, and whoever takes it is sent the user's files.
-        const std::string& host = target.remote.hosts.front();
-        const bool loopback = host == "localhost" || host == "any" || host == "::1" || host.rfind("127.", 0) == 0;
-        if (loopback && target.remote.port > 1023)
-            printWarning(host + " is this machine: while its clamd is down any user here may listen at port " +
-                         std::to_string(target.remote.port) +
-                         " and be sent your files; a daemon of your own (--own-engine) is safer.");
+        // On this machine a port is anyone's to take while the daemon is
+        // down: the agent then checks each connection it makes and sends
+        // files over that one only.
+        if (ClamdCtrl::mayBeOnThisMachine(target.remote))
+            printLine("Korvane Velgar sends each file's contents to the clamd at " + where +
+                      ", on this machine, over a connection it has checked is served by you, root or clamav "
+                      "(never through clamdscan), and never starts or stops it; its definitions are that server's.");
+        else
+            printLine("Korvane Velgar sends each file's contents to the clamd at " + where +
+                      " (clamdscan --stream) and never starts or stops it; its definitions are that server's.");
         std::string problem;
         if (ClamdCtrl::tcpEngineAnswers(target.remote, &problem))
             printLine("The clamd at " + where + " answers.");

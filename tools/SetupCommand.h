@@ -26,6 +26,11 @@ class EngineSetup;
 // checked before anything is written, and running it again is quick and
 // changes nothing.
 //
+// A prefix that another user could change (see whyEnginePrefixRefused())
+// is refused before anything is written, since the agent runs what it
+// holds; the system's service is used only where no other user could put a
+// socket at its path (see whyOthersCouldServe()).
+//
 // `velgarctl setup --autostart | --no-autostart` stands alone: it writes or
 // removes the login autostart entry (see AutostartEntry) and leaves the
 // prefix and the preferences as they are.

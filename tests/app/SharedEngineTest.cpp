@@ -8,6 +8,7 @@
 #include "tests/support/AgentSupport.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -158,6 +159,23 @@ TEST_F(SharedEngine, ScanningServerOverTcpIsStreamedToToldOnceWhenSilentAndNever
     EXPECT_FALSE(log_.contains("trying to quit clamd"));
     EXPECT_TRUE(server.daemonRunning());
     EXPECT_TRUE(server.accepts());
+}
+
+// The engine prefix holds what the agent runs as the user: one another user
+// could change is refused at every start of watching, and nothing in it runs.
+TEST_F(SharedEngine, AnEnginePrefixOthersMayWriteIsNeverRun)
+{
+    std::string output;
+    ASSERT_EQ(setup({}, {"--prefix", prefix(), "--own-engine"}, &output), 0) << output;
+    ::chmod((prefix() + "/sbin").c_str(), 0777);
+    controller_ = std::make_unique<kv::KorvaneVelgar>(agent_.parts());
+    controller_->startWatcher(false);
+    EXPECT_FALSE(controller_->isWatching());
+    EXPECT_EQ(log_.count("The engine folder " + prefix() + " is refused: " + prefix() +
+                         "/sbin may be written by other users; nothing is run from it"),
+              1u);
+    EXPECT_FALSE(controller_->clamd().checkForClamd(prefix())) << "nothing launched from it";
+    EXPECT_EQ(agent_.panels.shown().back(), kv::Panel::NoEngine);
 }
 
 class SystemServiceEngine : public SharedEngine {

@@ -7,6 +7,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
@@ -18,6 +20,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,10 +30,12 @@ namespace {
 // run as root), on a UNIX socket at a path or on a TCP port of 127.0.0.1
 // (or of every IPv4 and IPv6 address at once). It answers the first message
 // of each connection with PONG, or hangs up without a word, or never
-// accepts at all; what it was sent comes back through a pipe.
+// accepts at all, or (as a neighbour posing as a stopped clamd would)
+// closes its listening socket the moment it accepts, and answers "OK";
+// what it was sent comes back through a pipe.
 class Listener {
 public:
-    enum class Reply { Pong, HangUp, NeverAccept };
+    enum class Reply { Pong, HangUp, NeverAccept, CloseListenerOnAccept };
     struct Options {
         std::string socketPath;  // empty: TCP
         bool dualStack = false;
@@ -87,6 +93,8 @@ public:
                 if (options.reply == Reply::NeverAccept)
                     ::pause();
                 const int client = ::accept(fd, nullptr, nullptr);
+                if (options.reply == Reply::CloseListenerOnAccept)
+                    ::close(fd);
                 char buffer[16];
                 const ssize_t got = ::read(client, buffer, sizeof buffer);
                 const unsigned char length = got > 0 ? static_cast<unsigned char>(got) : 0;
@@ -94,7 +102,11 @@ public:
                 (void)!::write(heard[1], buffer, length);
                 if (options.reply == Reply::Pong)
                     (void)!::send(client, "PONG\n", 5, MSG_NOSIGNAL);
+                if (options.reply == Reply::CloseListenerOnAccept)
+                    (void)!::send(client, "stream: OK", 11, MSG_NOSIGNAL);
                 ::close(client);
+                if (options.reply == Reply::CloseListenerOnAccept)
+                    ::pause();
             }
         }
         ::close(ready[1]);
@@ -189,23 +201,31 @@ TEST(ClamdCtrl, ExchangesOnAUnixSocket)
     EXPECT_TRUE(log.contains(">In ClamdCtrl, pathToSocket is nil, command is QUIT<"));
 }
 
-// Where nobody answers, the daemon is down, which the scan reports; but a
-// path another user could take before clamdscan connects is refused. (A
-// socket another user serves is e2e.neighbour's case.)
-TEST(ClamdCtrl, ASilentSocketIsLeftToTheScanOnlyWhereNoOtherUserCouldListen)
+// clamdscan connects to the socket's path again after the check: a path
+// another user could take is refused whether nobody answers there yet or a
+// trusted daemon (clamav's, as the system's service) answers there now.
+// Where nobody answers in a safe folder, the daemon is down, which the scan
+// reports. (A socket another user serves is e2e.neighbour's case.)
+TEST(ClamdCtrl, ASocketWhosePathOthersCouldTakeIsRefusedEvenWhileADaemonAnswers)
 {
-    // The folder of the 0700 case is in /tmp, which others may write but
-    // whose stickiness keeps them from replacing it.
-    for (const auto& [mode, trusted] : std::vector<std::pair<mode_t, bool>>{{0700, true}, {0777, false}}) {
+    const uid_t clamav = ::getpwnam("clamav")->pw_uid;
+    // The folder's mode, whether it is clamav's, whether clamav answers there, whether it is trusted.
+    for (const auto& [mode, clamavs, answering, trusted] : std::vector<std::tuple<mode_t, bool, bool, bool>>{
+             {0700, false, false, true}, {0755, true, true, true}, {0777, false, false, false},
+             {0777, false, true, false}, {01777, false, true, false}}) {
         const kvtest::TempDir dir;
+        ASSERT_EQ(::chown(dir.path().c_str(), clamavs ? clamav : 0, 0), 0);
         ::chmod(dir.path().c_str(), mode);
+        std::optional<Listener> service;
+        if (answering)
+            service.emplace(Listener::Options{.socketPath = dir / "clamd.ctl", .user = "clamav"});
         kv::ClamdCtrl client;
         kvtest::LogCapture log;
-        EXPECT_EQ(client.socketPeerTrusted(dir / "silent.sock"), trusted) << std::oct << mode;
-        EXPECT_EQ(log.contains("Refusing the clamd socket " + (dir / "silent.sock") + ": nobody answers, and " +
-                               dir.path() + " may be written by other users"),
+        EXPECT_EQ(client.socketPeerTrusted(dir / "clamd.ctl"), trusted) << std::oct << mode << " " << answering;
+        EXPECT_EQ(log.contains("Refusing the clamd socket " + (dir / "clamd.ctl") + ": " + dir.path() +
+                               " may be written by other users"),
                   !trusted)
-            << std::oct << mode;
+            << std::oct << mode << " " << answering;
     }
 }
 
@@ -294,6 +314,60 @@ TEST(ClamdCtrl, ALocalTcpServerOfAnotherUserIsRefused)
         for (const std::string& message : neighbour.received())
             EXPECT_EQ(message, "") << "nothing is sent to another user's listener";
     }
+}
+
+// A neighbour may listen on the port while the clamd there is down and
+// close the listening socket the moment it accepts, so that no listener is
+// left to tell who serves the connection: the server's end of the very
+// connection does, and not a byte of the file reaches the neighbour. The
+// close races the check, so it is tried often.
+TEST(ClamdCtrl, ALocalTcpServerThatClosesItsListenerOnAcceptIsRefused)
+{
+    const kvtest::TempDir dir;
+    kvtest::writeFile(dir / "infected.com", kvtest::eicar());
+    const kv::UniqueFd file(::open((dir / "infected.com").c_str(), O_RDONLY | O_CLOEXEC));
+    for (int round = 0; round < 30; ++round) {
+        Listener neighbour({.socketPath = "", .user = "nobody", .reply = Listener::Reply::CloseListenerOnAccept});
+        ASSERT_TRUE(neighbour.listening());
+        const kv::ClamdCtrl::FileVerdict verdict =
+            kv::ClamdCtrl::scanOpenFile(file.get(), std::nullopt, kv::TcpEngine{{"127.0.0.1"}, neighbour.port()});
+        EXPECT_EQ(verdict.kind, kv::ClamdCtrl::FileVerdict::Untrusted) << round << ": " << verdict.detail;
+        EXPECT_NE(verdict.detail.find("served by user nobody"), std::string::npos) << verdict.detail;
+        ASSERT_TRUE(kvtest::waitFor([&] { return !neighbour.received().empty(); }, 10000)) << round;
+        EXPECT_EQ(neighbour.received(), std::vector<std::string>{""}) << round;
+    }
+}
+
+// The user's own, root's and clamav's clamd on this machine scan over the
+// connection checked; a clamd at any address of this machine, or at one that
+// cannot be looked up, is never handed to clamdscan.
+TEST(ClamdCtrl, ALocalTcpClamdOfRootOrClamavScansOverTheCheckedConnectionOnly)
+{
+    const kvtest::TempDir dir;
+    kvtest::writeFile(dir / "infected.com", kvtest::eicar());
+    const kv::UniqueFd file(::open((dir / "infected.com").c_str(), O_RDONLY | O_CLOEXEC));
+    for (const auto& user : std::vector<std::optional<std::string>>{std::nullopt, "clamav"}) {
+        const uint16_t port = kvtest::freeTcpPort();
+        kvtest::EnginePrefix server({.tcpPort = port, .user = user});
+        ASSERT_TRUE(server.startDaemon()) << user.value_or("root");
+        const kv::ClamdCtrl::FileVerdict verdict =
+            kv::ClamdCtrl::scanOpenFile(file.get(), std::nullopt, kv::TcpEngine{{"127.0.0.1"}, port});
+        EXPECT_EQ(verdict.detail, "Eicar-Test-Signature.UNOFFICIAL") << user.value_or("root");
+    }
+    std::vector<std::pair<std::string, bool>> hosts = {{"localhost", true},       {"any", true},
+                                                        {"::1", true},            {"::ffff:127.0.0.2", true},
+                                                        {"scanner.invalid", true}, {"198.51.100.7", false}};
+    ifaddrs* interfaces = nullptr;
+    ASSERT_EQ(::getifaddrs(&interfaces), 0);
+    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
+        char text[INET6_ADDRSTRLEN];
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+        if (v4 && v4->sin_family == AF_INET && !(entry->ifa_flags & IFF_LOOPBACK))
+            hosts.emplace_back(::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text), true);
+    }
+    ::freeifaddrs(interfaces);
+    for (const auto& [host, local] : hosts)
+        EXPECT_EQ(kv::ClamdCtrl::mayBeOnThisMachine({{host}, 3310}), local) << host;
 }
 
 } // namespace

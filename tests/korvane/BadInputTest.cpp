@@ -70,7 +70,15 @@ TEST(KorvaneBadInput, EachGetsAClearMessageAndNothingIsLost)
          "cannot be used"},
         {"a quarantine folder others may write to", R"({"VelgarTrashFiles": true})",
          [](KorvaneHome& k) { k.korvane->window().whenFound()->choose(kv::WhenFoundPage::Choice::Quarantine, "/tmp"); },
-         "other users may write to it"},
+         "/tmp may be written by other users"},
+        {"an engine and a quarantine folder others could change, set by another program",
+         R"({"VelgarQuarantineFiles": true, "QuarantineFolder": "/tmp", "PathToClamav": "/tmp"})",
+         [](KorvaneHome& k) {
+             const QString problems = k.korvane->window().findChild<QLabel*>("preferenceProblems")->text();
+             EXPECT_TRUE(problems.contains("The engine folder /tmp is refused: /tmp/sbin does not exist"));
+             EXPECT_TRUE(problems.contains("The quarantine folder /tmp is refused: /tmp may be written by other"));
+         },
+         ""},
         {"preferences that are not valid JSON", "{\"PathToClamav\": \"/opt/clam\",",
          [](KorvaneHome& k) {
              auto* problems = k.korvane->window().findChild<QLabel*>("preferenceProblems");

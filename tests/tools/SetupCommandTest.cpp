@@ -197,9 +197,9 @@ TEST_F(VelgarctlSetup, RemoteEngineIsWrittenDownAndKeptByLaterSetups)
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("the clamd at " + address + ", over TCP"), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find("freshclam"), std::string::npos) << "the server's definitions are its own";
-    EXPECT_NE(result.err.find("warning: 127.0.0.1 is this machine: while its clamd is down any user here may listen"),
+    EXPECT_NE(result.out.find("the clamd at " + address + ", on this machine, over a connection it has checked"),
               std::string::npos)
-        << result.err;
+        << result.out;
     EXPECT_NE(result.err.find("velgarctl: warning: the clamd at " + address + " does not answer (" + address +
                               ": Connection refused)"),
               std::string::npos)
@@ -271,6 +271,38 @@ TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
     for (const char* gone : {"/etc/clamd.conf", "/bin/clamdscan", "/sbin/clamd", "/etc", "/bin"})
         EXPECT_FALSE(QFileInfo::exists(QString::fromStdString(standIn + gone))) << gone;
     EXPECT_TRUE(QFileInfo::exists(QString::fromStdString(standIn + "/log/clamd.log")));
+    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), home() + "/run/korvane-clamd.ctl");
+}
+
+// Setup never has the agent run what another user could change, nor reach
+// the system's service by a socket path another user could take: such a
+// prefix is refused before anything is written, and such a service is not
+// used.
+TEST_F(VelgarctlSetup, PlacesOtherUsersCouldChangeAreNotUsed)
+{
+    const std::string shared = home() + "/shared";
+    std::filesystem::create_directories(shared);
+    ::chmod(shared.c_str(), 0777);
+    const CommandResult refused = runVelgarctl({"setup", "--prefix", shared + "/engine"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.err.find("the engine folder " + shared + "/engine is refused: " + shared +
+                               " may be written by other users"),
+              std::string::npos)
+        << refused.err;
+    EXPECT_FALSE(exists(domainFile("com.korvane.Korvane"))) << "nothing is written";
+
+    kvtest::EnginePrefix service({.tcpPort = std::nullopt, .user = "clamav"});
+    ASSERT_TRUE(service.startDaemon());
+    ::chmod((service.path() + "/run").c_str(), 0777);
+    std::vector<std::string> argv = kvtest::besideServiceConfiguredBy(service.config());
+    const std::string prefix = prefixWithDefinitions();
+    argv.insert(argv.end(), {VELGARCTL_PATH, "setup", "--prefix", prefix});
+    const CommandResult result = runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.err.find("the system's clamd service at " + service.socket() + " is not used: " + service.path() +
+                              "/run may be written by other users"),
+              std::string::npos)
+        << result.err;
     EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), home() + "/run/korvane-clamd.ctl");
 }
 
