@@ -105,7 +105,8 @@ std::shared_ptr<const LoadedConfiguration> LoadedConfiguration::load(Preferences
     createMoveDestination(settings);
 
     loaded->watchList = WatchList::ofFolders(settings.watchedFolders, settings.quarantineFolder);
-    loaded->scanParameters = ScanParameters::forSettings(loaded->settings, loaded->clamScanPATH, *temporaryFolder);
+    loaded->scanParameters = ScanParameters::forSettings(loaded->settings, loaded->clamScanPATH, *temporaryFolder,
+                                                         clamd.scansOverCheckedConnectionsOnly());
     return loaded;
 }
 

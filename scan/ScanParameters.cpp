@@ -5,9 +5,11 @@
 namespace kv {
 
 std::shared_ptr<const ScanParameters> ScanParameters::forSettings(std::shared_ptr<const Settings> settings,
-                                                                  std::string clamdscan, std::string listFolder)
+                                                                  std::string clamdscan, std::string listFolder,
+                                                                  bool checkedConnectionsOnly)
 {
     auto parameters = std::make_shared<ScanParameters>();
+    parameters->checkedConnectionsOnly = checkedConnectionsOnly;
     parameters->clamdscan = std::move(clamdscan);
     parameters->listFolder = std::move(listFolder);
     // clamdscan given a move folder of "" would scan nothing at all.

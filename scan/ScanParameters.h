@@ -19,11 +19,16 @@ struct ScanParameters {
     // Trash mode; nothing when found files are left where they are.
     std::optional<std::string> moveFolder;
     std::string listFolder;  // the user's private temporary folder, ending in "/"
+    // Every file is scanned by the agent itself over a connection it has
+    // checked, never by clamdscan, which would connect again unchecked: a
+    // TCP engine on this machine (see ClamdSupervisor).
+    bool checkedConnectionsOnly = false;
     std::shared_ptr<const Settings> settings;
 
     // For the settings of one load, the engine's client and the folder.
     static std::shared_ptr<const ScanParameters> forSettings(std::shared_ptr<const Settings> settings,
-                                                             std::string clamdscan, std::string listFolder);
+                                                             std::string clamdscan, std::string listFolder,
+                                                             bool checkedConnectionsOnly = false);
 
     // clamdscan's arguments after its own path, for a run over the list
     // file: the move option, "--multiscan" when asked for, "--stdout",

@@ -115,7 +115,9 @@ constexpr const char* kRestartLine = "clamd appears to have died - attempting re
 TEST_F(SharedEngine, ScanningServerOverTcpIsStreamedToToldOnceWhenSilentAndNeverStartedOrStopped)
 {
     // The server runs as clamav, so it can read nothing in the user's home:
-    // what it finds, it found in the contents clamdscan streamed.
+    // what it finds, it found in the contents the agent streamed over a
+    // connection it checked. clamdscan, which would connect again unchecked,
+    // never runs for a TCP engine on this machine.
     const uint16_t port = kvtest::freeTcpPort();
     kvtest::EnginePrefix server({.tcpPort = port, .user = "clamav"});
     ASSERT_TRUE(server.startDaemon());
@@ -124,6 +126,9 @@ TEST_F(SharedEngine, ScanningServerOverTcpIsStreamedToToldOnceWhenSilentAndNever
     std::string output;
     ASSERT_EQ(setup({}, {"--prefix", prefix(), "--engine", address}, &output), 0) << output;
     EXPECT_NE(output.find("The clamd at " + address + " answers."), std::string::npos) << output;
+    const std::string client = prefix() + "/bin/clamdscan";
+    std::filesystem::rename(client, client + ".real");
+    kvtest::writeFile(client, "#!/bin/sh\ntouch " + (home_ / "client-ran") + "\nexec " + client + ".real \"$@\"\n", 0755);
     start();
     EXPECT_TRUE(log_.contains("Using the clamd at " + address + " over TCP"));
     EXPECT_FALSE(log_.contains("clamd not running")) << "nothing is launched for a daemon on another machine";
@@ -152,6 +157,7 @@ TEST_F(SharedEngine, ScanningServerOverTcpIsStreamedToToldOnceWhenSilentAndNever
     scanLog = scan({second});
     EXPECT_EQ(log_.count("The clamd at " + address + " answers again"), 1u);
     EXPECT_TRUE(found(scanLog, second)) << scanLog;
+    EXPECT_FALSE(kvtest::exists(home_ / "client-ran")) << "clamdscan ran against a TCP engine on this machine";
 
     // Quitting leaves the server running.
     controller_->quit();

@@ -81,8 +81,9 @@ std::vector<std::string> RecordingScannerHost::told() const
 void TestScanner::configure(std::shared_ptr<const kv::Settings> settings, const std::string& enginePrefix,
                             const std::string& privateFolder)
 {
-    scanner_.setMenuAndParams(
-        kv::ScanParameters::forSettings(std::move(settings), enginePrefix + "/bin/clamdscan", privateFolder));
+    scanner_.setMenuAndParams(kv::ScanParameters::forSettings(std::move(settings), enginePrefix + "/bin/clamdscan",
+                                                              privateFolder,
+                                                              host_.clamd().scansOverCheckedConnectionsOnly()));
 }
 
 std::string TestScanner::scan(const std::vector<std::string>& paths)
