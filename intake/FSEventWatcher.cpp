@@ -1,6 +1,7 @@
 #include "intake/FSEventWatcher.h"
 
 #include "eventhelper/ExitStatus.h"
+#include "eventhelper/HelperInput.h"
 #include "eventhelper/HelperOutput.h"
 #include "intake/WatcherHost.h"
 #include "platform/ChildProcess.h"
@@ -12,7 +13,9 @@
 #include "platform/UniqueFd.h"
 #include "queue/Dispatcher.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -42,6 +45,10 @@ constexpr int kLongestPauseMs = 8000;
 // most likely say so again: it is asked again less and less often, up to
 // every five minutes.
 constexpr int kLongestPauseCannotWatchMs = 5 * 60 * 1000;
+// One that finds another helper watching for the user (the agent of another
+// session of theirs) is asked again up to every minute, so that this agent
+// takes over soon after that one quits.
+constexpr int kLongestPauseAnotherHelperMs = 60 * 1000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
 // Walks of the watched folders after lost events start at least this far
@@ -50,6 +57,37 @@ constexpr auto kTerminateGrace = std::chrono::seconds(2);
 constexpr auto kWalkSpacing = std::chrono::seconds(30);
 constexpr size_t kLongestRecord = 1024 * 1024;
 constexpr size_t kRememberedDiagnostics = 1000;
+
+// The watch list as the helper reads it (eventhelper/HelperInput.h).
+std::string encodedList(const WatchList& list)
+{
+    std::string records;
+    for (const auto& [folder, subfolders] : list.foldersAndSubfolders()) {
+        // A path cannot hold a NUL byte, and a record must not either.
+        if (folder.find(gfs::kRecordEnd) != std::string::npos)
+            continue;
+        records.append(subfolders ? gfs::kWatchTree : gfs::kWatchFolder);
+        records += gfs::kRecordEnd;
+        records += folder;
+        records += gfs::kRecordEnd;
+    }
+    records.append(gfs::kListEnd);
+    records += gfs::kRecordEnd;
+    return records;
+}
+
+// Writes to the helper's input what its pipe takes now. A helper that no
+// longer reads its input gets no more.
+void writeSome(ChildProcess& task, std::string& pending)
+{
+    const ssize_t written = ::write(task.inputFd(), pending.data(), pending.size());
+    if (written > 0) {
+        pending.erase(0, static_cast<size_t>(written));
+    } else if (written < 0 && errno != EAGAIN && errno != EINTR) {
+        pending.clear();
+        task.closeInput();
+    }
+}
 
 std::string parentOf(const std::string& path)
 {
@@ -91,6 +129,9 @@ struct FSEventWatcher::Loop {
     // An eventfd that becomes readable when the loop is stopped, so that
     // waits for helper output or for a restart end at once.
     UniqueFd stopSignal;
+    // An eventfd that becomes readable when the watch list changes, so that
+    // the helper is told.
+    UniqueFd listChanged;
     // How the helper's last run ended, so the same end is logged once.
     int lastStatus = -1;
 };
@@ -111,6 +152,10 @@ void FSEventWatcher::setWatchList(std::shared_ptr<const WatchList> list)
 {
     std::lock_guard<std::mutex> held(mutex_);
     watchList_ = list ? std::move(list) : std::make_shared<const WatchList>();
+    if (current_ && current_->isWatching) {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(current_->listChanged.get(), &one, sizeof one);
+    }
 }
 
 std::shared_ptr<const WatchList> FSEventWatcher::watchList() const
@@ -139,6 +184,7 @@ void FSEventWatcher::start(WatcherHost& host)
     auto loop = std::make_shared<Loop>();
     loop->host = &host;
     loop->stopSignal.reset(::eventfd(0, EFD_CLOEXEC));
+    loop->listChanged.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     try {
         std::thread([this, loop] { mainLoop(loop); }).detach();
     } catch (const std::exception& error) {
@@ -173,13 +219,21 @@ void FSEventWatcher::stopWatching()
 
 void FSEventWatcher::mainLoop(const std::shared_ptr<Loop>& loop)
 {
+    // A helper that has ended makes a write to its input fail with EPIPE
+    // rather than end the agent.
+    sigset_t brokenPipe;
+    sigemptyset(&brokenPipe);
+    sigaddset(&brokenPipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
     int pauseMs = 0;
     while (loop->isWatching) {
         const Clock::time_point began = Clock::now();
         // After an installation the controller's new start runs a new loop.
         if (startWatching(*loop) == RunEnd::Installed)
             break;
-        const int longest = loop->lastStatus == gfs::kCannotWatch ? kLongestPauseCannotWatchMs : kLongestPauseMs;
+        const int longest = loop->lastStatus == gfs::kCannotWatch      ? kLongestPauseCannotWatchMs
+                            : loop->lastStatus == gfs::kAlreadyRunning ? kLongestPauseAnotherHelperMs
+                                                                       : kLongestPauseMs;
         const bool wasWatching = Clock::now() - began >= kSteadyRun;
         // A helper that watched and ended (killed, or crashed) missed what
         // happened until its next start: the folders are walked.
@@ -210,7 +264,8 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
 {
     const std::string helper = helperPath();
     int error = 0;
-    std::optional<ChildProcess> task = ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error);
+    std::optional<ChildProcess> task =
+        ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error, ChildProcess::Input::Pipe);
     if (!task) {
         nsLog("gfslogger could not be started");
         nsLogf("%s: %s", helper.c_str(), std::strerror(error));
@@ -233,20 +288,52 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         }
     }
 
+    // The helper watches the folders of the list it was given last: the
+    // list now, and again at every change. Its input is written without
+    // blocking, so that a helper that does not read it never holds up the
+    // reading of its output.
+    std::string toHelper = encodedList(*watchList());
+    ::fcntl(task->inputFd(), F_SETFL, ::fcntl(task->inputFd(), F_GETFL) | O_NONBLOCK);
     ChildProcess::ReadStatus status = ChildProcess::ReadStatus::Stopped;
     std::string chunk;
+    enum { kOutput, kStop, kListChanged, kInput };
     while (registered) {
-        chunk.clear();
-        status = task->readChunk(&chunk, loop.stopSignal.get());
-        if (status != ChildProcess::ReadStatus::Data)
+        pollfd watched[] = {
+            {task->outputFd(), POLLIN, 0},
+            {loop.stopSignal.get(), POLLIN, 0},
+            {loop.listChanged.get(), POLLIN, 0},
+            {toHelper.empty() ? -1 : task->inputFd(), POLLOUT, 0},
+        };
+        if (::poll(watched, std::size(watched), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            status = ChildProcess::ReadStatus::Failed;
             break;
-        if (!loop.isWatching)
-            continue;  // stopped: drain until the helper's end closes the pipe
-        try {
-            taskDataAvailable(chunk);
-        } catch (const std::exception& exception) {
-            nsLog(typeid(exception).name());
-            nsLog(exception.what());
+        }
+        if (watched[kListChanged].revents & POLLIN) {
+            uint64_t changes = 0;
+            [[maybe_unused]] const ssize_t read = ::read(loop.listChanged.get(), &changes, sizeof changes);
+            if (task->inputFd() >= 0)
+                toHelper += encodedList(*watchList());
+        }
+        if (watched[kInput].revents)
+            writeSome(*task, toHelper);
+        if (watched[kOutput].revents) {
+            chunk.clear();
+            status = task->readChunk(&chunk);
+            if (status != ChildProcess::ReadStatus::Data)
+                break;
+            if (!loop.isWatching)
+                continue;  // stopped: drain until the helper's end closes the pipe
+            try {
+                taskDataAvailable(chunk);
+            } catch (const std::exception& exception) {
+                nsLog(typeid(exception).name());
+                nsLog(exception.what());
+            }
+        } else if (watched[kStop].revents & POLLIN) {
+            status = ChildProcess::ReadStatus::Stopped;
+            break;
         }
     }
     if (status != ChildProcess::ReadStatus::EndOfFile)

@@ -19,15 +19,19 @@ class Dispatcher;
 class WatcherHost;
 
 // The agent's file-event intake. Runs the helper gfslogger (from the
-// resources folder), reads the records it prints (eventhelper/HelperOutput.h),
-// keeps the paths that lie in the watched folders and hands them to the scan
-// queue. A folder moved in from where its files were not watched, and the
-// folder above an event the helper could not name, are walked and their
-// files queued. The helper is started
+// resources folder), tells it on its standard input which folders to watch
+// (eventhelper/HelperInput.h: the list at each start of the helper, and
+// again whenever setWatchList() changes it), reads the records it prints
+// (eventhelper/HelperOutput.h), keeps the paths that lie in the watched
+// folders and hands them to the scan queue. A folder moved in from where
+// its files were not watched, and the folder above an event the helper
+// could not name, are walked and their files queued. The helper is started
 // again whenever it ends; when it ends with status 1 (it lacks root's
 // rights) the watcher has an administrator make it set-user-ID root,
 // through install-gfslogger and pkexec, and asks the controller for a new
-// start. When the helper reports that the kernel lost events, every file in
+// start. A helper that ends because another one watches for the same user
+// (an agent in another session of the user) is asked again less and less
+// often. When the helper reports that the kernel lost events, every file in
 // the watched folders is queued, since nobody knows which of them changed.
 //
 // Threads:
@@ -53,7 +57,8 @@ public:
     // already. The loop filters by the list last handed over.
     void start(WatcherHost& host);
 
-    // Any thread. The watched folders for every chunk read from now on.
+    // Any thread. The watched folders for every chunk read from now on; a
+    // running helper is told to watch them.
     void setWatchList(std::shared_ptr<const WatchList> list);
     std::shared_ptr<const WatchList> watchList() const;
 

@@ -266,6 +266,22 @@ TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
     EXPECT_EQ(sent.front().description, "FSEVENT_NOT_SETUID");
 }
 
+// A list handed over while watching reaches the running helper: a folder
+// added to it is watched at once, by the same helper.
+TEST_F(Intake, TheHelperWatchesTheListOfTheMoment)
+{
+    kv::KorvaneVelgar& agent = makeController();
+    agent.startWatcher();
+    ASSERT_TRUE(reachesQueue(watched() + "/first"));
+    const pid_t helper = agent.gfsLogger().helperPid();
+    const std::string added = home_ / "added/";
+    fs::create_directories(added);
+    agent.gfsLogger().setWatchList(std::make_shared<const kv::WatchList>(
+        std::vector<std::string>{watched() + "/", added}, std::map<std::string, bool>{{added, false}}, ""));
+    EXPECT_TRUE(reachesQueue(added + "file"));
+    EXPECT_EQ(agent.gfsLogger().helperPid(), helper);
+}
+
 TEST_F(Intake, RefusedInstallationStopsWatchingAndQuits)
 {
     const std::string helper = prepareInstallation(false);
