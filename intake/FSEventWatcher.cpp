@@ -51,10 +51,6 @@ constexpr int kLongestPauseCannotWatchMs = 5 * 60 * 1000;
 constexpr int kLongestPauseAnotherHelperMs = 60 * 1000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
-// Walks of the watched folders after lost events start at least this far
-// apart: any user can overflow the kernel's queue, and must not be able to
-// keep every agent walking without end.
-constexpr auto kWalkSpacing = std::chrono::seconds(30);
 constexpr size_t kLongestRecord = 1024 * 1024;
 constexpr size_t kRememberedDiagnostics = 1000;
 
@@ -490,10 +486,11 @@ void FSEventWatcher::scanWatchedFoldersWhole(WhyWalk why)
 {
     {
         std::lock_guard<std::mutex> held(mutex_);
-        if (overflowWalkDue_)
+        if (!walks_.askForAll(Clock::now()))
             return;
-        overflowWalkDue_ = true;
+        ++walksAsked_;
     }
+    changed_.notify_all();
     if (why == WhyWalk::QueueOverflowed)
         nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
               "scanned");
@@ -505,13 +502,17 @@ void FSEventWatcher::scanWatchedFoldersWhole(WhyWalk why)
 
 void FSEventWatcher::scanFolderWhole(const std::string& folder)
 {
+    WalkSchedule::Asked asked;
     {
         std::lock_guard<std::mutex> held(mutex_);
-        if (std::find(foldersToWalk_.begin(), foldersToWalk_.end(), folder) != foldersToWalk_.end())
-            return;
-        foldersToWalk_.push_back(folder);
+        asked = walks_.askForFolder(folder, Clock::now());
+        ++walksAsked_;
     }
     changed_.notify_all();  // a walk waiting for its next turn takes it at once
+    if (asked == WalkSchedule::Asked::FoldedIntoAll)
+        nsLogf("More than %zu folders arrived within %lld s, so every file in the watched folders is scanned instead "
+               "of each folder",
+               WalkSchedule::kMostFolderWalks, static_cast<long long>(WalkSchedule::kWholeSpacing.count()));
     startWalking();
 }
 
@@ -529,11 +530,17 @@ void FSEventWatcher::startWalking()
     } catch (const std::exception& error) {
         nsLogf("The folder walk cannot be started: %s", error.what());
         std::lock_guard<std::mutex> held(mutex_);
-        walking_ = overflowWalkDue_ = false;
-        foldersToWalk_.clear();
-        --runningLoops_;
-        changed_.notify_all();
+        endWalking();
     }
+}
+
+// Under mutex_.
+void FSEventWatcher::endWalking()
+{
+    walking_ = false;
+    walks_.clear();
+    --runningLoops_;
+    changed_.notify_all();
 }
 
 bool FSEventWatcher::isWalkingFolders() const
@@ -551,46 +558,37 @@ void FSEventWatcher::walkFolders()
         loop = current_;
     }
     const auto goesOn = [&loop] { return !loop || loop->isWatching; };
-    // Any user can overflow the kernel's queue: walks of every watched
-    // folder start at least kWalkSpacing apart, so no one can keep every
-    // agent walking without end. Folders moved in are walked at once.
-    Clock::time_point nextWholeWalk = Clock::now();
     for (;;) {
-        std::vector<std::string> roots;
+        WalkSchedule::Walk walk;
         {
-            std::lock_guard<std::mutex> held(mutex_);
-            const bool wholeWalkNow = overflowWalkDue_ && Clock::now() >= nextWholeWalk;
-            if (!goesOn() || (foldersToWalk_.empty() && !overflowWalkDue_)) {
-                walking_ = overflowWalkDue_ = false;
-                foldersToWalk_.clear();
-                --runningLoops_;
-                changed_.notify_all();
-                return;
-            }
-            if (!foldersToWalk_.empty()) {
-                roots.swap(foldersToWalk_);
-            } else if (wholeWalkNow) {
-                overflowWalkDue_ = false;
-                nextWholeWalk = Clock::now() + kWalkSpacing;
-                roots = {std::string()};  // stands for every watched folder
-            }
-        }
-        if (roots.empty()) {
-            // An overflow walk waits for its turn; a folder that arrives
-            // meanwhile, or a stop, ends the wait.
             std::unique_lock<std::mutex> held(mutex_);
-            changed_.wait_until(held, nextWholeWalk, [&] { return !foldersToWalk_.empty() || !goesOn(); });
-            continue;
+            for (;;) {
+                if (!goesOn()) {
+                    endWalking();
+                    return;
+                }
+                if (std::optional<WalkSchedule::Walk> due = walks_.take(Clock::now())) {
+                    walk = std::move(*due);
+                    break;
+                }
+                const std::optional<Clock::time_point> next = walks_.nextDue();
+                if (!next) {
+                    endWalking();
+                    return;
+                }
+                // Waits for its turn; a walk asked for meanwhile, which may
+                // be due sooner, or a stop ends the wait.
+                const std::uint64_t asked = walksAsked_;
+                changed_.wait_until(held, *next, [&] { return walksAsked_ != asked || !goesOn(); });
+            }
         }
         // The list of the moment: a restart while walking hands over a new one.
         const std::shared_ptr<const WatchList> list = watchList();
         // The watched folders may be links; a folder that arrived is
         // walked only as itself, never through a link put in its place.
-        const bool watchedFolders = roots.size() == 1 && roots.front().empty();
-        if (watchedFolders)
-            roots = list->folders();
+        const std::vector<std::string> roots = walk.all ? list->folders() : walk.folders;
         try {
-            list->forEachAdmittedFileIn(roots, watchedFolders, [this, &goesOn](std::vector<std::string>& files) {
+            list->forEachAdmittedFileIn(roots, walk.all, [this, &goesOn](std::vector<std::string>& files) {
                 if (!goesOn())
                     return false;
                 queue_.addToItemList(files);
