@@ -285,9 +285,11 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
     }
 
     // The helper watches the folders of the list it was given last: the
-    // list now, and again at every change. Its input is written without
-    // blocking, so that a helper that does not read it never holds up the
-    // reading of its output.
+    // list now (which takes in every change so far), and again at every
+    // change. Its input is written without blocking, so that a helper that
+    // does not read it never holds up the reading of its output.
+    uint64_t changes = 0;
+    [[maybe_unused]] const ssize_t earlier = ::read(loop.listChanged.get(), &changes, sizeof changes);
     std::string toHelper = encodedList(*watchList());
     ::fcntl(task->inputFd(), F_SETFL, ::fcntl(task->inputFd(), F_GETFL) | O_NONBLOCK);
     ChildProcess::ReadStatus status = ChildProcess::ReadStatus::Stopped;
@@ -307,7 +309,6 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
             break;
         }
         if (watched[kListChanged].revents & POLLIN) {
-            uint64_t changes = 0;
             [[maybe_unused]] const ssize_t read = ::read(loop.listChanged.get(), &changes, sizeof changes);
             if (task->inputFd() >= 0)
                 toHelper += encodedList(*watchList());

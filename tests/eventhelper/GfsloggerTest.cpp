@@ -1,12 +1,13 @@
 // gfslogger as the agent runs it: the real program, watching real folders,
 // as root, as an ordinary user without the set-user-ID bit, and installed
-// set-user-ID root for an ordinary user.
+// set-user-ID root for an ordinary user; and the reading of its input.
 
 #include "eventhelper/ExitStatus.h"
 #include "eventhelper/FolderMarks.h"
 #include "eventhelper/HelperInput.h"
 #include "eventhelper/HelperOutput.h"
 #include "eventhelper/RecordWriter.h"
+#include "eventhelper/WatchListInput.h"
 #include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -568,6 +569,41 @@ TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
     // Watching never keeps a volume from being unmounted.
     EXPECT_TRUE(tmpfs.unmount());
     EXPECT_TRUE(ramfs.unmount());
+}
+
+// The agent's lists as the helper reads them, in whatever pieces the pipe
+// delivers; what makes no entry (an unknown record, a path that is not
+// absolute or too long to be one) is passed over, and the last whole list
+// is the one that counts.
+TEST(WatchListInput, TakesWholeListsFromAnyPieces)
+{
+    using namespace std::string_literals;
+    using Folders = std::vector<kv::gfs::WatchedFolder>;
+    struct Case {
+        const char* name;
+        std::vector<std::string> pieces;  // one read each
+        Folders list;
+    };
+    const std::string tooLong = "/" + std::string(PATH_MAX, 'x');
+    const std::vector<Case> cases = {
+        {"split anywhere", {"!tr", "ee\0/a"s, "\0!folder\0/b\0!list-"s, "end\0"s}, {{"/a", true}, {"/b", false}}},
+        {"the last whole list", {"!tree\0/a\0!list-end\0!folder\0/b\0!list-end\0!tree\0/c\0"s}, {{"/b", false}}},
+        {"no entries from what is none",
+         {"?\0!tree\0relative\0!folder\0"s + tooLong.substr(0, 3000), tooLong.substr(3000) + "\0!tree\0/c\0!list-end\0"s},
+         {{"/c", true}}},
+    };
+    for (const Case& c : cases) {
+        int fds[2];
+        ASSERT_EQ(::pipe(fds), 0);
+        const kv::UniqueFd reading(fds[0]);
+        const kv::UniqueFd writing(fds[1]);
+        kv::gfs::WatchListInput input;
+        for (const std::string& piece : c.pieces) {
+            ASSERT_EQ(::write(writing.get(), piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+            input.read(reading.get());
+        }
+        EXPECT_EQ(input.list(), c.list) << c.name;
+    }
 }
 
 } // namespace
