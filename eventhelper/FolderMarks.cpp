@@ -352,7 +352,9 @@ void FolderMarks::reportFull(const std::string& where, bool byKernel)
 {
     if (std::exchange(toldFull_, true))
         return;
-    const std::string below = where.empty() ? "some folders" : "folders below " + where;
+    // Nearest first: what goes unwatched is some of the folders just below
+    // where the bound was met, and every folder deeper than those.
+    const std::string below = where.empty() ? "the folders deepest down" : "folders below " + where + " and deeper ones";
     if (byKernel)
         printDiagnostic("the kernel allows this user no more fanotify marks (fs.fanotify.max_user_marks) after " +
                         std::to_string(folders_.size()) + " folders: " + below + " are not watched");

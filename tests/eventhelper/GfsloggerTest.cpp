@@ -383,7 +383,7 @@ TEST(Gfslogger, MarksNoMoreFoldersThanItsBound)
     EXPECT_TRUE(helper.waitFor({std::string(kv::gfs::kDiagnosticPrefix) + "watches " +
                                 std::to_string(kv::gfs::FolderMarks::kMostFolders) +
                                 " folders, the most one helper may: folders below " + folder.path() +
-                                " are not watched\n"},
+                                " and deeper ones are not watched\n"},
                                20000));
     EXPECT_TRUE(helper.waitUntilWatching(folder / "probe"));
     EXPECT_EQ(inodeMarks(helper.child().pid()), kv::gfs::FolderMarks::kMostFolders);
