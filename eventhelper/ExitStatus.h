@@ -9,6 +9,8 @@ enum ExitStatus : int {
     kOutputClosed = 0,     // whoever read our output has gone away
     kLacksPrivileges = 1,  // neither root nor set-user-ID root: installing it helps
     kCannotWatch = 2,      // root's rights, yet the kernel would not let us watch
+    kAlreadyRunning = 3,   // another helper watches for the same real user (UserLock)
+    kOutputUnread = 4,     // nobody took our output for kLongestUnreadOutput (RecordWriter)
 };
 
 } // namespace kv::gfs

@@ -23,15 +23,18 @@ namespace {
 // One read takes thousands of events at once.
 constexpr size_t kEventBufferSize = 256 * 1024;
 
-// Whole-file-system marks: files created, closed after writing, moved in or
-// changed in their attributes (made readable, say, after a scan that could
-// not read them). FAN_ONDIR adds folders for every one of these events, as
-// the kernel knows no per-event flag, but only folders moved in are
-// reported: by FAN_RENAME, which names where they were too, or on a kernel
-// without it by FAN_MOVED_TO. A file's FAN_RENAME goes unreported, as its
-// FAN_MOVED_TO reports it already.
+// Each marked folder reports its files created, closed after writing, moved
+// in or changed in their attributes (made readable, say, after a scan that
+// could not read them). FAN_ONDIR adds folders for every one of these
+// events, as the kernel knows no per-event flag; folders made are marked in
+// turn, and only folders moved in are reported: by FAN_RENAME, which names
+// where they were too, or on a kernel without it by FAN_MOVED_TO. A file's
+// FAN_RENAME goes unreported, as its FAN_MOVED_TO reports it already. A
+// folder's removal tells FolderMarks to forget it, and a watched folder's
+// move that it is no longer at its path.
 constexpr std::uint64_t kFileEvents = FAN_CREATE | FAN_MOVED_TO | FAN_CLOSE_WRITE | FAN_ATTRIB;
-constexpr std::uint64_t kHandleMask = kFileEvents | FAN_ONDIR;
+constexpr std::uint64_t kFolderMask = kFileEvents | FAN_ONDIR | FAN_EVENT_ON_CHILD | FAN_DELETE_SELF;
+constexpr std::uint64_t kWatchedFolderMask = kFolderMask | FAN_MOVE_SELF;
 constexpr std::uint64_t kDescriptorMask = FAN_CLOSE_WRITE;
 
 // Said of an event in a folder whose path is too long to have.
@@ -51,31 +54,6 @@ std::uint64_t fsidKey(const struct statfs& info)
     static_assert(sizeof key == sizeof info.f_fsid);
     std::memcpy(&key, &info.f_fsid, sizeof key);
     return key;
-}
-
-// The path of an open descriptor, as the kernel names it in our mount
-// namespace; nothing for an object that has been deleted or lies outside
-// our root, or whose path is too long to have, which sets *tooLong.
-std::optional<std::string> pathOf(int fd, bool* tooLong = nullptr)
-{
-    char link[32];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    char target[PATH_MAX];
-    const ssize_t length = ::readlink(link, target, sizeof target);
-    // The kernel names no path longer than a page: ENAMETOOLONG, or with
-    // pages larger than PATH_MAX, a name that fills our buffer.
-    if (tooLong)
-        *tooLong = (length < 0 && errno == ENAMETOOLONG) || length == static_cast<ssize_t>(sizeof target);
-    if (length <= 0 || length == static_cast<ssize_t>(sizeof target) || target[0] != '/')
-        return std::nullopt;
-    std::string path(target, static_cast<size_t>(length));
-    static constexpr std::string_view kDeleted = " (deleted)";
-    if (path.ends_with(kDeleted)) {
-        struct stat info{};
-        if (::fstat(fd, &info) != 0 || info.st_nlink == 0)
-            return std::nullopt;
-    }
-    return path;
 }
 
 std::string parentFolder(const std::string& path)
@@ -117,16 +95,10 @@ public:
     // The folder that a file handle names.
     Folder& folder(const __kernel_fsid_t& fsid, const file_handle* handle)
     {
-        std::string key(reinterpret_cast<const char*>(&fsid), sizeof fsid);
-        key.append(reinterpret_cast<const char*>(handle), sizeof *handle + handle->handle_bytes);
-        auto [slot, inserted] = folders_.try_emplace(std::move(key));
+        auto [slot, inserted] = folders_.try_emplace(folderKey(&fsid, handle));
         if (!inserted)
             return slot->second;
-        const int mountFd = mountFdFor(fsidKey(fsid));
-        if (mountFd < 0)
-            return slot->second;
-        const Privileges::Raised raised;
-        UniqueFd folder(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), O_PATH | O_CLOEXEC));
+        UniqueFd folder = open(fsid, handle, O_PATH);
         if (!folder)
             return slot->second;
         bool tooLong = false;
@@ -138,6 +110,17 @@ public:
             findNamedAncestor(folder.get(), slot->second);
         }
         return slot->second;
+    }
+
+    // The object a file handle names, opened with root's rights through the
+    // mount its file system's marked folders were reached through.
+    UniqueFd open(const __kernel_fsid_t& fsid, const file_handle* handle, int flags = O_RDONLY | O_DIRECTORY)
+    {
+        const int mountFd = mountFdFor(fsidKey(fsid));
+        if (mountFd < 0)
+            return {};
+        const Privileges::Raised raised;
+        return UniqueFd(::open_by_handle_at(mountFd, const_cast<file_handle*>(handle), flags | O_CLOEXEC));
     }
 
 private:
@@ -222,16 +205,20 @@ private:
     const char* end_;
 };
 
-// A folder and the name of an entry in it, as an event's record gives them.
+// An object an event's record names: a folder and, unless the record is a
+// plain FAN_EVENT_INFO_TYPE_FID, the name of an entry in it.
 struct Entry {
     const __kernel_fsid_t* fsid;
     const file_handle* folder;
     const char* name;
+
+    std::string key() const { return folderKey(fsid, folder); }
 };
 
 // The entry that an event's record of the given type (FAN_EVENT_INFO_TYPE_
-// DFID_NAME, or for a rename OLD_DFID_NAME and NEW_DFID_NAME) names, if the
-// event has one. The records need no more than four-byte alignment.
+// DFID_NAME, for a rename OLD_DFID_NAME and NEW_DFID_NAME, or FID for the
+// object moved) names, if the event has one. The records need no more than
+// four-byte alignment.
 std::optional<Entry> entryOf(const char* bytes, const fanotify_event_metadata& event, std::uint8_t type)
 {
     const char* record = bytes + event.metadata_len;
@@ -245,7 +232,11 @@ std::optional<Entry> entryOf(const char* bytes, const fanotify_event_metadata& e
             const auto* info = reinterpret_cast<const fanotify_event_info_fid*>(record);
             const auto* handle = reinterpret_cast<const file_handle*>(info->handle);
             const char* name = reinterpret_cast<const char*>(handle->f_handle) + handle->handle_bytes;
-            if (name >= recordEnd || !std::memchr(name, '\0', static_cast<size_t>(recordEnd - name)))
+            if (name > recordEnd)
+                return std::nullopt;
+            if (type == FAN_EVENT_INFO_TYPE_FID)
+                return Entry{&info->fsid, handle, nullptr};
+            if (name == recordEnd || !std::memchr(name, '\0', static_cast<size_t>(recordEnd - name)))
                 return std::nullopt;
             return Entry{&info->fsid, handle, name};
         }
@@ -282,152 +273,209 @@ bool addEvent(RecordWriter& output, Batch::Folder& folder, const char* name, con
     return from ? output.add({kFolderArrived, *from, path}) : output.add(path);
 }
 
-// A folder renamed: into the place that the event's NEW record names, from
-// the one its OLD record names. Where it was is "" when that folder has no
-// path the real user may list.
-bool reportFolderMove(Batch& batch, const char* bytes, const fanotify_event_metadata& event, RecordWriter& output)
-{
-    const std::optional<Entry> to = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_NEW_DFID_NAME);
-    if (!to)
-        return true;
-    Batch::Folder& folder = batch.folder(*to->fsid, to->folder);
-    std::string from;
-    const std::optional<Entry> old = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_OLD_DFID_NAME);
-    if (folder.kind == Batch::Folder::Listable && old) {
-        const Batch::Folder& oldFolder = batch.folder(*old->fsid, old->folder);
-        if (oldFolder.kind == Batch::Folder::Listable)
-            from = pathIn(oldFolder.path, old->name);
-    }
-    return addEvent(output, folder, to->name, &from);
-}
-
 } // namespace
 
 FanotifyWatch::FanotifyWatch(const Privileges& privileges)
-    : privileges_(privileges), events_(new char[kEventBufferSize])
+    : privileges_(privileges), marks_(privileges, *this), events_(new char[kEventBufferSize])
 {
     ::openlog("gfslogger", LOG_PID, LOG_USER);
 }
 
 FanotifyWatch::~FanotifyWatch() = default;
 
-bool FanotifyWatch::open(std::string* message)
+bool FanotifyWatch::openGroups(UniqueFd* handles, UniqueFd* descriptors, std::string* message)
 {
     // The kernel's default limits hold: a queue of 16,384 events (an
     // overflow is reported, and the agent then scans its folders whole) and
-    // 8,192 marks, far more than one per mount. Unlimited ones would let a
-    // user who stops this process make the kernel hold memory without end.
+    // its per-user bound on marks. Unlimited ones would let a user who stops
+    // this process make the kernel hold memory without end.
     const unsigned common = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK;
-    const Privileges::Raised raised;
     const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
-    handleGroup_.reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
-    if (!handleGroup_) {
+    const Privileges::Raised raised;
+    if (movedObjects_) {
+        handles->reset(::fanotify_init(common | FAN_REPORT_DFID_NAME_TARGET, eventFlags));
+        movedObjects_ = handles->valid() || errno != EINVAL;
+    }
+    if (!movedObjects_)
+        handles->reset(::fanotify_init(common | FAN_REPORT_DFID_NAME, eventFlags));
+    if (!*handles) {
         *message = std::string("fanotify with file handles: ") + std::strerror(errno);
         return false;
     }
-    descriptorGroup_.reset(::fanotify_init(common, eventFlags));
-    if (!descriptorGroup_) {
+    descriptors->reset(::fanotify_init(common, eventFlags));
+    if (!*descriptors) {
         *message = std::string("fanotify: ") + std::strerror(errno);
-        return false;
-    }
-    mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-    if (!mountTable_) {
-        *message = std::string("/proc/self/mountinfo: ") + std::strerror(errno);
         return false;
     }
     return true;
 }
 
-void FanotifyWatch::markMounts()
+bool FanotifyWatch::open(std::string* message)
 {
+    if (!openGroups(&handleGroup_, &descriptorGroup_, message))
+        return false;
     const Privileges::Raised raised;
-    const std::optional<std::string> table = MountTable::read(mountTable_.get());
-    if (!table)
-        return;
-    std::unordered_map<std::string, MarkedMount> current;
-    for (const MountTable::Entry& entry : MountTable::parse(*table)) {
-        if (!MountTable::holdsUserFiles(entry))
-            continue;
-        std::string key = entry.key();
-        if (auto known = marked_.find(key); known != marked_.end())
-            current.emplace(std::move(key), std::move(known->second));
-        else
-            current.emplace(std::move(key), mark(entry));
+    mountTable_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    const std::optional<std::string> table = mountTable_ ? MountTable::read(mountTable_.get()) : std::nullopt;
+    if (!table) {
+        *message = std::string("/proc/self/mountinfo: ") + std::strerror(errno);
+        return false;
     }
-    marked_ = std::move(current);
-
-    std::unordered_map<std::uint64_t, const MarkedMount*> best;
-    for (const auto& [key, mount] : marked_) {
-        if (mount.kind != MarkedMount::WholeFileSystem)
-            continue;
-        const MarkedMount*& chosen = best[mount.fsid];
-        if (!chosen || (mount.mountsFileSystemRoot && !chosen->mountsFileSystemRoot) ||
-            (mount.mountsFileSystemRoot == chosen->mountsFileSystemRoot &&
-             mount.mountPoint.size() < chosen->mountPoint.size()))
-            chosen = &mount;
-    }
-    mountPointOfFsid_.clear();
-    for (const auto& [fsid, mount] : best)
-        mountPointOfFsid_.emplace(fsid, mount->mountPoint);
+    mounts_ = MountTable::parse(*table);
+    return true;
 }
 
-FanotifyWatch::MarkedMount FanotifyWatch::mark(const MountTable::Entry& entry)
+void FanotifyWatch::setWatchList(std::vector<WatchedFolder> list, RecordWriter& output)
 {
-    MarkedMount marked;
-    marked.mountPoint = entry.mountPoint;
-    marked.mountsFileSystemRoot = entry.root == "/";
-    // A file bind-mounted over another (common in containers) is no place
-    // to resolve folders from; its file system is mounted elsewhere too.
-    struct stat info{};
-    if (::stat(entry.mountPoint.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
-        return marked;
+    list_ = std::move(list);
+    markAll(output);
+}
 
-    const auto markFileSystem = [&](std::uint64_t mask) {
-        return ::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD,
-                               entry.mountPoint.c_str()) == 0;
-    };
-    bool markedWhole = markFileSystem(renameEvents_ ? kHandleMask | FAN_RENAME : kHandleMask);
-    if (!markedWhole && errno == EINVAL && renameEvents_ && markFileSystem(kHandleMask)) {
-        // A kernel older than 5.17, which refuses the flag on every file
-        // system alike: folders moved in are reported without their origin.
-        renameEvents_ = false;
-        markedWhole = true;
-    }
-    if (markedWhole) {
-        struct statfs fs{};
-        if (::statfs(entry.mountPoint.c_str(), &fs) == 0) {
-            marked.kind = MarkedMount::WholeFileSystem;
-            marked.fsid = fsidKey(fs);
+void FanotifyWatch::markAll(RecordWriter& output)
+{
+    // Fresh groups take the marks, so that no folder watched before keeps
+    // one; the old groups' last events are read once the new marks are in
+    // place, so that none is lost in between.
+    UniqueFd oldHandles;
+    UniqueFd oldDescriptors;
+    if (marked_) {
+        UniqueFd handles;
+        UniqueFd descriptors;
+        std::string message;
+        if (openGroups(&handles, &descriptors, &message)) {
+            oldHandles = std::exchange(handleGroup_, std::move(handles));
+            oldDescriptors = std::exchange(descriptorGroup_, std::move(descriptors));
+        } else if (reported_[message]++ == 0) {
+            printDiagnostic("cannot mark folders afresh, " + message + ": folders watched before stay marked");
         }
-        return marked;
     }
-    const int error = errno;
-    if (error != ENODEV && error != EOPNOTSUPP && error != EXDEV) {
-        reportOnce(entry.mountPoint, "cannot watch", error);
-        return marked;
+    marked_ = true;
+    eventsLost_ = false;
+    marks_.markAll(list_, output);
+    mountsAtOrBelowWatched_ = mountsAtOrBelowWatched();
+    findMountPoints();
+    bool read = true;
+    while (read && oldHandles && readHandleEvents(oldHandles.get(), output, &read) == ReadResult::Ok) {
+    }
+    read = true;
+    while (read && oldDescriptors && readDescriptorEvents(oldDescriptors.get(), output, &read) == ReadResult::Ok) {
+    }
+}
+
+std::set<std::string> FanotifyWatch::mountsAtOrBelowWatched() const
+{
+    std::set<std::string> found;
+    for (const MountTable::Entry& entry : mounts_) {
+        if (MountTable::holdsUserFiles(entry) && marks_.isAtOrBelowWatched(entry.mountPoint))
+            found.insert(entry.key());
+    }
+    return found;
+}
+
+void FanotifyWatch::findMountPoints()
+{
+    mountPointOfFsid_.clear();
+    for (const auto& [fsid, mountId] : marks_.mountOfFileSystem()) {
+        for (const MountTable::Entry& entry : mounts_) {
+            if (entry.mountId == mountId)
+                mountPointOfFsid_.emplace(fsid, entry.mountPoint);
+        }
+    }
+}
+
+void FanotifyWatch::mountsChanged(RecordWriter& output)
+{
+    std::optional<std::string> table;
+    {
+        const Privileges::Raised raised;
+        table = MountTable::read(mountTable_.get());
+    }
+    if (!table)
+        return;
+    mounts_ = MountTable::parse(*table);
+    // A volume mounted in a watched tree, over a watched folder, or taken
+    // away from there: what the folders' paths lead to has changed.
+    if (mountsAtOrBelowWatched() != mountsAtOrBelowWatched_)
+        markAll(output);
+    else
+        findMountPoints();
+}
+
+FolderMarks::Marked FanotifyWatch::mark(int folderFd, bool root, bool nameable)
+{
+    const Privileges::Raised raised;
+    if (nameable) {
+        const std::uint64_t mask = root ? kWatchedFolderMask : kFolderMask;
+        const auto markFolder = [&](std::uint64_t more) {
+            return ::fanotify_mark(handleGroup_.get(), FAN_MARK_ADD, mask | more, folderFd, nullptr) == 0;
+        };
+        if (markFolder(renameEvents_ ? FAN_RENAME : 0))
+            return FolderMarks::Marked::Yes;
+        if (errno == EINVAL && renameEvents_ && markFolder(0)) {
+            // A kernel older than 5.17, which refuses the flag on every file
+            // system alike: folders moved in are reported without their origin.
+            renameEvents_ = false;
+            return FolderMarks::Marked::Yes;
+        }
+        if (errno == ENOSPC)
+            return FolderMarks::Marked::Full;
+        if (errno != ENODEV && errno != EOPNOTSUPP && errno != EXDEV) {
+            reportOnce(folderFd, "cannot watch", errno);
+            return FolderMarks::Marked::No;
+        }
     }
     // No file handles here: settle for files closed after writing, seen
     // through this mount.
-    if (::fanotify_mark(descriptorGroup_.get(), FAN_MARK_ADD | FAN_MARK_MOUNT, kDescriptorMask, AT_FDCWD,
-                        entry.mountPoint.c_str()) == 0)
-        marked.kind = MarkedMount::MountOnly;
-    else
-        reportOnce(entry.mountPoint, "cannot watch this mount", errno);
-    return marked;
+    if (::fanotify_mark(descriptorGroup_.get(), FAN_MARK_ADD | FAN_MARK_MOUNT, kDescriptorMask, folderFd, nullptr) == 0)
+        return FolderMarks::Marked::WholeMount;
+    if (errno == ENOSPC)
+        return FolderMarks::Marked::Full;
+    reportOnce(folderFd, "cannot watch the mount of", errno);
+    return FolderMarks::Marked::No;
 }
 
-void FanotifyWatch::reportOnce(const std::string& mountPoint, const char* what, int error)
+void FanotifyWatch::unmark(int folderFd)
 {
-    if (reported_[mountPoint]++ == 0)
-        printDiagnostic(std::string(what) + " " + mountPoint + ": " + std::strerror(error));
+    const Privileges::Raised raised;
+    ::fanotify_mark(handleGroup_.get(), FAN_MARK_REMOVE, kWatchedFolderMask | FAN_RENAME, folderFd, nullptr);
+}
+
+void FanotifyWatch::reportOnce(int folderFd, const char* what, int error)
+{
+    const std::string folder = pathOf(folderFd).value_or("a folder");
+    // Folders are many: a helper that meets many refusals is heard afresh
+    // rather than remembered without end.
+    if (reported_.size() >= 1000)
+        reported_.clear();
+    if (reported_[folder]++ == 0)
+        printDiagnostic(std::string(what) + " " + folder + ": " + std::strerror(error));
 }
 
 FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
 {
+    bool read = false;
+    const ReadResult result = readHandleEvents(handleGroup_.get(), output, &read);
+    // Folders made while events were lost have no marks yet.
+    if (result == ReadResult::Ok && eventsLost_)
+        markAll(output);
+    if (marks_.mountOfFileSystem().size() != mountPointOfFsid_.size())
+        findMountPoints();
+    return result;
+}
+
+FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(RecordWriter& output)
+{
+    bool read = false;
+    return readDescriptorEvents(descriptorGroup_.get(), output, &read);
+}
+
+FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(int group, RecordWriter& output, bool* read)
+{
     ssize_t length;
     do {
-        length = ::read(handleGroup_.get(), events_.get(), kEventBufferSize);
+        length = ::read(group, events_.get(), kEventBufferSize);
     } while (length < 0 && errno == EINTR);
+    *read = length > 0;
     if (length <= 0)
         return ReadResult::Ok;
 
@@ -440,24 +488,72 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
         if (event.fd >= 0)
             ::close(event.fd);
         if (event.mask & FAN_Q_OVERFLOW) {
+            eventsLost_ |= group == handleGroup_.get();
             if (!reportOverflow(output))
                 return ReadResult::OutputClosed;
             continue;
         }
         const bool onFolder = event.mask & FAN_ONDIR;
+        const std::optional<Entry> entry = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_DFID_NAME);
         bool written = true;
         if (event.mask & FAN_RENAME) {
             // Never merged with other events: the kernel keeps renames apart.
-            if (onFolder)
-                written = reportFolderMove(batch, bytes, event, output);
-        } else if (onFolder ? (event.mask & FAN_MOVED_TO) && !renameEvents_ : (event.mask & kFileEvents) != 0) {
-            const std::optional<Entry> entry = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_DFID_NAME);
-            // "." names the folder of an event on the folder itself.
-            if (entry && std::strcmp(entry->name, ".") != 0) {
-                const std::string unknownOrigin;
-                written = addEvent(output, batch.folder(*entry->fsid, entry->folder), entry->name,
-                                   onFolder ? &unknownOrigin : nullptr);
+            if (!onFolder)
+                continue;
+            // Where the folder went, if that place is marked, where it came
+            // from, if that one is, and the folder itself.
+            const std::optional<Entry> to = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_NEW_DFID_NAME);
+            const std::optional<Entry> old = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_OLD_DFID_NAME);
+            const std::optional<Entry> moved = entryOf(bytes, event, FAN_EVENT_INFO_TYPE_FID);
+            Batch::Folder* folder = to ? &batch.folder(*to->fsid, to->folder) : nullptr;
+            if (to && marks_.watchesBelow(to->key())) {
+                if (const UniqueFd parent = batch.open(*to->fsid, to->folder))
+                    marks_.folderArrived(to->key(), parent.get(), to->name,
+                                         folder->kind == Batch::Folder::Listable ? pathIn(folder->path, to->name) : "",
+                                         false, output);
+            } else if (moved && marks_.isMarked(moved->key())) {
+                if (const UniqueFd left = batch.open(*moved->fsid, moved->folder))
+                    marks_.folderMoved(moved->key(), left.get());
             }
+            if (!folder)
+                continue;
+            std::string from;
+            if (folder->kind == Batch::Folder::Listable && old) {
+                const Batch::Folder& oldFolder = batch.folder(*old->fsid, old->folder);
+                if (oldFolder.kind == Batch::Folder::Listable)
+                    from = pathIn(oldFolder.path, old->name);
+            }
+            written = addEvent(output, *folder, to->name, &from);
+        } else if (!entry) {
+            continue;
+        } else if (onFolder && std::strcmp(entry->name, ".") == 0) {
+            // An event on a marked folder itself: removed, or (a watched
+            // folder) moved away.
+            if (event.mask & FAN_DELETE_SELF)
+                marks_.folderRemoved(entry->key());
+            else if (event.mask & FAN_MOVE_SELF)
+                if (const UniqueFd moved = batch.open(*entry->fsid, entry->folder))
+                    marks_.folderMoved(entry->key(), moved.get());
+        } else if (onFolder) {
+            const bool movedIn = (event.mask & FAN_MOVED_TO) && !renameEvents_;
+            if (!(event.mask & FAN_CREATE) && !movedIn)
+                continue;
+            Batch::Folder& folder = batch.folder(*entry->fsid, entry->folder);
+            if (folder.kind != Batch::Folder::Hidden && marks_.watchesBelow(entry->key())) {
+                if (const UniqueFd parent = batch.open(*entry->fsid, entry->folder))
+                    marks_.folderArrived(entry->key(), parent.get(), entry->name,
+                                         folder.kind == Batch::Folder::Listable ? pathIn(folder.path, entry->name) : "",
+                                         !movedIn, output);
+            }
+            // A folder made in a folder with no path may hold files already,
+            // which the agent finds by walking the nearest folder that has one.
+            const std::string unknownOrigin;
+            if (movedIn)
+                written = addEvent(output, folder, entry->name, &unknownOrigin);
+            else if (folder.kind == Batch::Folder::TooLong)
+                written = addEvent(output, folder, entry->name);
+        } else if (event.mask & kFileEvents) {
+            written = addEvent(output, batch.folder(*entry->fsid, entry->folder), entry->name);
         }
         if (!written)
             return ReadResult::OutputClosed;
@@ -465,7 +561,7 @@ FanotifyWatch::ReadResult FanotifyWatch::readHandleEvents(RecordWriter& output)
     return ReadResult::Ok;
 }
 
-FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(RecordWriter& output)
+FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(int group, RecordWriter& output, bool* read)
 {
     ssize_t length;
     {
@@ -473,9 +569,10 @@ FanotifyWatch::ReadResult FanotifyWatch::readDescriptorEvents(RecordWriter& outp
         // of the moment; the path check below decides what the user learns.
         const Privileges::Raised raised;
         do {
-            length = ::read(descriptorGroup_.get(), events_.get(), kEventBufferSize);
+            length = ::read(group, events_.get(), kEventBufferSize);
         } while (length < 0 && errno == EINTR);
     }
+    *read = length > 0;
     if (length <= 0)
         return ReadResult::Ok;
 

@@ -12,7 +12,7 @@ namespace kv::gfs {
 //
 // A record that starts with "/" is a path: a file was created, closed after
 // writing, moved in or had its attributes changed (a file made readable
-// after its first scan failed). Every other record is one of the kinds
+// after its first scan failed), or was found in a folder just made. Every other record is one of the kinds
 // below; a kind that takes fields is followed by exactly that many records.
 inline constexpr char kRecordEnd = '\0';
 
@@ -20,10 +20,11 @@ inline constexpr char kRecordEnd = '\0';
 // cannot know which files changed. No fields.
 inline constexpr std::string_view kQueueOverflowed = "!queue-overflowed";
 
-// A folder was moved in. Two fields: where it was before ("" when that is
-// unknown, or a place the real user may not list) and where it is now. Its
-// files raise no events of their own, so the reader scans it whole unless
-// they were watched where it came from.
+// A folder was moved in, or a watched folder that had gone is back. Two
+// fields: where it was before ("" when that is unknown, such as a place the
+// helper does not watch, or a place the real user may not list) and where
+// it is now. Its files raised no events of their own, so the reader scans
+// it whole unless they were watched where it came from.
 inline constexpr std::string_view kFolderArrived = "!folder-arrived";
 
 // An event whose object has no path the helper can give (its path is longer

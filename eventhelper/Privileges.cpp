@@ -1,5 +1,7 @@
 #include "eventhelper/Privileges.h"
 
+#include "eventhelper/UserLock.h"
+
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <signal.h>
@@ -97,7 +99,7 @@ int raisedScopes = 0;
 
 } // namespace
 
-Privileges::Outcome Privileges::establish(std::string* message)
+Privileges::Outcome Privileges::establish(std::string* message, UniqueFd* userLock)
 {
     if (::geteuid() != 0) {
         if (programIsSetUidRoot()) {
@@ -126,6 +128,14 @@ Privileges::Outcome Privileges::establish(std::string* message)
 
     const uid_t realUid = ::getuid();
     const gid_t realGid = ::getgid();
+    switch (UserLock::take(realUid, userLock, message)) {
+    case UserLock::Outcome::Held:
+        break;
+    case UserLock::Outcome::HeldByAnother:
+        return Outcome::AlreadyRunning;
+    case UserLock::Outcome::Failed:
+        return Outcome::Failed;
+    }
     if (!limitCapabilitySets()) {
         *message = failure("capability bounding set");
         return Outcome::Failed;

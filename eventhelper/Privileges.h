@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/UniqueFd.h"
+
 #include <string>
 
 #include <sys/types.h>
@@ -20,16 +22,19 @@ public:
         LacksPrivileges,  // neither root nor set-user-ID root
         Failed,           // set-user-ID root, yet started without its rights, or a
                           // step of the reduction failed
+        AlreadyRunning,   // another helper watches for the same real user (UserLock)
     };
 
     // Checks the rights and, when they suffice, sheds everything a watcher
-    // does not need: the environment, inherited descriptors and signal
-    // settings, the set-user-ID identity (the process becomes the real user
-    // again) and every capability but CAP_SYS_ADMIN (fanotify) and
-    // CAP_DAC_READ_SEARCH (resolving file handles). Those two stay
-    // permitted but not effective: they are in force only inside a Raised
-    // scope. *message says why when the outcome is not Ready.
-    static Outcome establish(std::string* message);
+    // does not need: the environment, inherited descriptors but the three
+    // standard ones, signal settings, the set-user-ID identity (the process
+    // becomes the real user again) and every capability but CAP_SYS_ADMIN
+    // (fanotify) and CAP_DAC_READ_SEARCH (resolving file handles). Those two
+    // stay permitted but not effective: they are in force only inside a
+    // Raised scope. Before it lets go of root, it takes the real user's
+    // UserLock into *userLock, which the caller keeps for its life.
+    // *message says why when the outcome is not Ready.
+    static Outcome establish(std::string* message, UniqueFd* userLock);
 
     // The capabilities kept by establish() in force for one scope, around
     // the calls that need them: creating and marking fanotify groups,

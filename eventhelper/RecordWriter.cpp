@@ -2,6 +2,9 @@
 
 #include "eventhelper/HelperOutput.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,24 +15,58 @@ namespace kv::gfs {
 
 namespace {
 
-bool writeAll(int fd, const char* data, size_t size)
+enum class Written { All, ReaderGone, Unread };
+
+// Writes everything, waiting at most kLongestUnreadOutput at a time for the
+// reader to make room: each byte it takes starts the wait afresh.
+Written writeAll(int fd, const char* data, size_t size)
 {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point giveUp = Clock::now() + kLongestUnreadOutput;
     while (size > 0) {
         const ssize_t n = ::write(fd, data, size);
+        if (n > 0) {
+            data += n;
+            size -= static_cast<size_t>(n);
+            giveUp = Clock::now() + kLongestUnreadOutput;
+            continue;
+        }
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
+        if (n >= 0 || errno != EAGAIN)
+            return Written::ReaderGone;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(giveUp - Clock::now()).count();
+        if (left <= 0)
+            return Written::Unread;
+        pollfd output{fd, POLLOUT, 0};
+        if (::poll(&output, 1, static_cast<int>(left)) < 0 && errno != EINTR)
+            return Written::ReaderGone;
     }
-    return true;
+    return Written::All;
 }
 
 } // namespace
 
+void RecordWriter::prepare(int fd)
+{
+    struct stat info{};
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode) && flags >= 0)
+        ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+bool RecordWriter::write(const char* data, size_t size)
+{
+    const Written written = writeAll(fd_, data, size);
+    unread_ = written == Written::Unread;
+    failed_ = written != Written::All;
+    return !failed_;
+}
+
 bool RecordWriter::add(std::initializer_list<std::string_view> records)
 {
+    if (failed_)
+        return false;
     size_t length = 0;
     for (const std::string_view record : records)
         length += record.size() + 1;
@@ -42,7 +79,7 @@ bool RecordWriter::add(std::initializer_list<std::string_view> records)
             entry += record;
             entry += kRecordEnd;
         }
-        return writeAll(fd_, entry.data(), entry.size());
+        return write(entry.data(), entry.size());
     }
     for (const std::string_view record : records) {
         std::memcpy(buffer_ + used_, record.data(), record.size());
@@ -54,9 +91,11 @@ bool RecordWriter::add(std::initializer_list<std::string_view> records)
 
 bool RecordWriter::flush()
 {
+    if (failed_)
+        return false;
     if (used_ == 0)
         return true;
-    const bool written = writeAll(fd_, buffer_, used_);
+    const bool written = write(buffer_, used_);
     used_ = 0;
     return written;
 }

@@ -1,20 +1,23 @@
-// gfslogger: reports file events on every mounted file system until it is
-// terminated, as the NUL-ended records of HelperOutput.h: the full path of
-// every file created, closed after writing, moved in or changed in its
+// gfslogger: reports file events in the folders the agent watches until it
+// is terminated, as the NUL-ended records of HelperOutput.h: the full path
+// of every file created, closed after writing, moved in or changed in its
 // attributes, whatever bytes its name holds; every folder moved in, with
 // where it was before; an event whose folder has no path, with the deepest
 // folder above it that has one; and that events were lost, when the
 // kernel's event queue overflowed. Its diagnostics on standard error are
-// records too. The agent runs it and reads both streams in one pipe; see
-// intake/FSEventWatcher.h for the other side.
+// records too. The agent runs it, writes the folders to watch on its
+// standard input (HelperInput.h), and reads both output streams in one
+// pipe; see intake/FSEventWatcher.h for the other side.
 //
 // Takes no arguments. Exits 1 when it lacks root's rights, which the agent
-// answers by installing it set-user-ID root.
+// answers by installing it set-user-ID root; 3 when another helper watches
+// for the same user; 4 when nobody took its output for a long time.
 
 #include "eventhelper/ExitStatus.h"
 #include "eventhelper/FanotifyWatch.h"
 #include "eventhelper/Privileges.h"
 #include "eventhelper/RecordWriter.h"
+#include "eventhelper/WatchListInput.h"
 
 #include <poll.h>
 #include <time.h>
@@ -41,46 +44,76 @@ int fail(ExitStatus status, const std::string& message)
     return status;
 }
 
+int outputEnded(const RecordWriter& output)
+{
+    return output.unread() ? kOutputUnread : kOutputClosed;
+}
+
 } // namespace
 
 int main()
 {
     std::string message;
-    switch (Privileges::establish(&message)) {
+    kv::UniqueFd userLock;
+    switch (Privileges::establish(&message, &userLock)) {
     case Privileges::Outcome::Ready:
         break;
     case Privileges::Outcome::LacksPrivileges:
         return fail(kLacksPrivileges, message);
     case Privileges::Outcome::Failed:
         return fail(kCannotWatch, message);
+    case Privileges::Outcome::AlreadyRunning:
+        return fail(kAlreadyRunning, message);
     }
+    RecordWriter::prepare(STDOUT_FILENO);
+    RecordWriter::prepare(STDERR_FILENO);
 
     const Privileges privileges;
     FanotifyWatch watch(privileges);
     if (!watch.open(&message))
         return fail(kCannotWatch, message);
-    watch.markMounts();
 
     RecordWriter output(STDOUT_FILENO);
-    enum { kHandles, kDescriptors, kMounts, kOutput };
-    pollfd watched[] = {
-        {watch.handleGroup(), POLLIN, 0},
-        {watch.descriptorGroup(), POLLIN, 0},
-        {watch.mountTable(), POLLPRI, 0},
-        // Asks for nothing: a pipe whose reader has gone reports POLLERR, so
-        // we end at once rather than at the next event.
-        {STDOUT_FILENO, 0, 0},
-    };
+    WatchListInput input;
+    bool readingInput = true;
+    enum { kHandles, kDescriptors, kMounts, kInput, kOutput };
     for (;;) {
-        if (::poll(watched, std::size(watched), -1) < 0) {
+        // The groups change when folders are marked afresh.
+        pollfd watched[] = {
+            {watch.handleGroup(), POLLIN, 0},
+            {watch.descriptorGroup(), POLLIN, 0},
+            {watch.mountTable(), POLLPRI, 0},
+            {readingInput ? STDIN_FILENO : -1, POLLIN, 0},
+            // Asks for nothing: a pipe whose reader has gone reports POLLERR, so
+            // we end at once rather than at the next event.
+            {STDOUT_FILENO, 0, 0},
+        };
+        const int timeout = watch.waitsForMissingFolders() ? FanotifyWatch::kMissingFolderRetryMs : -1;
+        const int ready = ::poll(watched, std::size(watched), timeout);
+        if (ready < 0) {
             if (errno == EINTR)
                 continue;
             return fail(kCannotWatch, "poll failed");
         }
         if (watched[kOutput].revents & (POLLERR | POLLHUP | POLLNVAL))
             return kOutputClosed;
+        if (ready == 0)
+            watch.retryMissingFolders(output);
+        if (watched[kInput].revents) {
+            switch (input.read(STDIN_FILENO)) {
+            case WatchListInput::Read::Nothing:
+                break;
+            case WatchListInput::Read::List:
+                watch.setWatchList(input.list(), output);
+                break;
+            case WatchListInput::Read::Ended:
+                // The agent has said all it will: what is watched stays so.
+                readingInput = false;
+                break;
+            }
+        }
         if (watched[kMounts].revents & (POLLPRI | POLLERR))
-            watch.markMounts();
+            watch.mountsChanged(output);
         if ((watched[kHandles].revents | watched[kDescriptors].revents) & POLLIN) {
             // Let events gather for a moment: under a burst of file activity
             // one wake-up then handles hundreds of them, and a path reaches
@@ -98,6 +131,6 @@ int main()
         if (result == FanotifyWatch::ReadResult::Unusable)
             return fail(kCannotWatch, "the kernel reports events in a format this helper does not know");
         if (result == FanotifyWatch::ReadResult::OutputClosed || !output.flush())
-            return kOutputClosed;
+            return outputEnded(output);
     }
 }

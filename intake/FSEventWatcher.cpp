@@ -1,6 +1,7 @@
 #include "intake/FSEventWatcher.h"
 
 #include "eventhelper/ExitStatus.h"
+#include "eventhelper/HelperInput.h"
 #include "eventhelper/HelperOutput.h"
 #include "intake/WatcherHost.h"
 #include "platform/ChildProcess.h"
@@ -12,7 +13,9 @@
 #include "platform/UniqueFd.h"
 #include "queue/Dispatcher.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -42,14 +45,45 @@ constexpr int kLongestPauseMs = 8000;
 // most likely say so again: it is asked again less and less often, up to
 // every five minutes.
 constexpr int kLongestPauseCannotWatchMs = 5 * 60 * 1000;
+// One that finds another helper watching for the user (the agent of another
+// session of theirs) is asked again up to every minute, so that this agent
+// takes over soon after that one quits.
+constexpr int kLongestPauseAnotherHelperMs = 60 * 1000;
 // How long a terminated helper may take before it is killed outright.
 constexpr auto kTerminateGrace = std::chrono::seconds(2);
-// Walks of the watched folders after lost events start at least this far
-// apart: any user can overflow the kernel's queue, and must not be able to
-// keep every agent walking without end.
-constexpr auto kWalkSpacing = std::chrono::seconds(30);
 constexpr size_t kLongestRecord = 1024 * 1024;
 constexpr size_t kRememberedDiagnostics = 1000;
+
+// The watch list as the helper reads it (eventhelper/HelperInput.h).
+std::string encodedList(const WatchList& list)
+{
+    std::string records;
+    for (const auto& [folder, subfolders] : list.foldersAndSubfolders()) {
+        // A path cannot hold a NUL byte, and a record must not either.
+        if (folder.find(gfs::kRecordEnd) != std::string::npos)
+            continue;
+        records.append(subfolders ? gfs::kWatchTree : gfs::kWatchFolder);
+        records += gfs::kRecordEnd;
+        records += folder;
+        records += gfs::kRecordEnd;
+    }
+    records.append(gfs::kListEnd);
+    records += gfs::kRecordEnd;
+    return records;
+}
+
+// Writes to the helper's input what its pipe takes now. A helper that no
+// longer reads its input gets no more.
+void writeSome(ChildProcess& task, std::string& pending)
+{
+    const ssize_t written = ::write(task.inputFd(), pending.data(), pending.size());
+    if (written > 0) {
+        pending.erase(0, static_cast<size_t>(written));
+    } else if (written < 0 && errno != EAGAIN && errno != EINTR) {
+        pending.clear();
+        task.closeInput();
+    }
+}
 
 std::string parentOf(const std::string& path)
 {
@@ -91,6 +125,9 @@ struct FSEventWatcher::Loop {
     // An eventfd that becomes readable when the loop is stopped, so that
     // waits for helper output or for a restart end at once.
     UniqueFd stopSignal;
+    // An eventfd that becomes readable when the watch list changes, so that
+    // the helper is told.
+    UniqueFd listChanged;
     // How the helper's last run ended, so the same end is logged once.
     int lastStatus = -1;
 };
@@ -111,6 +148,10 @@ void FSEventWatcher::setWatchList(std::shared_ptr<const WatchList> list)
 {
     std::lock_guard<std::mutex> held(mutex_);
     watchList_ = list ? std::move(list) : std::make_shared<const WatchList>();
+    if (current_ && current_->isWatching) {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(current_->listChanged.get(), &one, sizeof one);
+    }
 }
 
 std::shared_ptr<const WatchList> FSEventWatcher::watchList() const
@@ -139,6 +180,7 @@ void FSEventWatcher::start(WatcherHost& host)
     auto loop = std::make_shared<Loop>();
     loop->host = &host;
     loop->stopSignal.reset(::eventfd(0, EFD_CLOEXEC));
+    loop->listChanged.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     try {
         std::thread([this, loop] { mainLoop(loop); }).detach();
     } catch (const std::exception& error) {
@@ -173,13 +215,21 @@ void FSEventWatcher::stopWatching()
 
 void FSEventWatcher::mainLoop(const std::shared_ptr<Loop>& loop)
 {
+    // A helper that has ended makes a write to its input fail with EPIPE
+    // rather than end the agent.
+    sigset_t brokenPipe;
+    sigemptyset(&brokenPipe);
+    sigaddset(&brokenPipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
     int pauseMs = 0;
     while (loop->isWatching) {
         const Clock::time_point began = Clock::now();
         // After an installation the controller's new start runs a new loop.
         if (startWatching(*loop) == RunEnd::Installed)
             break;
-        const int longest = loop->lastStatus == gfs::kCannotWatch ? kLongestPauseCannotWatchMs : kLongestPauseMs;
+        const int longest = loop->lastStatus == gfs::kCannotWatch      ? kLongestPauseCannotWatchMs
+                            : loop->lastStatus == gfs::kAlreadyRunning ? kLongestPauseAnotherHelperMs
+                                                                       : kLongestPauseMs;
         const bool wasWatching = Clock::now() - began >= kSteadyRun;
         // A helper that watched and ended (killed, or crashed) missed what
         // happened until its next start: the folders are walked.
@@ -210,7 +260,8 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
 {
     const std::string helper = helperPath();
     int error = 0;
-    std::optional<ChildProcess> task = ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error);
+    std::optional<ChildProcess> task =
+        ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error, ChildProcess::Input::Pipe);
     if (!task) {
         nsLog("gfslogger could not be started");
         nsLogf("%s: %s", helper.c_str(), std::strerror(error));
@@ -233,20 +284,53 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
         }
     }
 
+    // The helper watches the folders of the list it was given last: the
+    // list now (which takes in every change so far), and again at every
+    // change. Its input is written without blocking, so that a helper that
+    // does not read it never holds up the reading of its output.
+    uint64_t changes = 0;
+    [[maybe_unused]] const ssize_t earlier = ::read(loop.listChanged.get(), &changes, sizeof changes);
+    std::string toHelper = encodedList(*watchList());
+    ::fcntl(task->inputFd(), F_SETFL, ::fcntl(task->inputFd(), F_GETFL) | O_NONBLOCK);
     ChildProcess::ReadStatus status = ChildProcess::ReadStatus::Stopped;
     std::string chunk;
+    enum { kOutput, kStop, kListChanged, kInput };
     while (registered) {
-        chunk.clear();
-        status = task->readChunk(&chunk, loop.stopSignal.get());
-        if (status != ChildProcess::ReadStatus::Data)
+        pollfd watched[] = {
+            {task->outputFd(), POLLIN, 0},
+            {loop.stopSignal.get(), POLLIN, 0},
+            {loop.listChanged.get(), POLLIN, 0},
+            {toHelper.empty() ? -1 : task->inputFd(), POLLOUT, 0},
+        };
+        if (::poll(watched, std::size(watched), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            status = ChildProcess::ReadStatus::Failed;
             break;
-        if (!loop.isWatching)
-            continue;  // stopped: drain until the helper's end closes the pipe
-        try {
-            taskDataAvailable(chunk);
-        } catch (const std::exception& exception) {
-            nsLog(typeid(exception).name());
-            nsLog(exception.what());
+        }
+        if (watched[kListChanged].revents & POLLIN) {
+            [[maybe_unused]] const ssize_t read = ::read(loop.listChanged.get(), &changes, sizeof changes);
+            if (task->inputFd() >= 0)
+                toHelper += encodedList(*watchList());
+        }
+        if (watched[kInput].revents)
+            writeSome(*task, toHelper);
+        if (watched[kOutput].revents) {
+            chunk.clear();
+            status = task->readChunk(&chunk);
+            if (status != ChildProcess::ReadStatus::Data)
+                break;
+            if (!loop.isWatching)
+                continue;  // stopped: drain until the helper's end closes the pipe
+            try {
+                taskDataAvailable(chunk);
+            } catch (const std::exception& exception) {
+                nsLog(typeid(exception).name());
+                nsLog(exception.what());
+            }
+        } else if (watched[kStop].revents & POLLIN) {
+            status = ChildProcess::ReadStatus::Stopped;
+            break;
         }
     }
     if (status != ChildProcess::ReadStatus::EndOfFile)
@@ -403,10 +487,11 @@ void FSEventWatcher::scanWatchedFoldersWhole(WhyWalk why)
 {
     {
         std::lock_guard<std::mutex> held(mutex_);
-        if (overflowWalkDue_)
+        if (!walks_.askForAll(Clock::now()))
             return;
-        overflowWalkDue_ = true;
+        ++walksAsked_;
     }
+    changed_.notify_all();
     if (why == WhyWalk::QueueOverflowed)
         nsLog("File events were lost (the kernel's event queue overflowed), so every file in the watched folders is "
               "scanned");
@@ -418,13 +503,17 @@ void FSEventWatcher::scanWatchedFoldersWhole(WhyWalk why)
 
 void FSEventWatcher::scanFolderWhole(const std::string& folder)
 {
+    WalkSchedule::Asked asked;
     {
         std::lock_guard<std::mutex> held(mutex_);
-        if (std::find(foldersToWalk_.begin(), foldersToWalk_.end(), folder) != foldersToWalk_.end())
-            return;
-        foldersToWalk_.push_back(folder);
+        asked = walks_.askForFolder(folder, Clock::now());
+        ++walksAsked_;
     }
     changed_.notify_all();  // a walk waiting for its next turn takes it at once
+    if (asked == WalkSchedule::Asked::FoldedIntoAll)
+        nsLogf("More than %zu folders arrived within %lld s, so every file in the watched folders is scanned instead "
+               "of each folder",
+               WalkSchedule::kMostFolderWalks, static_cast<long long>(WalkSchedule::kWholeSpacing.count()));
     startWalking();
 }
 
@@ -442,11 +531,17 @@ void FSEventWatcher::startWalking()
     } catch (const std::exception& error) {
         nsLogf("The folder walk cannot be started: %s", error.what());
         std::lock_guard<std::mutex> held(mutex_);
-        walking_ = overflowWalkDue_ = false;
-        foldersToWalk_.clear();
-        --runningLoops_;
-        changed_.notify_all();
+        endWalking();
     }
+}
+
+// Under mutex_.
+void FSEventWatcher::endWalking()
+{
+    walking_ = false;
+    walks_.clear();
+    --runningLoops_;
+    changed_.notify_all();
 }
 
 bool FSEventWatcher::isWalkingFolders() const
@@ -464,46 +559,37 @@ void FSEventWatcher::walkFolders()
         loop = current_;
     }
     const auto goesOn = [&loop] { return !loop || loop->isWatching; };
-    // Any user can overflow the kernel's queue: walks of every watched
-    // folder start at least kWalkSpacing apart, so no one can keep every
-    // agent walking without end. Folders moved in are walked at once.
-    Clock::time_point nextWholeWalk = Clock::now();
     for (;;) {
-        std::vector<std::string> roots;
+        WalkSchedule::Walk walk;
         {
-            std::lock_guard<std::mutex> held(mutex_);
-            const bool wholeWalkNow = overflowWalkDue_ && Clock::now() >= nextWholeWalk;
-            if (!goesOn() || (foldersToWalk_.empty() && !overflowWalkDue_)) {
-                walking_ = overflowWalkDue_ = false;
-                foldersToWalk_.clear();
-                --runningLoops_;
-                changed_.notify_all();
-                return;
-            }
-            if (!foldersToWalk_.empty()) {
-                roots.swap(foldersToWalk_);
-            } else if (wholeWalkNow) {
-                overflowWalkDue_ = false;
-                nextWholeWalk = Clock::now() + kWalkSpacing;
-                roots = {std::string()};  // stands for every watched folder
-            }
-        }
-        if (roots.empty()) {
-            // An overflow walk waits for its turn; a folder that arrives
-            // meanwhile, or a stop, ends the wait.
             std::unique_lock<std::mutex> held(mutex_);
-            changed_.wait_until(held, nextWholeWalk, [&] { return !foldersToWalk_.empty() || !goesOn(); });
-            continue;
+            for (;;) {
+                if (!goesOn()) {
+                    endWalking();
+                    return;
+                }
+                if (std::optional<WalkSchedule::Walk> due = walks_.take(Clock::now())) {
+                    walk = std::move(*due);
+                    break;
+                }
+                const std::optional<Clock::time_point> next = walks_.nextDue();
+                if (!next) {
+                    endWalking();
+                    return;
+                }
+                // Waits for its turn; a walk asked for meanwhile, which may
+                // be due sooner, or a stop ends the wait.
+                const std::uint64_t asked = walksAsked_;
+                changed_.wait_until(held, *next, [&] { return walksAsked_ != asked || !goesOn(); });
+            }
         }
         // The list of the moment: a restart while walking hands over a new one.
         const std::shared_ptr<const WatchList> list = watchList();
         // The watched folders may be links; a folder that arrived is
         // walked only as itself, never through a link put in its place.
-        const bool watchedFolders = roots.size() == 1 && roots.front().empty();
-        if (watchedFolders)
-            roots = list->folders();
+        const std::vector<std::string> roots = walk.all ? list->folders() : walk.folders;
         try {
-            list->forEachAdmittedFileIn(roots, watchedFolders, [this, &goesOn](std::vector<std::string>& files) {
+            list->forEachAdmittedFileIn(roots, walk.all, [this, &goesOn](std::vector<std::string>& files) {
                 if (!goesOn())
                     return false;
                 queue_.addToItemList(files);

@@ -105,6 +105,14 @@ std::vector<std::string> WatchList::folders() const
     return folders;
 }
 
+std::vector<std::pair<std::string, bool>> WatchList::foldersAndSubfolders() const
+{
+    std::vector<std::pair<std::string, bool>> folders;
+    for (const Entry& entry : entries_)
+        folders.emplace_back(entry.folder, entry.subdirs);
+    return folders;
+}
+
 bool WatchList::mayHoldAdmitted(const std::string& folder) const
 {
     const std::string inside = folder == "/" ? folder : folder + '/';

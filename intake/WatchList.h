@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kv {
@@ -55,6 +56,10 @@ public:
 
     // The watched folders themselves, for a walk of all of them.
     std::vector<std::string> folders() const;
+
+    // The same, each with whether its subfolders are watched: what the
+    // helper marks.
+    std::vector<std::pair<std::string, bool>> foldersAndSubfolders() const;
 
     // Whether the folder may hold files the list admits: a watched folder,
     // one inside a folder watched with its subfolders, or one on the way to

@@ -13,7 +13,10 @@ extern char** environ;
 namespace kv {
 
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), output_(std::move(other.output_)), status_(std::exchange(other.status_, std::nullopt))
+    : pid_(std::exchange(other.pid_, -1)),
+      output_(std::move(other.output_)),
+      input_(std::move(other.input_)),
+      status_(std::exchange(other.status_, std::nullopt))
 {
 }
 
@@ -24,6 +27,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept
             wait();
         pid_ = std::exchange(other.pid_, -1);
         output_ = std::move(other.output_);
+        input_ = std::move(other.input_);
         status_ = std::exchange(other.status_, std::nullopt);
     }
     return *this;
@@ -31,14 +35,17 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept
 
 ChildProcess::~ChildProcess()
 {
-    // Reap the child if forgotten. Closing the pipe first lets a child that
-    // is still writing see EPIPE instead of blocking on a full pipe.
+    // Reap the child if forgotten. Closing the pipes first lets a child that
+    // is still writing see EPIPE instead of blocking on a full pipe, and one
+    // that reads see the end of its input.
     output_.reset();
+    input_.reset();
     if (pid_ > 0 && !status_)
         wait();
 }
 
-std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& argv, Output output, int* error)
+std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& argv, Output output, int* error,
+                                                Input input)
 {
     if (argv.empty()) {
         if (error)
@@ -55,6 +62,14 @@ std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& 
     }
     UniqueFd readEnd(pipeFds[0]);
     UniqueFd writeEnd(pipeFds[1]);
+    int inputFds[2] = {-1, -1};
+    if (input == Input::Pipe && ::pipe2(inputFds, O_CLOEXEC) != 0) {
+        if (error)
+            *error = errno;
+        return std::nullopt;
+    }
+    UniqueFd inputReadEnd(inputFds[0]);
+    UniqueFd inputWriteEnd(inputFds[1]);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -76,8 +91,10 @@ std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& 
         posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
         break;
     }
-    // The child never reads from us.
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (input == Input::Pipe)
+        posix_spawn_file_actions_adddup2(&actions, inputReadEnd.get(), STDIN_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
 
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -114,6 +131,7 @@ std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& 
     ChildProcess child;
     child.pid_ = pid;
     child.output_ = std::move(readEnd);
+    child.input_ = std::move(inputWriteEnd);
     return child;
 }
 

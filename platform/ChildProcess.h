@@ -10,8 +10,9 @@
 
 namespace kv {
 
-// One child process, started without a shell, and the reading end of its
-// output pipe when it has one. Exactly one owner: the destructor reaps a
+// One child process, started without a shell, the reading end of its
+// output pipe when it has one, and the writing end of its input pipe when
+// it has one. Exactly one owner: the destructor reaps a
 // child that was never waited for, so no zombie is ever left behind.
 //
 // Not thread-safe: a ChildProcess is used by the thread that started it,
@@ -27,6 +28,12 @@ public:
         Null,          // both to /dev/null
     };
 
+    // What the child reads on its standard input.
+    enum class Input {
+        Null,  // /dev/null
+        Pipe,  // a pipe whose writing end the owner holds (inputFd())
+    };
+
     enum class ReadStatus { Data, EndOfFile, Stopped, Failed };
 
     ChildProcess() = default;
@@ -40,10 +47,11 @@ public:
     // argv as its argument vector. On failure returns nothing and sets
     // *error to errno (ENOENT or EACCES when the program cannot be run).
     static std::optional<ChildProcess> spawn(const std::vector<std::string>& argv, Output output,
-                                             int* error = nullptr);
+                                             int* error = nullptr, Input input = Input::Null);
 
     pid_t pid() const { return pid_; }
     int outputFd() const { return output_.get(); }
+    int inputFd() const { return input_.get(); }
 
     // Waits for output and appends what one read(2) delivers to *chunk.
     // When stopFd is given, a readable stopFd ends the wait with Stopped.
@@ -64,10 +72,12 @@ public:
     bool running();
 
     void closeOutput() { output_.reset(); }
+    void closeInput() { input_.reset(); }
 
 private:
     pid_t pid_ = -1;
     UniqueFd output_;
+    UniqueFd input_;
     std::optional<int> status_;
 };
 

@@ -4,7 +4,8 @@
 # the user's agent starts. The agent takes none of them for its own: it
 # launches its engine prefix's clamd, finds an infected file with it,
 # relaunches that same daemon when it dies, and never runs the neighbour's
-# program, as the user or as root.
+# program, as the user or as root. The neighbour's own file activity costs
+# the user's agent no walk, and the user cannot run a second event helper.
 #
 #   neighbour_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
@@ -111,6 +112,36 @@ check_daemons() {
 check_daemons
 first_daemon=$(daemon_pid)
 daemon_alive || fail "the pid file of $user's clamd names no process"
+
+echo "== A second gfslogger of $user's is refused while the agent's watches"
+helper_status=0
+helper_said=$(as_user "$user" "$resources/gfslogger" </dev/null 2>&1 | tr '\0' '\n'; exit "${PIPESTATUS[0]}") || helper_status=$?
+[ "$helper_status" -eq 3 ] && [[ $helper_said == "gfslogger: another gfslogger already watches for this user"* ]] ||
+  fail "a second gfslogger of $user's ended with status $helper_status, saying: $helper_said"
+
+echo "== The neighbour makes 100,000 files of its own: no walk for $user's agent"
+walks_logged() { grep -cE "File events were lost|is scanned whole|every file in the watched folders is scanned" "$log"; }
+# CPU time of all of a process's threads in milliseconds, from the
+# scheduler's own count in nanoseconds.
+cpu_ms() { cat /proc/"$1"/task/*/schedstat | awk '{ns += $1} END {printf "%.1f", ns / 1e6}'; }
+helper_pid=$(pgrep -P "$agent_pid" -x gfslogger) || fail "no gfslogger under $user's agent"
+walks_before=$(walks_logged || true)
+agent_cpu=$(cpu_ms "$agent_pid")
+helper_cpu=$(cpu_ms "$helper_pid")
+# The helper is stopped meanwhile, as a busy machine may starve it: it
+# finds whatever the kernel queued for it when it goes on, and a queue that
+# overflowed would cost a walk.
+kill -STOP "$helper_pid"
+flood_start=$SECONDS
+as_user "$neighbour" sh -c 'mkdir "$HOME/flood" && cd "$HOME/flood" && seq 100000 | xargs touch' ||
+  fail "the neighbour could not make its files"
+flood_seconds=$((SECONDS - flood_start))
+kill -CONT "$helper_pid"
+settle
+echo "   while the neighbour made 100,000 files ($flood_seconds s), $user's agent used" \
+  "$(awk -v a="$(cpu_ms "$agent_pid")" -v b="$agent_cpu" 'BEGIN {printf "%.1f", a - b}') ms of CPU" \
+  "and its gfslogger $(awk -v a="$(cpu_ms "$helper_pid")" -v b="$helper_cpu" 'BEGIN {printf "%.1f", a - b}') ms"
+[ "$(walks_logged || true)" -eq "$walks_before" ] || fail "the neighbour's files made $user's agent walk its folders"
 
 echo "== Its clamd killed: the relaunch is the prefix's daemon again"
 kill -KILL "$first_daemon"

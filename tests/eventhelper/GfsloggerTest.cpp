@@ -1,9 +1,13 @@
 // gfslogger as the agent runs it: the real program, watching real folders,
 // as root, as an ordinary user without the set-user-ID bit, and installed
-// set-user-ID root for an ordinary user.
+// set-user-ID root for an ordinary user; and the reading of its input.
 
 #include "eventhelper/ExitStatus.h"
+#include "eventhelper/FolderMarks.h"
+#include "eventhelper/HelperInput.h"
 #include "eventhelper/HelperOutput.h"
+#include "eventhelper/RecordWriter.h"
+#include "eventhelper/WatchListInput.h"
 #include "platform/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -17,8 +21,10 @@
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 namespace {
 
@@ -40,6 +46,7 @@ public:
     // rm walks down by descriptors, through folders deeper than a path reaches.
     ~TempFolder() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& path() const { return path_; }
 
 private:
     std::string path_;
@@ -60,10 +67,23 @@ int asNobody(const std::string& command)
 class HelperRun {
 public:
     using Event = std::vector<std::string>;
+    using List = std::vector<std::pair<std::string, bool>>;  // folder, and whether with subfolders
 
-    explicit HelperRun(const std::vector<std::string>& argv)
-        : child_(kv::ChildProcess::spawn(argv, kv::ChildProcess::Output::Pipe))
+    // Starts the helper and hands it the folders to watch.
+    HelperRun(const std::vector<std::string>& argv, const List& list)
+        : child_(kv::ChildProcess::spawn(argv, kv::ChildProcess::Output::Pipe, nullptr, kv::ChildProcess::Input::Pipe))
     {
+        // A helper that ends at once closes its input: a write fails, no more.
+        std::signal(SIGPIPE, SIG_IGN);
+        watch(list);
+    }
+    void watch(const List& list)
+    {
+        std::string records;
+        for (const auto& [folder, subfolders] : list)
+            records += std::string(subfolders ? kv::gfs::kWatchTree : kv::gfs::kWatchFolder) + '\0' + folder + '\0';
+        records += std::string(kv::gfs::kListEnd) + '\0';
+        [[maybe_unused]] const ssize_t written = ::write(child_->inputFd(), records.data(), records.size());
     }
     ~HelperRun()
     {
@@ -204,6 +224,19 @@ std::string statusField(pid_t pid, const std::string& name)
     return {};
 }
 
+// How many inode marks the fanotify groups of the process hold.
+size_t inodeMarks(pid_t pid)
+{
+    size_t marks = 0;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (const fs::directory_entry& fd : fs::directory_iterator(proc + "/fd")) {
+        std::ifstream info(proc + "/fdinfo/" + fd.path().filename().string());
+        for (std::string line; std::getline(info, line);)
+            marks += line.starts_with("fanotify ino:");
+    }
+    return marks;
+}
+
 // The "fanotify flags:" value of each fanotify group the process holds.
 std::vector<unsigned> fanotifyFlags(pid_t pid)
 {
@@ -237,7 +270,7 @@ TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
     ::chmod((folder / "in/unreadable").c_str(), 0);
     const DeepFolder deep(folder / "in/deep");
     const std::string longName(255, 'f');
-    HelperRun helper({kHelper});
+    HelperRun helper({kHelper}, {{folder.path(), true}, {elsewhere.path(), true}});
     ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
 
     ASSERT_EQ(::mknod((folder / "in/created").c_str(), S_IFREG | 0644, 0), 0);
@@ -285,24 +318,120 @@ TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
     EXPECT_EQ(helper.eventsWith(in), expected);
 }
 
-// A helper that does not read (stopped here, as any user may stop their own
-// process) costs the kernel at most its queue; the events it lost are
-// reported as such, and the helper goes on.
-TEST(Gfslogger, AFullQueueIsReportedAsAnOverflow)
+// What is watched: the listed folders and every folder below those listed
+// with their subfolders, made or moved in later too; not what lies below a
+// folder listed alone, outside, or moved out, nor what the list no longer
+// holds. A folder moved in, and a listed folder removed and made again, are
+// said to have arrived (the agent walks them, as nothing watched them), and
+// watched from then on. Files written into folders just made are reported,
+// however soon after the folder.
+TEST(Gfslogger, WatchesTheListedFoldersAndTheirTreesOnly)
 {
     TempFolder folder;
-    HelperRun helper({kHelper});
-    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
-    ASSERT_EQ(::kill(helper.child().pid(), SIGSTOP), 0);
-    // The default queue holds 16,384 events; each new file is one.
-    for (int i = 0; i < 17000; ++i)
-        ASSERT_EQ(::mknod((folder / std::to_string(i)).c_str(), S_IFREG | 0644, 0), 0);
-    ASSERT_EQ(::kill(helper.child().pid(), SIGCONT), 0);
-    EXPECT_TRUE(helper.waitFor({std::string(kv::gfs::kQueueOverflowed)}, 30000));
-    EXPECT_TRUE(helper.waitUntilWatching(folder / "after"));
+    for (const char* made : {"tree/old/deep", "alone/sub", "outside/in/deep"})
+        fs::create_directories(folder / made);
+    HelperRun helper({kHelper}, {{folder / "tree", true}, {folder / "alone", false}});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "alone/probe"));
+    const auto move = [&](const char* from, const char* to) { return [=, &folder] { fs::rename(folder / from, folder / to); }; };
+    struct Step {
+        const char* name;
+        std::function<void()> change;
+        const char* file;          // written once after the change
+        HelperRun::Event reported; // what must be reported; {} for nothing
+    };
+    const std::vector<Step> steps = {
+        {"deep in the tree", {}, "tree/old/deep/a", {folder / "tree/old/deep/a"}},
+        {"in the folder listed alone", {}, "alone/a", {folder / "alone/a"}},
+        {"below the folder listed alone", {}, "alone/sub/a", {}},
+        {"outside", {}, "outside/a", {}},
+        {"in folders just made in the tree", [&] { fs::create_directories(folder / "tree/new/deeper"); },
+         "tree/new/deeper/a", {folder / "tree/new/deeper/a"}},
+        // Its files are the agent's to find: it walks a folder that arrived.
+        {"a folder moved into the tree", move("outside/in", "tree/in"), "tree/in/deep/a", {kArrived, "", folder / "tree/in"}},
+        {"in the folder moved in, then", {}, "tree/in/deep/b", {folder / "tree/in/deep/b"}},
+        {"in a folder moved out of the tree", move("tree/old", "outside/old"), "outside/old/deep/a", {}},
+        {"in the folder listed alone, made again",
+         [&] {
+             fs::remove_all(folder / "alone");
+             fs::create_directory(folder / "alone");
+         },
+         "alone/b", {kArrived, "", folder / "alone"}},
+        {"in the tree, once the list no longer holds it", [&] { helper.watch({{folder / "alone", false}}); }, "tree/b", {}},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.name);
+        if (step.change)
+            step.change();
+        writeFile(folder / step.file);
+        if (!step.reported.empty()) {
+            EXPECT_TRUE(helper.waitFor(step.reported));
+            continue;
+        }
+        ASSERT_TRUE(helper.waitUntilWatching(folder / "alone/probe"));
+        EXPECT_TRUE(helper.eventsWith(folder / step.file).empty());
+    }
 }
 
-// Who runs the helper and how it is installed. Where it watches, it holds
+// A tree larger than one helper may mark: the folders nearest its top are
+// watched, up to the bound, and a diagnostic says where watching stops.
+TEST(Gfslogger, MarksNoMoreFoldersThanItsBound)
+{
+    TempFolder folder;
+    for (size_t i = 0; i < kv::gfs::FolderMarks::kMostFolders; ++i)
+        fs::create_directory(folder / ("d" + std::to_string(i)));
+    HelperRun helper({kHelper}, {{folder.path(), true}});
+    EXPECT_TRUE(helper.waitFor({std::string(kv::gfs::kDiagnosticPrefix) + "watches " +
+                                std::to_string(kv::gfs::FolderMarks::kMostFolders) +
+                                " folders, the most one helper may: folders below " + folder.path() +
+                                " and deeper ones are not watched\n"},
+                               20000));
+    EXPECT_TRUE(helper.waitUntilWatching(folder / "probe"));
+    EXPECT_EQ(inodeMarks(helper.child().pid()), kv::gfs::FolderMarks::kMostFolders);
+}
+
+// A helper that does not read (stopped here, as any user may stop their own
+// process) costs the kernel at most its queue; the events it lost are
+// reported as such, and the helper goes on. Files made outside the watched
+// folders never reach its queue, however many.
+TEST(Gfslogger, AFullQueueIsReportedAsAnOverflow)
+{
+    for (const bool watched : {true, false}) {
+        SCOPED_TRACE(watched ? "in the watched folder" : "outside");
+        TempFolder folder;
+        fs::create_directories(folder / "watched");
+        fs::create_directories(folder / "outside");
+        HelperRun helper({kHelper}, {{folder / "watched", true}});
+        ASSERT_TRUE(helper.waitUntilWatching(folder / "watched/probe"));
+        ASSERT_EQ(::kill(helper.child().pid(), SIGSTOP), 0);
+        // The default queue holds 16,384 events; each new file is one.
+        const std::string made = folder / (watched ? "watched/" : "outside/");
+        for (int i = 0; i < 17000; ++i)
+            ASSERT_EQ(::mknod((made + std::to_string(i)).c_str(), S_IFREG | 0644, 0), 0);
+        ASSERT_EQ(::kill(helper.child().pid(), SIGCONT), 0);
+        EXPECT_TRUE(helper.waitUntilWatching(folder / "watched/after"));
+        EXPECT_EQ(helper.waitFor({std::string(kv::gfs::kQueueOverflowed)}, watched ? 30000 : 0), watched);
+    }
+}
+
+// A helper whose reader takes nothing (its agent stopped with SIGSTOP, or
+// hung) ends by itself once its output has waited kLongestUnreadOutput,
+// rather than block in a write for ever.
+TEST(Gfslogger, EndsWhenNobodyReadsItsOutput)
+{
+    TempFolder folder;
+    HelperRun helper({kHelper}, {{folder.path(), true}});
+    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
+    // Far more than the pipe holds.
+    const std::string name(200, 'n');
+    for (int i = 0; i < 2000; ++i)
+        ASSERT_EQ(::mknod((folder / name + std::to_string(i)).c_str(), S_IFREG | 0644, 0), 0);
+    const int waitMs = std::chrono::milliseconds(kv::gfs::kLongestUnreadOutput).count() + 10000;
+    EXPECT_EQ(helper.exitStatusWithin(waitMs), kv::gfs::kOutputUnread);
+}
+
+// Who runs the helper, how it is installed, and whether one watches for the
+// same user already: one helper per ordinary user, as many as root likes.
+// Where it watches, it holds
 // its two capabilities (fanotify, and resolving file handles) without using
 // them between the calls that need them, its event queues are the kernel's
 // bounded ones, and it ends at once when its reader goes away. Where it
@@ -317,17 +446,20 @@ TEST(Gfslogger, RightsDecideWhetherItWatchesAndHowItEnds)
         bool asNobody;
         bool setUidRoot;
         bool onNosuidMount;
+        bool second;  // started while a first one watches, run the same way
         int exitStatus;
     };
     const Case cases[] = {
-        {"root", false, false, false, kWatches},
-        {"an ordinary user", true, false, false, kv::gfs::kLacksPrivileges},
+        {"root", false, false, false, false, kWatches},
+        {"a second one for root", false, false, false, true, kWatches},
+        {"an ordinary user", true, false, false, false, kv::gfs::kLacksPrivileges},
     // A sanitizer's runtime reads its options from the environment and
     // writes reports where they say: such a build is never made
     // set-user-ID root.
 #ifndef KV_SANITIZER_BUILD
-        {"set-user-ID root, for an ordinary user", true, true, false, kWatches},
-        {"set-user-ID root on a nosuid mount", true, true, true, kv::gfs::kCannotWatch},
+        {"set-user-ID root, for an ordinary user", true, true, false, false, kWatches},
+        {"a second one set-user-ID root, for the same user", true, true, false, true, kv::gfs::kAlreadyRunning},
+        {"set-user-ID root on a nosuid mount", true, true, true, false, kv::gfs::kCannotWatch},
 #endif
     };
     ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
@@ -348,7 +480,12 @@ TEST(Gfslogger, RightsDecideWhetherItWatchesAndHowItEnds)
         }
         std::vector<std::string> argv = c.asNobody ? kvtest::asUser("nobody") : std::vector<std::string>{};
         argv.push_back(installed);
-        HelperRun helper(argv);
+        std::optional<HelperRun> first;
+        if (c.second) {
+            first.emplace(argv, HelperRun::List{{folder.path(), true}});
+            ASSERT_TRUE(first->waitUntilWatching(folder / "first-probe"));
+        }
+        HelperRun helper(argv, {{folder.path(), true}});
 
         if (c.exitStatus != kWatches) {
             EXPECT_EQ(helper.exitStatusWithin(2000), c.exitStatus);
@@ -388,7 +525,7 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
 
     std::vector<std::string> argv = kvtest::asUser("nobody");
     argv.push_back(installed);
-    HelperRun helper(argv);
+    HelperRun helper(argv, {{folder.path(), true}});
     ASSERT_TRUE(helper.waitUntilWatching(folder / "shared/probe"));
 
     writeFile(folder / "private/secret");
@@ -416,7 +553,7 @@ TEST(Gfslogger, SetUserIdRootTellsAnOrdinaryUserOnlyWhatTheyCanReach)
 TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
 {
     TempFolder folder;
-    HelperRun helper({kHelper});
+    HelperRun helper({kHelper}, {{folder.path(), true}});
     ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
 
     // tmpfs names files by handles; ramfs cannot, and is watched mount by
@@ -432,6 +569,41 @@ TEST(Gfslogger, WatchesFileSystemsMountedLaterWithOrWithoutFileHandles)
     // Watching never keeps a volume from being unmounted.
     EXPECT_TRUE(tmpfs.unmount());
     EXPECT_TRUE(ramfs.unmount());
+}
+
+// The agent's lists as the helper reads them, in whatever pieces the pipe
+// delivers; what makes no entry (an unknown record, a path that is not
+// absolute or too long to be one) is passed over, and the last whole list
+// is the one that counts.
+TEST(WatchListInput, TakesWholeListsFromAnyPieces)
+{
+    using namespace std::string_literals;
+    using Folders = std::vector<kv::gfs::WatchedFolder>;
+    struct Case {
+        const char* name;
+        std::vector<std::string> pieces;  // one read each
+        Folders list;
+    };
+    const std::string tooLong = "/" + std::string(PATH_MAX, 'x');
+    const std::vector<Case> cases = {
+        {"split anywhere", {"!tr", "ee\0/a"s, "\0!folder\0/b\0!list-"s, "end\0"s}, {{"/a", true}, {"/b", false}}},
+        {"the last whole list", {"!tree\0/a\0!list-end\0!folder\0/b\0!list-end\0!tree\0/c\0"s}, {{"/b", false}}},
+        {"no entries from what is none",
+         {"?\0!tree\0relative\0!folder\0"s + tooLong.substr(0, 3000), tooLong.substr(3000) + "\0!tree\0/c\0!list-end\0"s},
+         {{"/c", true}}},
+    };
+    for (const Case& c : cases) {
+        int fds[2];
+        ASSERT_EQ(::pipe(fds), 0);
+        const kv::UniqueFd reading(fds[0]);
+        const kv::UniqueFd writing(fds[1]);
+        kv::gfs::WatchListInput input;
+        for (const std::string& piece : c.pieces) {
+            ASSERT_EQ(::write(writing.get(), piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+            input.read(reading.get());
+        }
+        EXPECT_EQ(input.list(), c.list) << c.name;
+    }
 }
 
 } // namespace

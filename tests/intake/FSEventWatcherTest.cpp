@@ -3,6 +3,7 @@
 // host as the controller does.
 
 #include "intake/FSEventWatcher.h"
+#include "intake/WalkSchedule.h"
 #include "intake/WatcherHost.h"
 #include "platform/ChildProcess.h"
 #include "platform/Paths.h"
@@ -161,6 +162,60 @@ TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
 
 }
 
+// Walks asked for at instants of a clock the test keeps, taken as the
+// walking thread takes them: whenever the schedule says one is due. "*"
+// asks for every watched folder; a count above one asks for that many
+// folders, the name numbered. Each walk that begins is shown with its
+// second: "all", a folder, or how many folders began together.
+TEST(WalkSchedule, SpacesWalksOfEachFolderAndCapsThemAll)
+{
+    struct Ask {
+        int second;
+        std::string folder;
+        int count = 1;
+    };
+    struct Case {
+        const char* name;
+        std::vector<Ask> asks;
+        std::vector<std::string> walks;
+    };
+    std::vector<Ask> everySecond;
+    for (int second = 0; second <= 25; ++second)
+        everySecond.push_back({second, "A"});
+    const std::vector<Case> cases = {
+        {"a folder arriving every second: once per spacing, the last arrival too", everySecond,
+         {"0 A", "10 A", "20 A", "30 A"}},
+        {"another folder is not held up", {{0, "A"}, {1, "A"}, {2, "B"}}, {"0 A", "2 B", "10 A"}},
+        {"events lost twice: the second walk of all after the spacing, folders meanwhile at once",
+         {{0, "*"}, {5, "*"}, {6, "A"}}, {"0 all", "6 A", "30 all"}},
+        {"beyond the cap, folders fold into walks of all, spaced, until the cap has room again",
+         {{0, "f", 100}, {1, "g"}, {2, "h"}, {3, "i"}, {32, "j"}}, {"0 100 folders", "1 all", "31 all", "32 j"}},
+    };
+    for (const Case& c : cases) {
+        kv::WalkSchedule schedule;
+        std::vector<std::string> walks;
+        for (int second = 0; second <= 60; ++second) {
+            const kv::WalkSchedule::Clock::time_point now{std::chrono::seconds(second)};
+            for (const Ask& ask : c.asks) {
+                for (int i = 0; ask.second == second && i < ask.count; ++i) {
+                    if (ask.folder == "*")
+                        schedule.askForAll(now);
+                    else
+                        schedule.askForFolder(ask.count > 1 ? ask.folder + std::to_string(i) : ask.folder, now);
+                }
+            }
+            while (schedule.nextDue() && *schedule.nextDue() <= now) {
+                const std::optional<kv::WalkSchedule::Walk> walk = schedule.take(now);
+                ASSERT_TRUE(walk) << c.name << ": due, yet nothing to take at " << second;
+                const size_t folders = walk->folders.size();
+                walks.push_back(std::to_string(second) + " " +
+                                (walk->all ? "all" : folders > 1 ? std::to_string(folders) + " folders" : walk->folders[0]));
+            }
+        }
+        EXPECT_EQ(walks, c.walks) << c.name;
+    }
+}
+
 TEST(EventFilter, TrashTestKnowsEveryTrashOfTheUser)
 {
     kvtest::TempDir folder;
@@ -293,6 +348,21 @@ TEST_F(Intake, HelperWithoutRootRightsIsInstalledSetUserIdRootAndStartedAgain)
     EXPECT_EQ(kvtest::readFile(home_ / "pkexec.args"), *installRoot_ / "libexec/korvane-velgar/install-gfslogger\n");
     ASSERT_FALSE(told_.empty());
     EXPECT_EQ(told_.front(), "FSEVENT_NOT_SETUID");
+}
+
+// A list handed over while watching reaches the running helper: a folder
+// added to it is watched at once, by the same helper.
+TEST_F(Intake, TheHelperWatchesTheListOfTheMoment)
+{
+    startWatcher(true);
+    ASSERT_TRUE(reachesQueue(watched() + "/first"));
+    const pid_t helper = watcher_.helperPid();
+    const std::string added = home_ / "added/";
+    fs::create_directories(added);
+    watcher_.setWatchList(std::make_shared<const kv::WatchList>(
+        std::vector<std::string>{watched() + "/", added}, std::map<std::string, bool>{{added, false}}, ""));
+    EXPECT_TRUE(reachesQueue(added + "file"));
+    EXPECT_EQ(watcher_.helperPid(), helper);
 }
 
 TEST_F(Intake, RefusedInstallationStopsWatchingAndQuits)
