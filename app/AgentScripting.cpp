@@ -19,17 +19,22 @@ const char* statusWord(MenuState state)
 
 } // namespace
 
-std::vector<std::string> AgentScripting::keys() const { return {bus::kScriptKey, bus::kStatusKey}; }
+std::vector<std::string> AgentScripting::keys() const
+{
+    return {bus::kScriptKey, bus::kStatusKey, bus::kPreventionKey};
+}
 
 bool AgentScripting::applicationDelegateHandlesKey(const std::string& key) const
 {
-    return key == bus::kScriptKey || key == bus::kStatusKey;
+    return key == bus::kScriptKey || key == bus::kStatusKey || key == bus::kPreventionKey;
 }
 
 std::string AgentScripting::valueForKey(const std::string& key)
 {
     if (key == bus::kStatusKey)
         return status_;
+    if (key == bus::kPreventionKey)
+        return prevention_ ? prevention_() : "off";
     if (menu_)
         menu_->canRestartFromAS();
     return bus::kScriptAnswer;

@@ -3,6 +3,7 @@
 #include "app/StatusMenu.h"
 #include "platform/BusContract.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,14 +12,19 @@ namespace kv {
 class DistributedCenter;
 
 // What scripts and the Korvane application read from the agent on the
-// session bus: the scripted restart ("restartWatchingViaAS"), and the
-// agent's state ("agentStatus": changing, stopped, watching or scanning),
-// which is also posted ("KorvaneVelgarStatus") whenever it changes.
+// session bus: the scripted restart ("restartWatchingViaAS"), the agent's
+// state ("agentStatus": changing, stopped, watching or scanning), which is
+// also posted ("KorvaneVelgarStatus") whenever it changes, and whether opens
+// wait for their verdict ("preventionStatus": "off", or "on HELD BLOCKED",
+// the opens held and refused since watching began).
 //
 // Main thread. The menu and the center may be null (no desktop, no bus).
 class AgentScripting {
 public:
-    AgentScripting(StatusMenu* menu, DistributedCenter* center) : menu_(menu), center_(center) {}
+    AgentScripting(StatusMenu* menu, DistributedCenter* center, std::function<std::string()> prevention = {})
+        : menu_(menu), center_(center), prevention_(std::move(prevention))
+    {
+    }
 
     // The keys a script may read, and whether one of them is KEY.
     std::vector<std::string> keys() const;
@@ -35,6 +41,7 @@ public:
 private:
     StatusMenu* menu_;
     DistributedCenter* center_;
+    std::function<std::string()> prevention_;
     const char* status_ = bus::kStatusChanging;
 };
 

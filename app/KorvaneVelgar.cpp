@@ -111,11 +111,21 @@ void KorvaneVelgar::startWatcher(bool update)
     if (update && settings.updateDefsAtLaunch)
         updateVirusDefs(false);
     nsLogf("Watching started: %zu watched folders and files", loaded_->watchList->size());
+    scanners_.resetHeldOpens();
+    if (const unsigned seconds = loaded_->watchList->holdSeconds(); seconds > 0 && loaded_->watchList->size() > 0) {
+        std::string folders;
+        for (const auto& [folder, subfolders] : loaded_->watchList->foldersAndSubfolders())
+            folders += (folders.empty() ? "" : ", ") + displayText(folder) + (subfolders ? " (with subfolders)" : "");
+        nsLogf("Opens of new files wait for their verdict, at most %u seconds, in the folders you own among: %s",
+               seconds, folders.c_str());
+    }
 }
 
 void KorvaneVelgar::stopWatcher()
 {
     gfsLogger_.stopWatching();
+    if (loaded_ && loaded_->watchList->holdSeconds() > 0)
+        nsLog("Opens in the watched folders no longer wait for a verdict");
     if (parts_.volumeEvents)
         parts_.volumeEvents->removeObserver();
     if (mainMenu_)
@@ -171,6 +181,14 @@ void KorvaneVelgar::rotateLogFile()
 {
     scanLog_.rotateLogFile(parts_.velgarPrefs->object("rotateScanlogWhenSizeReaches"), loaded_->temporaryFolder,
                            parts_.redirectToScanLog);
+}
+
+std::string KorvaneVelgar::preventionStatus() const
+{
+    if (!loaded_ || loaded_->watchList->holdSeconds() == 0 || !isWatching())
+        return "off";
+    const HeldOpens::Counts counts = scanners_.heldOpens();
+    return "on " + std::to_string(counts.held) + " " + std::to_string(counts.blocked);
 }
 
 std::optional<std::string> KorvaneVelgar::updateLogPath() const

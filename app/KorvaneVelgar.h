@@ -118,6 +118,11 @@ public:
     ScanAlerts* scanAlerts() const override { return parts_.scanAlerts; }
     std::string localizedString(const std::string& key) const override;
     void postToMainThread(std::function<void()> task) override;
+    void holdChannelOpened(UniqueFd channel) override { scanners_.serveHeldOpens(std::move(channel)); }
+
+    // Whether opens wait for their verdict, and how many waited and were
+    // refused since watching began: "off", or "on HELD BLOCKED".
+    std::string preventionStatus() const;
 
 private:
     void populateMenu(const Settings& settings);

@@ -104,7 +104,7 @@ std::shared_ptr<const LoadedConfiguration> LoadedConfiguration::load(Preferences
     clamd.discernClamdSocketLocation(*temporaryFolder);
     createMoveDestination(settings);
 
-    loaded->watchList = WatchList::ofFolders(settings.watchedFolders, settings.quarantineFolder);
+    loaded->watchList = WatchList::ofFolders(settings.watchedFolders, settings.quarantineFolder, settings.holdSeconds());
     loaded->scanParameters = ScanParameters::forSettings(loaded->settings, loaded->clamScanPATH, *temporaryFolder,
                                                          clamd.scansOverCheckedConnectionsOnly());
     return loaded;

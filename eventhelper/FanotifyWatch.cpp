@@ -275,8 +275,8 @@ bool addEvent(RecordWriter& output, Batch::Folder& folder, const char* name, con
 
 } // namespace
 
-FanotifyWatch::FanotifyWatch(const Privileges& privileges)
-    : privileges_(privileges), marks_(privileges, *this), events_(new char[kEventBufferSize])
+FanotifyWatch::FanotifyWatch(const Privileges& privileges, OpenHolder::Link& holder)
+    : privileges_(privileges), holder_(holder), marks_(privileges, *this), events_(new char[kEventBufferSize])
 {
     ::openlog("gfslogger", LOG_PID, LOG_USER);
 }
@@ -325,10 +325,20 @@ bool FanotifyWatch::open(std::string* message)
     return true;
 }
 
-void FanotifyWatch::setWatchList(std::vector<WatchedFolder> list, RecordWriter& output)
+void FanotifyWatch::setWatchList(std::vector<WatchedFolder> list, unsigned holdSeconds, RecordWriter& output)
 {
     list_ = std::move(list);
+    holdSeconds_ = holder_.connected() ? holdSeconds : 0;
+    if (holder_.connected() && !holder_.holdFor(std::chrono::seconds(holdSeconds_)))
+        holderFailed();
     markAll(output);
+}
+
+void FanotifyWatch::holderFailed()
+{
+    holdSeconds_ = 0;
+    if (!std::exchange(holderGone_, true))
+        printDiagnostic("the holder has ended: opens in the watched folders are no longer held");
 }
 
 void FanotifyWatch::markAll(RecordWriter& output)
@@ -351,6 +361,8 @@ void FanotifyWatch::markAll(RecordWriter& output)
     }
     marked_ = true;
     eventsLost_ = false;
+    if (holder_.connected() && !holderGone_ && !holder_.unmarkAll())
+        holderFailed();
     marks_.markAll(list_, output);
     mountsAtOrBelowWatched_ = mountsAtOrBelowWatched();
     findMountPoints();
@@ -403,6 +415,13 @@ void FanotifyWatch::mountsChanged(RecordWriter& output)
 
 FolderMarks::Marked FanotifyWatch::mark(int folderFd, bool root, bool nameable)
 {
+    // Opens are held only in the user's own folders: a user can keep
+    // another user's opens waiting only on files they could as well have
+    // made unreadable.
+    struct stat folder{};
+    if (holdSeconds_ > 0 && ::fstat(folderFd, &folder) == 0 && (folder.st_uid == ::getuid() || ::getuid() == 0) &&
+        !holder_.mark(folderFd))
+        holderFailed();
     const Privileges::Raised raised;
     if (nameable) {
         const std::uint64_t mask = root ? kWatchedFolderMask : kFolderMask;
@@ -436,6 +455,8 @@ FolderMarks::Marked FanotifyWatch::mark(int folderFd, bool root, bool nameable)
 
 void FanotifyWatch::unmark(int folderFd)
 {
+    if (holdSeconds_ > 0 && !holder_.unmark(folderFd))
+        holderFailed();
     const Privileges::Raised raised;
     ::fanotify_mark(handleGroup_.get(), FAN_MARK_REMOVE, kWatchedFolderMask | FAN_RENAME, folderFd, nullptr);
 }

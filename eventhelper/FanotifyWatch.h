@@ -3,6 +3,7 @@
 #include "eventhelper/FolderMarks.h"
 #include "eventhelper/HelperOutput.h"
 #include "eventhelper/MountTable.h"
+#include "eventhelper/OpenHolder.h"
 #include "eventhelper/Privileges.h"
 #include "eventhelper/RecordWriter.h"
 #include "eventhelper/WatchListInput.h"
@@ -43,7 +44,8 @@ class FanotifyWatch : private FolderMarks::Target {
 public:
     enum class ReadResult { Ok, OutputClosed, Unusable };
 
-    explicit FanotifyWatch(const Privileges& privileges);
+    // holder: the link to the OpenHolder, or one not connected.
+    FanotifyWatch(const Privileges& privileges, OpenHolder::Link& holder);
     ~FanotifyWatch() override;
 
     // Creates both groups, with the kernel's bounded queues, and opens the
@@ -51,7 +53,9 @@ public:
     bool open(std::string* message);
 
     // The agent's list: its folders are marked from now on, and no others.
-    void setWatchList(std::vector<WatchedFolder> list, RecordWriter& output);
+    // With holdSeconds, the user's own among them are also handed to the
+    // holder, which holds opens there for at most that long.
+    void setWatchList(std::vector<WatchedFolder> list, unsigned holdSeconds, RecordWriter& output);
 
     // main() calls it whenever the mount table changes (the table's
     // descriptor polls POLLPRI).
@@ -85,8 +89,13 @@ private:
     ReadResult readHandleEvents(int group, RecordWriter& output, bool* read);
     ReadResult readDescriptorEvents(int group, RecordWriter& output, bool* read);
     void reportOnce(int folderFd, const char* what, int error);
+    // The holder's link failed: said once, and nothing is held any more.
+    void holderFailed();
 
     const Privileges& privileges_;
+    OpenHolder::Link& holder_;
+    unsigned holdSeconds_ = 0;
+    bool holderGone_ = false;  // said once
     FolderMarks marks_;
     std::vector<WatchedFolder> list_;
     UniqueFd handleGroup_;

@@ -21,6 +21,11 @@ inline constexpr std::string_view kWatchFolder = "!folder";
 // A folder watched with every folder below it. One field: its path.
 inline constexpr std::string_view kWatchTree = "!tree";
 
+// How long the holder keeps an open of a file in the list's folders
+// waiting for its verdict (OpenHolder.h). One field: whole seconds in
+// decimal, 0 to hold nothing. A list without it holds nothing.
+inline constexpr std::string_view kHoldSeconds = "!hold";
+
 // Ends a list. No fields.
 inline constexpr std::string_view kListEnd = "!list-end";
 

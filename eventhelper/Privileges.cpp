@@ -1,11 +1,13 @@
 #include "eventhelper/Privileges.h"
 
+#include "eventhelper/RecordWriter.h"
 #include "eventhelper/UserLock.h"
 
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -99,7 +101,7 @@ int raisedScopes = 0;
 
 } // namespace
 
-Privileges::Outcome Privileges::establish(std::string* message, UniqueFd* userLock)
+Privileges::Outcome Privileges::establish(std::string* message, UniqueFd* userLock, OpenHolder::Link* holder)
 {
     if (::geteuid() != 0) {
         if (programIsSetUidRoot()) {
@@ -119,7 +121,18 @@ Privileges::Outcome Privileges::establish(std::string* message, UniqueFd* userLo
         *message = failure("standard descriptors");
         return Outcome::Failed;
     }
-    ::close_range(3, ~0U, 0);
+    // Of what we inherit we keep the agent's hold channel alone, when it is
+    // one: a packet socket at its place.
+    int socketType = 0;
+    socklen_t typeSize = sizeof socketType;
+    struct stat channel{};
+    const bool holds = ::fstat(kHoldChannelFd, &channel) == 0 && S_ISSOCK(channel.st_mode) &&
+                       ::getsockopt(kHoldChannelFd, SOL_SOCKET, SO_TYPE, &socketType, &typeSize) == 0 &&
+                       socketType == SOCK_SEQPACKET;
+    ::close_range(holds ? kHoldChannelFd + 1 : kHoldChannelFd, ~0U, 0);
+    UniqueFd holdChannel(holds ? kHoldChannelFd : -1);
+    if (holdChannel)
+        ::fcntl(kHoldChannelFd, F_SETFD, FD_CLOEXEC);
     if (::chdir("/") != 0) {
         *message = failure("chdir /");
         return Outcome::Failed;
@@ -135,6 +148,12 @@ Privileges::Outcome Privileges::establish(std::string* message, UniqueFd* userLo
         return Outcome::AlreadyRunning;
     case UserLock::Outcome::Failed:
         return Outcome::Failed;
+    }
+    if (holdChannel) {
+        std::string why;
+        *holder = OpenHolder::start(std::move(holdChannel), realUid, realGid, ::getppid(), &why);
+        if (!holder->connected())
+            printDiagnostic("opens cannot be held: " + why);
     }
     if (!limitCapabilitySets()) {
         *message = failure("capability bounding set");

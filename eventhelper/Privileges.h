@@ -1,5 +1,6 @@
 #pragma once
 
+#include "eventhelper/OpenHolder.h"
 #include "platform/UniqueFd.h"
 
 #include <string>
@@ -32,9 +33,12 @@ public:
     // (fanotify) and CAP_DAC_READ_SEARCH (resolving file handles). Those two
     // stay permitted but not effective: they are in force only inside a
     // Raised scope. Before it lets go of root, it takes the real user's
-    // UserLock into *userLock, which the caller keeps for its life.
+    // UserLock into *userLock, which the caller keeps for its life. When the
+    // agent handed us its hold channel (kHoldChannelFd, a SOCK_SEQPACKET
+    // socket), the OpenHolder is started first, keeping root's identity, and
+    // *holder is the helper's link to it.
     // *message says why when the outcome is not Ready.
-    static Outcome establish(std::string* message, UniqueFd* userLock);
+    static Outcome establish(std::string* message, UniqueFd* userLock, OpenHolder::Link* holder);
 
     // The capabilities kept by establish() in force for one scope, around
     // the calls that need them: creating and marking fanotify groups,

@@ -47,15 +47,26 @@ WatchListInput::Read WatchListInput::read(int fd)
 
 bool WatchListInput::take(std::string_view record)
 {
-    if (!kind_.empty()) {
+    if (kind_ == kHoldSeconds) {
+        // Whole seconds, at most an hour: anything else holds nothing.
+        unsigned seconds = 0;
+        bool number = !record.empty() && record.size() <= 4;
+        for (const char c : record) {
+            number = number && c >= '0' && c <= '9';
+            seconds = seconds * 10 + static_cast<unsigned>(c - '0');
+        }
+        buildingHold_ = number && seconds <= 3600 ? seconds : 0;
+        kind_.clear();
+    } else if (!kind_.empty()) {
         if (record.starts_with('/') && building_.size() < kMostEntries)
             building_.push_back({std::string(record), kind_ == kWatchTree});
         kind_.clear();
-    } else if (record == kWatchFolder || record == kWatchTree) {
+    } else if (record == kWatchFolder || record == kWatchTree || record == kHoldSeconds) {
         kind_ = record;
     } else if (record == kListEnd) {
         list_ = std::move(building_);
         building_.clear();
+        holdSeconds_ = std::exchange(buildingHold_, 0);
         return true;
     }
     return false;

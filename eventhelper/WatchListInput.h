@@ -35,6 +35,8 @@ public:
     Read read(int fd);
 
     const std::vector<WatchedFolder>& list() const { return list_; }
+    // How long the last list holds opens (kHoldSeconds); 0 for not at all.
+    unsigned holdSeconds() const { return holdSeconds_; }
 
 private:
     bool take(std::string_view record);
@@ -43,7 +45,9 @@ private:
     bool skipping_ = false;  // inside a record too long to keep
     std::string kind_;       // a kind whose path comes next
     std::vector<WatchedFolder> building_;
+    unsigned buildingHold_ = 0;
     std::vector<WatchedFolder> list_;
+    unsigned holdSeconds_ = 0;
 };
 
 } // namespace kv::gfs

@@ -7,7 +7,9 @@
 // kernel's event queue overflowed. Its diagnostics on standard error are
 // records too. The agent runs it, writes the folders to watch on its
 // standard input (HelperInput.h), and reads both output streams in one
-// pipe; see intake/FSEventWatcher.h for the other side.
+// pipe; see intake/FSEventWatcher.h for the other side. Given the agent's
+// hold channel as descriptor 3, it also starts the OpenHolder, which keeps
+// opens in the user's watched folders waiting for their verdict.
 //
 // Takes no arguments. Exits 1 when it lacks root's rights, which the agent
 // answers by installing it set-user-ID root; 3 when another helper watches
@@ -55,7 +57,8 @@ int main()
 {
     std::string message;
     kv::UniqueFd userLock;
-    switch (Privileges::establish(&message, &userLock)) {
+    OpenHolder::Link holder;
+    switch (Privileges::establish(&message, &userLock, &holder)) {
     case Privileges::Outcome::Ready:
         break;
     case Privileges::Outcome::LacksPrivileges:
@@ -69,7 +72,7 @@ int main()
     RecordWriter::prepare(STDERR_FILENO);
 
     const Privileges privileges;
-    FanotifyWatch watch(privileges);
+    FanotifyWatch watch(privileges, holder);
     if (!watch.open(&message))
         return fail(kCannotWatch, message);
 
@@ -104,7 +107,7 @@ int main()
             case WatchListInput::Read::Nothing:
                 break;
             case WatchListInput::Read::List:
-                watch.setWatchList(input.list(), output);
+                watch.setWatchList(input.list(), input.holdSeconds(), output);
                 break;
             case WatchListInput::Read::Ended:
                 // The agent has said all it will: what is watched stays so.

@@ -19,6 +19,7 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,6 +66,12 @@ std::string encodedList(const WatchList& list)
         records.append(subfolders ? gfs::kWatchTree : gfs::kWatchFolder);
         records += gfs::kRecordEnd;
         records += folder;
+        records += gfs::kRecordEnd;
+    }
+    if (list.holdSeconds() > 0) {
+        records.append(gfs::kHoldSeconds);
+        records += gfs::kRecordEnd;
+        records += std::to_string(list.holdSeconds());
         records += gfs::kRecordEnd;
     }
     records.append(gfs::kListEnd);
@@ -260,14 +267,23 @@ FSEventWatcher::RunEnd FSEventWatcher::startWatching(Loop& loop)
 {
     const std::string helper = helperPath();
     int error = 0;
-    std::optional<ChildProcess> task =
-        ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error, ChildProcess::Input::Pipe);
+    // Each helper gets a hold channel of its own (gfs::kHoldChannelFd): its
+    // holder ends with it, and the host serves the agent's end.
+    int channel[2] = {-1, -1};
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, channel) != 0)
+        nsLogf("No hold channel for gfslogger: %s", std::strerror(errno));
+    UniqueFd agentEnd(channel[0]);
+    const UniqueFd helperEnd(channel[1]);
+    std::optional<ChildProcess> task = ChildProcess::spawn({helper}, ChildProcess::Output::Pipe, &error,
+                                                           ChildProcess::Input::Pipe, helperEnd.get());
     if (!task) {
         nsLog("gfslogger could not be started");
         nsLogf("%s: %s", helper.c_str(), std::strerror(error));
         return RunEnd::Ended;
     }
     const pid_t pid = task->pid();
+    if (agentEnd)
+        loop.host->holdChannelOpened(std::move(agentEnd));
     bool registered = false;
     {
         std::lock_guard<std::mutex> held(mutex_);

@@ -43,7 +43,7 @@ WatchList::WatchList(const std::vector<std::string>& watchedFolderList, const st
 }
 
 std::shared_ptr<const WatchList> WatchList::ofFolders(const std::vector<WatchedFolder>& folders,
-                                                     std::string quarantineDir)
+                                                     std::string quarantineDir, unsigned holdSeconds)
 {
     std::vector<std::string> list;
     std::map<std::string, bool> checkSubDirs;
@@ -61,7 +61,9 @@ std::shared_ptr<const WatchList> WatchList::ofFolders(const std::vector<WatchedF
         list.push_back(entry);
         checkSubDirs[entry] = folder.subfolders;
     }
-    return std::make_shared<const WatchList>(list, checkSubDirs, std::move(quarantineDir));
+    auto made = std::make_shared<WatchList>(list, checkSubDirs, std::move(quarantineDir));
+    made->holdSeconds_ = holdSeconds;
+    return made;
 }
 
 bool WatchList::watches(std::string_view path) const

@@ -30,8 +30,11 @@ public:
     // folder with exactly one trailing "/" (so that a prefix test matches
     // only paths inside it), a file as it is. A path listed twice keeps
     // both entries and the later record's subfolder flag.
+    // holdSeconds: how long opens in the folders wait for their verdict
+    // ("BlockAtMostSeconds" when "BlockUntilScanned"), 0 for not at all.
     static std::shared_ptr<const WatchList> ofFolders(const std::vector<WatchedFolder>& folders,
-                                                      std::string quarantineDir);
+                                                      std::string quarantineDir, unsigned holdSeconds = 0);
+    unsigned holdSeconds() const { return holdSeconds_; }
 
     // Whether a line of helper output belongs in the scan queue: not under
     // the quarantine folder (a plain text prefix test), not a resource fork,
@@ -77,6 +80,7 @@ private:
     };
     std::vector<Entry> entries_;
     std::string quarantineDir_;
+    unsigned holdSeconds_ = 0;
 };
 
 } // namespace kv

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/DesktopNotifier.h"
+#include "platform/UniqueFd.h"
 
 #include <functional>
 #include <string>
@@ -25,6 +26,11 @@ public:
     // localised text.
     virtual bool displayGrowlDialog(NotificationKind kind, const std::string& description) = 0;
     virtual std::string localizedString(const std::string& key) const = 0;
+
+    // Watcher thread: a helper has started, and this is the agent's end of
+    // its hold channel (eventhelper/HoldProtocol.h), the one to serve from
+    // now on; the channel of an earlier helper has ended with it.
+    virtual void holdChannelOpened(UniqueFd channel) {}
 };
 
 } // namespace kv

@@ -41,6 +41,10 @@ inline constexpr const char* kStatusChanging = "changing";  // starting or stopp
 inline constexpr const char* kStatusStopped = "stopped";
 inline constexpr const char* kStatusWatching = "watching";
 inline constexpr const char* kStatusScanning = "scanning";
+// Whether opens in the watched folders wait for their verdict, for the
+// Korvane application's Protection page: "off", or "on HELD BLOCKED" (the
+// opens held, and of those refused, since watching began).
+inline constexpr const char* kPreventionKey = "preventionStatus";
 // Asks the Korvane application to show one of its pages; the object is the
 // page's name (see korvane/Pages.h).
 inline constexpr const char* kShouldOpenPage = "KorvaneShouldOpenPage";

@@ -45,7 +45,7 @@ ChildProcess::~ChildProcess()
 }
 
 std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& argv, Output output, int* error,
-                                                Input input)
+                                                Input input, int passFd)
 {
     if (argv.empty()) {
         if (error)
@@ -95,6 +95,11 @@ std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& 
         posix_spawn_file_actions_adddup2(&actions, inputReadEnd.get(), STDIN_FILENO);
     else
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    // A copy above 3 first: dup2 onto itself would leave the descriptor
+    // close-on-exec.
+    UniqueFd passed(passFd >= 0 ? ::fcntl(passFd, F_DUPFD_CLOEXEC, 4) : -1);
+    if (passed)
+        posix_spawn_file_actions_adddup2(&actions, passed.get(), 3);
 
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);

@@ -46,8 +46,10 @@ public:
     // Starts argv[0] (an absolute path, or a name looked up on PATH) with
     // argv as its argument vector. On failure returns nothing and sets
     // *error to errno (ENOENT or EACCES when the program cannot be run).
+    // passFd, when given, is the child's descriptor 3 (a channel of its
+    // own); nothing else of ours reaches it.
     static std::optional<ChildProcess> spawn(const std::vector<std::string>& argv, Output output,
-                                             int* error = nullptr, Input input = Input::Null);
+                                             int* error = nullptr, Input input = Input::Null, int passFd = -1);
 
     pid_t pid() const { return pid_; }
     int outputFd() const { return output_.get(); }

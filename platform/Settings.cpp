@@ -80,6 +80,16 @@ std::shared_ptr<const Settings> Settings::load(const Preferences& prefs)
     settings->multiscan = multiscan && multiscan->isString() && multiscan->toString() == "yes";
     settings->needsExit1FreshclamFlag = prefs.boolean("NeedsExit1FreshclamFlag");
     settings->updateDefsAtLaunch = prefs.boolean("UpdateDefsOnLaunch");
+    settings->blockUntilScanned = prefs.boolean("BlockUntilScanned");
+    if (const std::optional<QJsonValue> seconds = prefs.object("BlockAtMostSeconds")) {
+        const double value = seconds->toDouble(-1);
+        if (seconds->isDouble() && value >= 1 && value <= 60 && value == static_cast<int>(value))
+            settings->blockAtMostSeconds = static_cast<int>(value);
+        else
+            settings->problems.push_back("The preference \"BlockAtMostSeconds\" should be a whole number of seconds "
+                                         "from 1 to 60; it is ignored, and an open waits at most " +
+                                         std::to_string(kDefaultBlockSeconds) + " seconds for its verdict");
+    }
     return settings;
 }
 

@@ -49,6 +49,15 @@ struct Settings {
     bool needsExit1FreshclamFlag = false;      // "NeedsExit1FreshclamFlag"
     bool updateDefsAtLaunch = false;           // "UpdateDefsOnLaunch"
 
+    // Opens in the watched folders wait for the file's verdict
+    // ("BlockUntilScanned"), at most blockAtMostSeconds
+    // ("BlockAtMostSeconds": 1 to 60, anything else the default).
+    static constexpr int kDefaultBlockSeconds = 5;
+    bool blockUntilScanned = false;
+    int blockAtMostSeconds = kDefaultBlockSeconds;
+    // How long an open waits: 0 when opens are not held.
+    unsigned holdSeconds() const { return blockUntilScanned ? static_cast<unsigned>(blockAtMostSeconds) : 0; }
+
     // One log line for each value that was there but could not be used
     // (or was refused); a quarantine folder that is no path matters in
     // quarantine mode only.

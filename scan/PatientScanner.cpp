@@ -125,8 +125,9 @@ public:
     void unexpected(std::string_view line) override { logLine("Unexpected scanner output: " + displayText(line)); }
 
     // Logs the result and acts on it. A finding read from clamdscan's
-    // output counts only once the file confirms it.
-    void report(ScanResult result, bool fromClamdscan)
+    // output counts only once the file confirms it. blocked: the line that
+    // says which program's open of it was refused, told in its place.
+    void report(ScanResult result, bool fromClamdscan, const std::string& blocked = {})
     {
         if (result.infected() && fromClamdscan && !confirmed(result)) {
             unexpected(result.logLine());
@@ -144,11 +145,13 @@ public:
         case ScanResult::Verdict::Infected:
             break;
         }
+        if (!blocked.empty())
+            logLine(blocked);
         if (result.movedTo) {
             logLine(result.movedLogLine());
             recordMove(result);
         }
-        raiseAlert(result);
+        raiseAlert(result, blocked);
     }
 
     // The file's verdict from the run's daemon, over a connection checked
@@ -238,7 +241,7 @@ private:
                error.c_str());
     }
 
-    void raiseAlert(const ScanResult& result)
+    void raiseAlert(const ScanResult& result, const std::string& blocked)
     {
         const Settings* settings = parameters_->settings.get();
         if (!settings)
@@ -248,7 +251,7 @@ private:
         const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(result.movedTo.value_or(result.path));
         if (identity && !scanner_.shared_.findings.remember(*identity))
             return;
-        const std::string line = result.logLine();
+        const std::string line = blocked.empty() ? result.logLine() : blocked;
         ScanAlerts* alerts = host_.scanAlerts();
         switch (settings->handling) {
         case Handling::MoveToQuarantine:
@@ -416,7 +419,7 @@ public:
         // system's service, the stand-in's clamdscan talks to it.
         const ClamdSupervisor::RunEngine engine = host_.clamd().engineForRun(run_.parameters().clamdscan);
         run_.useEngine(engine.generation);
-        argv_ = run_.parameters().commandLine(engine.clamdscan, listPath);
+        argv_ = run_.parameters().commandLine(engine.clamdscan, listPath, engine.socket.has_value());
 
         // clamdscan sends every path to whoever serves the socket: never to
         // a daemon of another user, which could read them and answer OK.
@@ -587,6 +590,58 @@ void PatientScanner::scanByDescriptor(std::vector<std::string> paths,
     ScannerHost& host = shared_.host;
     if (unreachable && !host.clamdStillAlive() && host.clamd().unreachableAlertDue())
         host.engineUnreachable(myName_);
+}
+
+bool PatientScanner::scanHeld(int fd, const std::string& path, const gfs::Opener& opener,
+                              const std::function<void(gfs::HoldVerdict)>& answer)
+{
+    const std::shared_ptr<const ScanParameters> parameters = this->parameters();
+    std::vector<std::string> batch{path};
+    if (parameters)
+        dropExcluded(batch, parameters->settings.get());
+    if (!parameters || batch.empty()) {
+        answer(gfs::HoldVerdict::AllowUnknown);
+        return false;
+    }
+    Run run(*this, parameters, batch);
+    ClamdCtrl::FileVerdict verdict = run.scanOpenFile(fd);
+    if (verdict.kind == ClamdCtrl::FileVerdict::Unreachable) {
+        // A daemon launched again, or another standing in, gets the file again.
+        run.unreachable(verdict.detail);
+        if (run.lostDaemonToANewOne())
+            verdict = run.scanOpenFile(fd);
+    }
+    switch (verdict.kind) {
+    case ClamdCtrl::FileVerdict::Clean:
+        answer(gfs::HoldVerdict::AllowClean);
+        run.report(ScanResult{path, ScanResult::Verdict::Clean, {}, std::nullopt}, false);
+        return false;
+    case ClamdCtrl::FileVerdict::Error:
+        answer(gfs::HoldVerdict::AllowUnknown);
+        run.report(ScanResult{path, ScanResult::Verdict::Error, verdict.detail, std::nullopt}, false);
+        return false;
+    case ClamdCtrl::FileVerdict::Untrusted:
+    case ClamdCtrl::FileVerdict::Unreachable:
+        answer(gfs::HoldVerdict::AllowUnknown);
+        logLine(displayText(verdict.detail));
+        return true;
+    case ClamdCtrl::FileVerdict::Found:
+        break;
+    }
+    answer(gfs::HoldVerdict::Deny);
+    ScanResult result{path, ScanResult::Verdict::Infected, verdict.detail, std::nullopt};
+    const std::string blocked = "Blocked " + displayText(opener.command) + " (pid " + std::to_string(opener.pid) +
+                                ") from opening " + result.logLine();
+    const Settings* settings = parameters->settings.get();
+    if (settings && settings->handling != Handling::LeaveAndWarn && parameters->moveFolder) {
+        std::string why;
+        result.movedTo = moveScannedFile(path, fd, *parameters->moveFolder, &why);
+        if (!result.movedTo)
+            logLine("ERROR: Can't move file " + displayText(path) + " to " + displayText(*parameters->moveFolder) +
+                    ": " + why);
+    }
+    run.report(std::move(result), false, blocked);
+    return false;
 }
 
 } // namespace kv

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "engine/ClamdCtrl.h"
+#include "eventhelper/HoldProtocol.h"
 #include "scan/ScanParameters.h"
 #include "scan/ScanResult.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -62,6 +64,16 @@ public:
 
     // One cycle after the wait: take a batch and scan it.
     void scanBatch();
+
+    // A file whose open gfslogger's holder keeps waiting, scanned by the
+    // descriptor it held. answer gets the verdict as soon as it is known,
+    // before the finding is acted on; an infected file is then moved and
+    // told as any other, with the program that was refused named. An
+    // excluded path is answered at once without a scan. True when no
+    // verdict could be had: the file is to be scanned the usual way. Any
+    // thread, beside the worker's own batches.
+    bool scanHeld(int fd, const std::string& path, const gfs::Opener& opener,
+                  const std::function<void(gfs::HoldVerdict)>& answer);
 
 private:
     class Run;

@@ -21,13 +21,16 @@ std::shared_ptr<const ScanParameters> ScanParameters::forSettings(std::shared_pt
     return parameters;
 }
 
-std::vector<std::string> ScanParameters::commandLine(const std::string& client, const std::string& listFile) const
+std::vector<std::string> ScanParameters::commandLine(const std::string& client, const std::string& listFile,
+                                                     bool localSocket) const
 {
     std::vector<std::string> arguments{client};
     if (moveFolder)
         arguments.push_back("--move=" + *moveFolder);
     if (settings && settings->multiscan)
         arguments.push_back("--multiscan");
+    if (localSocket)
+        arguments.push_back("--fdpass");
     arguments.push_back("--stdout");
     arguments.push_back("--file-list=" + listFile);
     return arguments;

@@ -30,11 +30,14 @@ struct ScanParameters {
                                                              std::string clamdscan, std::string listFolder,
                                                              bool checkedConnectionsOnly = false);
 
-    // clamdscan's arguments after its own path, for a run over the list
-    // file: the move option, "--multiscan" when asked for, "--stdout",
-    // "--file-list=" the list. CLIENT replaces the client's path (a stand-in
-    // daemon has its own).
-    std::vector<std::string> commandLine(const std::string& client, const std::string& listFile) const;
+    // clamdscan's command line for a run over the list file: CLIENT (a
+    // stand-in daemon has its own), the move option, "--multiscan" when
+    // asked for, "--fdpass" for a daemon on a local socket (it then reads
+    // each file through the descriptor clamdscan opened, never by its path,
+    // so it is never one of the openers gfslogger's holder keeps waiting),
+    // "--stdout", "--file-list=" the list.
+    std::vector<std::string> commandLine(const std::string& client, const std::string& listFile,
+                                         bool localSocket) const;
 };
 
 } // namespace kv

@@ -1,10 +1,13 @@
 #include "scan/Scanners.h"
 
+#include "queue/Dispatcher.h"
+
 namespace kv {
 
 Scanners::Scanners(ScannerHost& host, Dispatcher& queue, ScanActivity& activity)
     : first_("firstPatientScanner", {host, queue, activity, clients_, findings_, knownClean_}),
-      second_("secondPatientScanner", {host, queue, activity, clients_, findings_, knownClean_})
+      second_("secondPatientScanner", {host, queue, activity, clients_, findings_, knownClean_}),
+      heldOpens_(first_, [&queue](const std::string& path) { queue.addStringToItemList(path); })
 {
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scan/FileIdentity.h"
+#include "scan/HeldOpens.h"
 #include "scan/PatientScanner.h"
 #include "scan/ScanClients.h"
 
@@ -17,7 +18,10 @@ class ScannerHost;
 // The agent's two scanning workers, "firstPatientScanner" and
 // "secondPatientScanner", with what they share: the clients they run (so an
 // abort kills only those), the files already reported, and the files found
-// clean that are not scanned again while unchanged.
+// clean that are not scanned again while unchanged; and the opens that
+// gfslogger's holder keeps waiting for their verdict (HeldOpens), scanned
+// through the first worker's settings, the files whose open went on without
+// one queued for the usual scan.
 //
 // Main thread, but for the workers' own threads. The destructor stops the
 // workers and waits for them; the host, queue and activity outlive it.
@@ -40,6 +44,10 @@ public:
     void killClients() { clients_.killAll(); }
     // Files found clean are scanned again from now on (new definitions).
     void forgetCleanFiles() { knownClean_.clear(); }
+    // The hold channel of the helper started last. Any thread.
+    void serveHeldOpens(UniqueFd channel) { heldOpens_.serve(std::move(channel)); }
+    HeldOpens::Counts heldOpens() const { return heldOpens_.counts(); }
+    void resetHeldOpens() { heldOpens_.resetCounts(); }
 
 private:
     ScanClients clients_;
@@ -48,6 +56,7 @@ private:
     PatientScanner first_;
     PatientScanner second_;
     std::vector<std::thread> threads_;
+    HeldOpens heldOpens_;  // after the workers it scans through, so it ends first
 };
 
 } // namespace kv

@@ -93,7 +93,8 @@ Agent::Agent(Parts parts) : owned_(std::make_unique<Owned>())
     dialogs_->setQuitAction([controller] { controller->quit(); });
 
     // Scripts read the agent's state, which the Korvane application shows live.
-    scripting_ = std::make_unique<AgentScripting>(menu_.get(), controllerParts.distributedCenter);
+    scripting_ = std::make_unique<AgentScripting>(menu_.get(), controllerParts.distributedCenter,
+                                                  [controller] { return controller->preventionStatus(); });
     QObject::connect(menu_.get(), &Throbber::menuStateApplied, menu_.get(),
                      [scripting = scripting_.get()](MenuState state) { scripting->menuStateApplied(state); });
 }
