@@ -268,19 +268,25 @@ private:
         return ::stat(("/proc/" + std::to_string(pid)).c_str(), &info) == 0 ? info.st_uid : static_cast<uid_t>(-1);
     }
 
-    // Asked as the user: with the user's file-system identity for this one
-    // call, the kernel's own check (permission bits, access lists) decides.
-    bool userMayRead(int fd) const
+    // Runs call with the user's file-system identity: the kernel's own
+    // checks (permission bits, access lists) decide as for the user.
+    // fanotify marks only what the marker may read, and the holder keeps
+    // no power over files of its own.
+    template <typename Call>
+    auto asUser(Call call) const
     {
-        if (user_ == 0)
-            return true;
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
         ::setfsgid(group_);
         ::setfsuid(user_);
-        const bool may = ::faccessat(AT_FDCWD, link.c_str(), R_OK, AT_EACCESS) == 0;
+        const auto result = call();
         ::setfsuid(0);
         ::setfsgid(0);
-        return may;
+        return result;
+    }
+
+    bool userMayRead(int fd) const
+    {
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        return asUser([&] { return ::faccessat(AT_FDCWD, link.c_str(), R_OK, AT_EACCESS) == 0; });
     }
 
     bool readVerdicts()
@@ -303,8 +309,10 @@ private:
                 // Clean: not asked about again until it is modified, when the
                 // kernel drops the mark (and may evict it under pressure).
                 if (verdict->second == HoldVerdict::AllowClean)
-                    ::fanotify_mark(events_.get(), FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_EVICTABLE,
-                                    kHeldEvents, fd, nullptr);
+                    asUser([&] {
+                        return ::fanotify_mark(events_.get(), FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_EVICTABLE,
+                                               kHeldEvents, fd, nullptr);
+                    });
                 answer(fd, FAN_ALLOW);
             }
             held_.erase(found);
@@ -327,8 +335,10 @@ private:
             case 'M':
             case 'U':
                 if (folder)
-                    ::fanotify_mark(events_.get(), message.kind == 'M' ? FAN_MARK_ADD : FAN_MARK_REMOVE,
-                                    kHeldEvents | FAN_EVENT_ON_CHILD, folder.get(), nullptr);
+                    asUser([&] {
+                        return ::fanotify_mark(events_.get(), message.kind == 'M' ? FAN_MARK_ADD : FAN_MARK_REMOVE,
+                                               kHeldEvents | FAN_EVENT_ON_CHILD, folder.get(), nullptr);
+                    });
                 break;
             case 'F':
                 ::fanotify_mark(events_.get(), FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr);

@@ -84,6 +84,24 @@ void AgentLink::askStatus()
     });
 }
 
+void AgentLink::askPrevention(QObject* context, std::function<void(const QString&)> done)
+{
+    if (!running_) {
+        done({});
+        return;
+    }
+    QDBusMessage get = QDBusMessage::createMethodCall(bus::kAgentName, bus::kAgentPath,
+                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                      QStringLiteral("Get"));
+    get << QString::fromLatin1(bus::kAgentInterface) << QString::fromLatin1(bus::kPreventionKey);
+    auto* call = new QDBusPendingCallWatcher(connection_.asyncCall(get), context);
+    connect(call, &QDBusPendingCallWatcher::finished, context, [done = std::move(done)](QDBusPendingCallWatcher* finished) {
+        finished->deleteLater();
+        const QDBusPendingReply<QDBusVariant> reply = *finished;
+        done(reply.isValid() ? reply.value().variant().toString() : QString());
+    });
+}
+
 bool AgentLink::restartWatching() { return running_ && center_->post(bus::kShouldRestart, bus::kAgentObject); }
 
 void AgentLink::restartWatchingSoon() { restartTimer_->start(); }

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
 #include <string>
 
 class QDBusServiceWatcher;
@@ -47,6 +48,11 @@ public:
     bool start(QString* error);
 
     const std::string& agentProgram() const { return agentProgram_; }
+
+    // Asks the running agent whether opens wait for their verdict (the
+    // "preventionStatus" scripted read); done gets its answer ("off", or
+    // "on HELD BLOCKED"), "" when it could not be had.
+    void askPrevention(QObject* context, std::function<void(const QString&)> done);
     static std::string defaultAgentProgram();
 
 Q_SIGNALS:

@@ -74,6 +74,15 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
     agentLayout->addWidget(foldersState_);
     agentLayout->addLayout(buttons);
     agentLayout->addWidget(loginBox_);
+    holdBox_ = new QCheckBox(tr("Keep new files closed until they are scanned"), agentBox);
+    holdBox_->setObjectName("holdBox");
+    holdBox_->setToolTip(tr("A program that opens or runs a new file in a folder of yours waits for its verdict, "
+                            "a few seconds at most: an infected file cannot be opened at all."));
+    preventionState_ = plainLabel(agentBox);
+    preventionState_->setObjectName("preventionState");
+    preventionState_->setWordWrap(true);
+    agentLayout->addWidget(holdBox_);
+    agentLayout->addWidget(preventionState_);
 
     auto* engineBox = new QGroupBox(tr("Scanning engine"), this);
     auto* engineLayout = new QFormLayout(engineBox);
@@ -122,8 +131,13 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
             loginBox_->setChecked(entry.installed());
         }
     });
+    connect(holdBox_, &QCheckBox::toggled, this, [this](bool on) {
+        if (!context_.change(QStringLiteral("BlockUntilScanned"), on))
+            refresh();
+    });
     connect(&context_.agent, &AgentLink::stateChanged, this, [this] {
         showAgentState();
+        showPrevention();
         // The engine is asked again when the agent starts or ends, not at
         // every batch it scans.
         if (context_.agent.running() != agentWasRunning_) {
@@ -137,8 +151,10 @@ ProtectionPage::ProtectionPage(PageContext& context, QWidget* parent) : QWidget(
     auto* poll = new QTimer(this);
     poll->setInterval(10000);
     connect(poll, &QTimer::timeout, this, [this] {
-        if (isVisible())
-            checkEngine();
+        if (!isVisible())
+            return;
+        checkEngine();
+        showPrevention();
     });
     poll->start();
     refresh();
@@ -149,6 +165,8 @@ void ProtectionPage::refresh()
     {
         const QSignalBlocker quiet(loginBox_);
         loginBox_->setChecked(AutostartEntry().installed());
+        const QSignalBlocker quietToo(holdBox_);
+        holdBox_->setChecked(context_.prefs.boolean(QStringLiteral("BlockUntilScanned")));
     }
     // Besides files that cannot be read, what the agent's load refuses: an
     // engine folder or a quarantine folder others could change.
@@ -163,7 +181,25 @@ void ProtectionPage::refresh()
     definitionsWarning_->setText(engine_.definitionsProblem());
     definitionsWarning_->setVisible(!definitionsWarning_->text().isEmpty());
     showAgentState();
+    showPrevention();
     checkEngine();
+}
+
+void ProtectionPage::showPrevention()
+{
+    context_.agent.askPrevention(this, [this](const QString& answer) {
+        const QStringList words = answer.split(QLatin1Char(' '));
+        QString text;
+        if (words.size() == 3 && words[0] == QLatin1String("on"))
+            text = tr("New files stay closed until scanned: %1 opens waited for a verdict, %2 were refused, since "
+                      "watching began.")
+                       .arg(words[1], words[2]);
+        else if (answer == QLatin1String("off"))
+            text = tr("New files can be opened before they are scanned.");
+        preventionState_->setText(text);
+        preventionState_->setProperty("prevention", answer);
+        preventionState_->setVisible(!text.isEmpty());
+    });
 }
 
 void ProtectionPage::showAgentState()

@@ -13,7 +13,9 @@ namespace kv {
 struct PageContext;
 
 // Is the agent running, watching, scanning (live), which engine it uses and
-// whether that answers; start and stop the agent; start it at login. The
+// whether that answers; start and stop the agent; start it at login; hold
+// opens of new files until their verdict ("BlockUntilScanned"), and how
+// many opens waited and were refused since watching began. The
 // preferences' problems are listed as the agent's load finds them, among
 // them an engine folder or quarantine folder it refuses, with the reason.
 class ProtectionPage : public QWidget {
@@ -26,6 +28,7 @@ public:
 
 private:
     void showAgentState();
+    void showPrevention();
     void checkEngine();
 
     PageContext& context_;
@@ -38,6 +41,8 @@ private:
     QLabel* engineAnswer_;
     QLabel* definitionsWarning_;
     QCheckBox* loginBox_;
+    QCheckBox* holdBox_;
+    QLabel* preventionState_;
     QLabel* problems_;
     EngineDescription engine_;
     EngineQuestion engineQuestion_;

@@ -308,6 +308,10 @@ int SetupCommand::changeAutostart(bool startAtLogin) const
 
 void SetupCommand::updatePreferences(const Options& options, const std::string& prefix, QJsonObject* preferences) const
 {
+    // A new setup holds opens of new files until their verdict; an earlier
+    // one keeps what its user chose, or left out.
+    if (!preferences->contains("PathToClamav") && !preferences->contains("BlockUntilScanned"))
+        preferences->insert("BlockUntilScanned", true);
     if (options.prefix || !preferences->contains("PathToClamav"))
         preferences->insert("PathToClamav", QString::fromStdString(prefix));
 
