@@ -342,10 +342,11 @@ void PatientScanner::scanBatch()
     });
 
     // Paths the list file cannot carry are scanned by descriptor, after
-    // the listed ones.
+    // the listed ones; every path is, where clamdscan's own connections
+    // could reach someone posing as the engine.
     std::vector<std::string> byDescriptor;
-    std::erase_if(batch, [&byDescriptor](const std::string& path) {
-        if (listFileCanCarry(path))
+    std::erase_if(batch, [&](const std::string& path) {
+        if (listFileCanCarry(path) && !parameters->checkedConnectionsOnly)
             return false;
         byDescriptor.push_back(path);
         return true;
