@@ -1,12 +1,12 @@
 #include "tools/EngineSetup.h"
 
 #include "platform/ChildProcess.h"
+#include "platform/FolderWalk.h"
 #include "platform/Paths.h"
 #include "platform/UniqueFd.h"
 
 #include <QSaveFile>
 
-#include <dirent.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -158,14 +158,14 @@ bool isSignatureFile(const std::string& name)
 std::vector<std::string> signatureFiles(const std::string& folder)
 {
     std::vector<std::string> names;
-    DIR* directory = ::opendir(folder.c_str());
-    if (!directory)
-        return names;
-    while (const dirent* entry = ::readdir(directory)) {
-        if (isSignatureFile(entry->d_name) && isRegularFile(joinPath(folder, entry->d_name)))
-            names.emplace_back(entry->d_name);
-    }
-    ::closedir(directory);
+    walkFiles(
+        {folder}, true, [](const std::string&) { return false; },
+        [&names](std::string&& file) {
+            const std::string name = file.substr(file.rfind('/') + 1);
+            if (isSignatureFile(name))
+                names.push_back(name);
+            return true;
+        });
     return names;
 }
 

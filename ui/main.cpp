@@ -8,14 +8,14 @@
 #include <QApplication>
 #include <QSocketNotifier>
 
+#include "platform/UniqueFd.h"
+
 #include <csignal>
 #include <cstdlib>
-#include <sys/socket.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace {
-
-int terminationPipe[2] = {-1, -1};
 
 // Qt's own warnings reach the scan log in the agent's line format, so every
 // line there says when it was written and by which process.
@@ -28,19 +28,24 @@ void qtMessage(QtMsgType type, const QMessageLogContext&, const QString& message
         std::abort();
 }
 
-void onTerminationSignal(int)
-{
-    const char byte = 1;
-    const ssize_t written = ::write(terminationPipe[1], &byte, 1);
-    (void)written;
-}
-
 } // namespace
 
 int main(int argc, char* argv[])
 {
     // Without a display the agent still watches and scans; its panels and
     // menu then live on Qt's offscreen platform.
+    // A termination request goes through the same orderly quit as a quit
+    // request from the main application: SIGTERM and SIGINT are blocked
+    // here, before any thread starts (every thread inherits the mask), and
+    // read from a descriptor of their own in the event loop. Children start
+    // with an empty mask (ChildProcess).
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    sigaddset(&termination, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    const kv::UniqueFd terminationSignals(::signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK));
+
     const bool noDisplay = !std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM");
     if (noDisplay)
         ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
@@ -70,13 +75,11 @@ int main(int argc, char* argv[])
         break;
     }
 
-    // A termination request goes through the same orderly quit as a quit
-    // request from the main application.
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, terminationPipe) == 0) {
-        auto* notifierOfSignal = new QSocketNotifier(terminationPipe[0], QSocketNotifier::Read, &application);
+    if (terminationSignals) {
+        auto* notifierOfSignal = new QSocketNotifier(terminationSignals.get(), QSocketNotifier::Read, &application);
         QObject::connect(notifierOfSignal, &QSocketNotifier::activated, &controller, [&controller] { controller.quit(); });
-        std::signal(SIGTERM, onTerminationSignal);
-        std::signal(SIGINT, onTerminationSignal);
+    } else {
+        ::pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
     }
 
     agent.launchSoon();
