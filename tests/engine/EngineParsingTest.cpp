@@ -126,22 +126,6 @@ TEST(ClamdConfig, EngineAddressGivenToSetup)
     EXPECT_NE(error.find("253"), std::string::npos) << error;
 }
 
-TEST(ClamdConfig, ReaderAcceptsUtf8AndRefusesOtherBytes)
-{
-    kvtest::TempDir dir;
-    kvtest::writeFile(dir / "ascii.conf", "LocalSocket /a\n");
-    kvtest::writeFile(dir / "utf8.conf", "# caf\xc3\xa9\nLocalSocket /b\n");
-    kvtest::writeFile(dir / "latin1.conf", "# caf\xe9\nLocalSocket /c\n");
-
-    EXPECT_EQ(kv::readClamdConfig(dir / "ascii.conf").encoding, kv::kUtf8Encoding);
-    EXPECT_EQ(kv::readClamdConfig(dir / "utf8.conf").encoding, kv::kUtf8Encoding);
-    const kv::ClamdConfigText latin1 = kv::readClamdConfig(dir / "latin1.conf");
-    EXPECT_EQ(latin1.encoding, kv::kNoEncoding);
-    EXPECT_TRUE(latin1.text.empty());
-    EXPECT_FALSE(latin1.error.empty());
-    EXPECT_EQ(kv::readClamdConfig(dir / "missing.conf").encoding, kv::kNoEncoding);
-}
-
 TEST(ClamdSupervisor, SocketComesFromThePrefixAndFallsBackToThePrivateFolder)
 {
     kvtest::TempDir dir;
@@ -160,14 +144,14 @@ TEST(ClamdSupervisor, SocketComesFromThePrefixAndFallsBackToThePrivateFolder)
     supervisor.discernClamdSocketLocation(privateFolder);
     EXPECT_EQ(log.count("_clamdSocket == nil"), 1u) << "a later load keeps the stored value silently";
 
-    kvtest::writeFile(dir / "etc/clamd.conf", "LocalSocket /from/prefix\n");
+    kvtest::writeFile(dir / "etc/clamd.conf", "# caf\xc3\xa9\nLocalSocket /from/prefix\n");
     supervisor.discernClamdSocketLocation(privateFolder);
     EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
     EXPECT_EQ(log.count("clamdconfEncoding: 4"), 1u);
     EXPECT_EQ(supervisor.clamdPATH(), dir / "sbin/clamd");
 
-    // A configuration without the directive leaves the earlier socket; an
-    // unreadable one says so.
+    // A configuration without the directive leaves the earlier socket; one
+    // that is not UTF-8 is not read, and says so.
     kvtest::writeFile(dir / "etc/clamd.conf", "Foreground no\n");
     supervisor.discernClamdSocketLocation(privateFolder);
     EXPECT_EQ(supervisor.clamdSocket(), "/from/prefix");
