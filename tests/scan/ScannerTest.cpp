@@ -149,7 +149,7 @@ TEST_F(Scanning, FindingsTellTheUserByModeOnceForTheSameUnchangedFile)
         scan({path});
         std::vector<std::string> dialogs, told;
         for (size_t i = dialogsBefore; i < host_.alerts.shown().size(); ++i)
-            dialogs.push_back(host_.alerts.shown()[i].dialog);
+            dialogs.push_back(host_.alerts.shown()[i]);
         for (size_t i = toldBefore; i < host_.told().size(); ++i)
             told.push_back(host_.told()[i].substr(0, 1));
         EXPECT_EQ(dialogs, c.dialogs) << c.name;

@@ -18,6 +18,7 @@
 
 #include <QCoreApplication>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -288,6 +289,12 @@ std::vector<kv::DesktopNotification> RecordingNotifier::sent() const
     return sent_;
 }
 
+size_t RecordingNotifier::saying(const std::string& description) const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return std::count_if(sent_.begin(), sent_.end(), [&](const auto& n) { return n.description == description; });
+}
+
 void RecordingPanels::displayDialog(kv::Panel panel)
 {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -423,6 +430,22 @@ bool EnginePrefix::accepts() const
     const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     ::close(fd);
     return accepted;
+}
+
+EnginePrefix* EngineSuite::engine_ = nullptr;
+
+void EngineSuite::SetUpTestSuite()
+{
+    engine_ = new EnginePrefix;
+    // Not ASSERT: a fatal failure here would skip every test of the suite,
+    // and a skipped test says nothing. Each test fails without its engine.
+    EXPECT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
+}
+
+void EngineSuite::TearDownTestSuite()
+{
+    delete engine_;
+    engine_ = nullptr;
 }
 
 uint16_t freeTcpPort()

@@ -127,6 +127,8 @@ public:
     bool isRunning() override { return running; }
     bool notify(const kv::DesktopNotification& notification) override;
     std::vector<kv::DesktopNotification> sent() const;
+    // How many of those sent had this description.
+    size_t saying(const std::string& description) const;
 
 private:
     mutable std::mutex mutex_;
@@ -199,6 +201,15 @@ public:
 private:
     TempDir dir_;
     EngineOptions options_;
+};
+
+// Tests on one clamd from Debian for the whole suite: it is started once,
+// as it is the slowest part, and stopped with the suite.
+class EngineSuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+    static EnginePrefix* engine_;
 };
 
 // A TCP port on 127.0.0.1 that nothing listened on a moment ago.
