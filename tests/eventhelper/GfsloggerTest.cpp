@@ -35,21 +35,9 @@ const std::string kHelper = GFSLOGGER_PATH;
 const std::string kArrived(kv::gfs::kFolderArrived);
 const std::string kUnresolved(kv::gfs::kUnresolved);
 
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char pattern[] = "/tmp/kv-gfslogger-XXXXXX";
-        path_ = ::mkdtemp(pattern);
-        ::chmod(path_.c_str(), 0755);
-    }
-    // rm walks down by descriptors, through folders deeper than a path reaches.
-    ~TempFolder() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
+// A folder every user may reach into.
+struct TempFolder : kvtest::TempDir {
+    TempFolder() { ::chmod(path().c_str(), 0755); }
 };
 
 void writeFile(const std::string& path, const std::string& text = "x") { std::ofstream(path) << text; }
@@ -224,34 +212,25 @@ std::string statusField(pid_t pid, const std::string& name)
     return {};
 }
 
-// How many inode marks the fanotify groups of the process hold.
-size_t inodeMarks(pid_t pid)
-{
-    size_t marks = 0;
-    const std::string proc = "/proc/" + std::to_string(pid);
-    for (const fs::directory_entry& fd : fs::directory_iterator(proc + "/fd")) {
-        std::ifstream info(proc + "/fdinfo/" + fd.path().filename().string());
-        for (std::string line; std::getline(info, line);)
-            marks += line.starts_with("fanotify ino:");
-    }
-    return marks;
-}
-
-// The "fanotify flags:" value of each fanotify group the process holds.
-std::vector<unsigned> fanotifyFlags(pid_t pid)
-{
+// The fanotify groups the process holds: the "fanotify flags:" value of
+// each, and how many inode marks they hold in all.
+struct FanotifyGroups {
     std::vector<unsigned> flags;
+    size_t inodeMarks = 0;
+};
+FanotifyGroups fanotifyGroups(pid_t pid)
+{
+    FanotifyGroups groups;
     const std::string proc = "/proc/" + std::to_string(pid);
     for (const fs::directory_entry& fd : fs::directory_iterator(proc + "/fd")) {
-        std::error_code error;
-        if (fs::read_symlink(fd.path(), error) != "anon_inode:[fanotify]")
-            continue;
         std::ifstream info(proc + "/fdinfo/" + fd.path().filename().string());
-        for (std::string line; std::getline(info, line);)
+        for (std::string line; std::getline(info, line);) {
+            groups.inodeMarks += line.starts_with("fanotify ino:");
             if (line.starts_with("fanotify flags:"))
-                flags.push_back(std::stoul(line.substr(15), nullptr, 16));
+                groups.flags.push_back(std::stoul(line.substr(15), nullptr, 16));
+        }
     }
-    return flags;
+    return groups;
 }
 
 // Each action below causes exactly one reported event, and the names travel
@@ -386,7 +365,7 @@ TEST(Gfslogger, MarksNoMoreFoldersThanItsBound)
                                 " and deeper ones are not watched\n"},
                                20000));
     EXPECT_TRUE(helper.waitUntilWatching(folder / "probe"));
-    EXPECT_EQ(inodeMarks(helper.child().pid()), kv::gfs::FolderMarks::kMostFolders);
+    EXPECT_EQ(fanotifyGroups(helper.child().pid()).inodeMarks, kv::gfs::FolderMarks::kMostFolders);
 }
 
 // A helper that does not read (stopped here, as any user may stop their own
@@ -499,7 +478,7 @@ TEST(Gfslogger, RightsDecideWhetherItWatchesAndHowItEnds)
         const pid_t pid = helper.child().pid();
         EXPECT_EQ(statusField(pid, "CapEff"), "0000000000000000");
         EXPECT_EQ(statusField(pid, "CapPrm"), "0000000000200004");
-        const std::vector<unsigned> flags = fanotifyFlags(pid);
+        const std::vector<unsigned> flags = fanotifyGroups(pid).flags;
         EXPECT_EQ(flags.size(), 2u);
         for (unsigned flag : flags)
             EXPECT_EQ(flag & 0x30u, 0u) << "unlimited queue or marks: " << std::hex << flag;

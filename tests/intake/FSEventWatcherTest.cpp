@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -424,88 +425,51 @@ TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
     EXPECT_FALSE(exitStatus_.has_value());
 }
 
-struct ControlCase {
-    const char* name;
-    std::function<void(const std::string& root)> change;  // spoils the installed layout
-    std::string reason;                                   // the start of the refusal, after the root folder
-};
-
-TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
-{
-    const std::vector<ControlCase> cases = {
-        {"as installed", [](const std::string&) {}, ""},
-        {"folder others may write", [](const std::string& root) { ::chmod((root + "/share").c_str(), 0777); },
-         "/share may be written by users other than root"},
-        {"folder of another user", [](const std::string& root) { (void)!::chown((root + "/share").c_str(), 65534, 0); },
-         "/share does not belong to root"},
-        {"file the group may write", [](const std::string& root) { ::chmod((root + "/share/gfslogger").c_str(), 0775); },
-         "/share/gfslogger may be written by users other than root"},
-        {"file of another user", [](const std::string& root) { (void)!::chown((root + "/share/gfslogger").c_str(), 65534, 0); },
-         "/share/gfslogger does not belong to root"},
-        {"file is a link",
-         [](const std::string& root) {
-             fs::rename(root + "/share/gfslogger", root + "/real");
-             fs::create_symlink(root + "/real", root + "/share/gfslogger");
-         },
-         "/share/gfslogger is a symbolic link"},
-        {"folder is a link",
-         [](const std::string& root) {
-             fs::rename(root + "/share", root + "/elsewhere");
-             fs::create_directory_symlink(root + "/elsewhere", root + "/share");
-         },
-         "/share is a symbolic link"},
-    };
-    for (const ControlCase& c : cases) {
-        const kvtest::TempDir folder("/", "kv-root-controlled.");
-        const std::string& root = folder.path();
-        ::chmod(root.c_str(), 0755);
-        kvtest::writeFile(root + "/share/gfslogger", "#!/bin/sh\n", 0755);
-        ::chmod((root + "/share").c_str(), 0755);
-        c.change(root);
-        const std::string why = kv::whyNotRootControlled(root + "/share/gfslogger");
-        if (c.reason.empty())
-            EXPECT_EQ(why, "") << c.name;
-        else
-            EXPECT_TRUE(why.starts_with(root + c.reason)) << c.name << ": " << why;
-    }
-    EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
-    EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
-    EXPECT_EQ(kv::whyNotRootControlled("/usr/../tmp/x"), "/usr/../tmp/x is not a plain path");
-    EXPECT_EQ(kv::whyNotRootControlled("/dev/null"), "/dev/null is not a plain file") << "never opened";
-}
-
-struct InstallerCase {
-    const char* name;
-    std::function<void(const std::string& root)> change;  // spoils the installation
-    std::vector<std::string> arguments;
-    std::vector<std::string> asUser;  // empty: as root
-    int status;
-};
-
-// The real installer, as pkexec runs it, on an installation of its own.
+// Only a file root alone controls may be made set-user-ID root: root's, in
+// folders of root's from "/" down, none writable by others nor a link, with
+// one name. The real installer, run as pkexec runs it on an installation of
+// its own, makes its installation's helper so when it is such a file, and
+// nothing else ever.
 TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
 {
     const std::string helper = "/share/korvane-velgar/gfslogger";
-    const std::vector<InstallerCase> cases = {
-        {"as installed", [](const std::string&) {}, {}, {}, 0},
-        {"helper in a folder others may write",
-         [](const std::string& root) { ::chmod((root + "/share/korvane-velgar").c_str(), 0777); }, {}, {}, 1},
-        {"helper of another user",
-         [&](const std::string& root) { (void)!::chown((root + helper).c_str(), 65534, 65534); }, {}, {}, 1},
-        {"helper is a link to a root-owned file",
-         [&](const std::string& root) {
-             fs::rename(root + helper, root + "/real");
-             fs::create_symlink(root + "/real", root + helper);
-         },
-         {}, {}, 1},
+    using Change = std::function<void(const std::string& root)>;
+    const auto chmodAt = [](std::string path, mode_t mode) -> Change {
+        return [=](const std::string& root) { ::chmod((root + path).c_str(), mode); };
+    };
+    const auto chownAt = [](std::string path) -> Change {
+        return [=](const std::string& root) { (void)!::chown((root + path).c_str(), 65534, 0); };
+    };
+    const auto linkAt = [](std::string path) -> Change {
+        return [=](const std::string& root) {
+            fs::rename(root + path, root + "/real");
+            fs::create_symlink(root + "/real", root + path);
+        };
+    };
+    struct Case {
+        const char* name;
+        Change change;                 // spoils the installation
+        std::string reason;            // the start of the refusal, after the root folder
+        std::vector<std::string> run;  // how the installer ("@") is run
+        int status;
+    };
+    const std::vector<Case> cases = {
+        {"as installed", {}, "", {"@"}, 0},
+        {"folder others may write", chmodAt("/share/korvane-velgar", 0777),
+         "/share/korvane-velgar may be written by users other than root", {"@"}, 1},
+        {"folder of another user", chownAt("/share"), "/share does not belong to root", {"@"}, 1},
+        {"helper the group may write", chmodAt(helper, 0775), helper + " may be written by users other than root", {"@"}, 1},
+        {"helper of another user", chownAt(helper), helper + " does not belong to root", {"@"}, 1},
+        {"helper is a link", linkAt(helper), helper + " is a symbolic link", {"@"}, 1},
+        {"folder is a link", linkAt("/share"), "/share is a symbolic link", {"@"}, 1},
         {"helper with a second name",
-         [&](const std::string& root) { EXPECT_EQ(::link((root + helper).c_str(), (root + "/second").c_str()), 0); }, {},
-         {}, 1},
-        {"a path given", [](const std::string&) {}, {"/etc/shadow"}, {}, 2},
-        {"run by an ordinary user", [](const std::string&) {}, {}, kvtest::asUser("nobody"), 2},
+         [&](const std::string& root) { EXPECT_EQ(::link((root + helper).c_str(), (root + "/second").c_str()), 0); },
+         helper + " has other names", {"@"}, 1},
+        {"a path given", {}, "", {"@", "/etc/shadow"}, 2},
+        {"run by an ordinary user", {}, "", {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "@"}, 2},
     };
     ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
-    for (const InstallerCase& c : cases) {
+    for (const Case& c : cases) {
         const kvtest::TempDir folder("/", "kv-installer-test.");
         const std::string& root = folder.path();
         ::chmod(root.c_str(), 0755);
@@ -515,11 +479,13 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
         fs::create_directories(root + "/libexec/korvane-velgar");
         const std::string installer = root + "/libexec/korvane-velgar/install-gfslogger";
         fs::copy_file(KV_TEST_INSTALLER, installer);
-        c.change(root);
+        if (c.change)
+            c.change(root);
 
-        std::vector<std::string> argv = c.asUser;
-        argv.push_back(installer);
-        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        const std::string why = kv::whyNotRootControlled(root + helper);
+        EXPECT_TRUE(c.reason.empty() ? why.empty() : why.starts_with(root + c.reason)) << c.name << ": " << why;
+        std::vector<std::string> argv = c.run;
+        std::replace(argv.begin(), argv.end(), std::string("@"), installer);
         EXPECT_EQ(kv::runAndWait(argv), c.status) << c.name;
         std::vector<std::string> setUserId;
         for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
@@ -529,6 +495,10 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
         }
         EXPECT_EQ(setUserId, c.status == 0 ? std::vector<std::string>{helper} : std::vector<std::string>{}) << c.name;
     }
+    EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
+    EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
+    EXPECT_EQ(kv::whyNotRootControlled("/usr/../tmp/x"), "/usr/../tmp/x is not a plain path");
+    EXPECT_EQ(kv::whyNotRootControlled("/dev/null"), "/dev/null is not a plain file") << "never opened";
 }
 
 } // namespace
