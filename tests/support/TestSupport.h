@@ -61,15 +61,6 @@ std::map<std::string, std::string> snapshotFiles(const std::string& folder);
 // itself, so the child's process id is the program's.
 std::vector<std::string> asUser(const std::string& name);
 
-// Why a sanitizer runtime could not start in a program run as the user NAME:
-// a suppressions file named in this process's ASAN_OPTIONS, TSAN_OPTIONS,
-// UBSAN_OPTIONS or LSAN_OPTIONS that the user cannot read, or a report
-// folder (log_path) the user cannot write to. The runtime stops such a
-// program before main with an exit status of its own, which would read as
-// the program's. Empty when nothing stands in the way, as in a build
-// without sanitizers.
-std::string sanitizerObstacleFor(const std::string& name);
-
 // Sets an environment variable for the life of the object.
 class ScopedEnv {
 public:
@@ -139,9 +130,8 @@ class RecordingPanels : public kv::Panels {
 public:
     void displayDialog(kv::Panel panel) override;
     void setUpdateWindowText(const std::string& text) override;
-    int transformToForegroundApplication() override;
+    int transformToForegroundApplication() override { return 0; }
     std::vector<kv::Panel> shown() const;
-    int foregroundRequests = 0;
     std::string updateText;
 
 private:
