@@ -27,8 +27,8 @@ protected:
 
     void TearDown() override
     {
-        scanner_.reset();
-        controller_.reset();
+        agent_.scanner.reset();
+        agent_.controller.reset();
         // A stand-in the agent launched must not outlive the test.
         const int pid = std::atoi(kvtest::readFile(standIn() + "/run/clamd.pid").c_str());
         if (pid > 0 && ::kill(pid, SIGTERM) == 0)
@@ -53,22 +53,10 @@ protected:
         return velgarctl->wait();
     }
 
-    void start()
-    {
-        kv::ControllerParts parts = agent_.parts();
-        parts.dispatcherPause = [] {};
-        scanner_.reset();
-        controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-        // No workers: the test's own scanner scans, with the controller as
-        // its host.
-        controller_->startWatcher(false);
-        ASSERT_TRUE(controller_->isWatching());
-        scanner_ = std::make_unique<kvtest::TestScanner>(*controller_);
-        agent_.preferences.synchronize();
-        scanner_->configure(kv::Settings::load(agent_.preferences), prefix(), home_.path() + "/");
-    }
-
-    std::string scan(const std::vector<std::string>& paths) { return scanner_->scan(paths); }
+    // The controller watching with the test's own scanner.
+    void start() { ASSERT_TRUE(agent_.startWatching(prefix()).isWatching()); }
+    kv::KorvaneVelgar& controller() { return *agent_.controller; }
+    std::string scan(const std::vector<std::string>& paths) { return agent_.scan(paths); }
 
     // An EICAR file in the user's home (mode 0700), which only the user can
     // read: a daemon of another user sees it only through what clamdscan
@@ -85,29 +73,11 @@ protected:
         return scanLog.find(path + ": Eicar-Test-Signature.UNOFFICIAL FOUND") != std::string::npos;
     }
 
-    size_t notificationsSaying(const std::string& description) const
-    {
-        size_t count = 0;
-        for (const kv::DesktopNotification& sent : agent_.notifier.sent())
-            count += sent.description == description;
-        return count;
-    }
-
-    size_t unreachableAlerts() const
-    {
-        size_t count = 0;
-        for (const kvtest::RecordingAlerts::Shown& shown : agent_.alerts.shown())
-            count += shown.dialog == "EngineUnreachable";
-        return count;
-    }
-
     kvtest::TempDir prefixFolder_;
     kvtest::RecordingAgent agent_{prefixFolder_ / "engine"};
     kvtest::TempDir& home_ = agent_.home;
     kvtest::ScopedEnv configHome_{"XDG_CONFIG_HOME", agent_.home / ".config"};
     kvtest::LogCapture log_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
-    std::unique_ptr<kvtest::TestScanner> scanner_;
 };
 
 constexpr const char* kRestartLine = "clamd appears to have died - attempting restart...";
@@ -139,28 +109,28 @@ TEST_F(SharedEngine, ScanningServerOverTcpIsStreamedToToldOnceWhenSilentAndNever
     std::string scanLog = scan({first, clean});
     EXPECT_TRUE(found(scanLog, first)) << scanLog;
     EXPECT_NE(scanLog.find(clean + ": OK"), std::string::npos) << scanLog;
-    EXPECT_TRUE(controller_->clamdStillAlive()) << "PING over TCP";
+    EXPECT_TRUE(controller().clamdStillAlive()) << "PING over TCP";
 
     // Silent: said once, alerted once, never restarted from here.
     server.stopDaemon();
     const std::string second = infectedFile("second.com");
     scanLog = scan({second}) + scan({infectedFile("third.com")});
     EXPECT_EQ(log_.count("The clamd at " + address + " does not answer"), 1u);
-    EXPECT_EQ(unreachableAlerts(), 1u);
-    EXPECT_EQ(notificationsSaying("CLAMDSCAN_ERROR"), 1u);
+    EXPECT_EQ(agent_.alerts.count("EngineUnreachable"), 1u);
+    EXPECT_EQ(agent_.notifier.saying("CLAMDSCAN_ERROR"), 1u);
     EXPECT_EQ(scanLog.find(kRestartLine), std::string::npos) << scanLog;
     EXPECT_FALSE(log_.contains("clamd not running"));
 
     // Back: the next run after the probe interval says so and scans there.
     ASSERT_TRUE(server.startDaemon());
-    controller_->clamd().setSilenceProbeInterval(std::chrono::milliseconds(0));
+    controller().clamd().setSilenceProbeInterval(std::chrono::milliseconds(0));
     scanLog = scan({second});
     EXPECT_EQ(log_.count("The clamd at " + address + " answers again"), 1u);
     EXPECT_TRUE(found(scanLog, second)) << scanLog;
     EXPECT_FALSE(kvtest::exists(home_ / "client-ran")) << "clamdscan ran against a TCP engine on this machine";
 
     // Quitting leaves the server running.
-    controller_->quit();
+    controller().quit();
     EXPECT_EQ(agent_.exitStatus, 0);
     EXPECT_FALSE(log_.contains("trying to quit clamd"));
     EXPECT_TRUE(server.daemonRunning());
@@ -174,13 +144,12 @@ TEST_F(SharedEngine, AnEnginePrefixOthersMayWriteIsNeverRun)
     std::string output;
     ASSERT_EQ(setup({}, {"--prefix", prefix(), "--own-engine"}, &output), 0) << output;
     ::chmod((prefix() + "/sbin").c_str(), 0777);
-    controller_ = std::make_unique<kv::KorvaneVelgar>(agent_.parts());
-    controller_->startWatcher(false);
-    EXPECT_FALSE(controller_->isWatching());
+    agent_.makeController().startWatcher(false);
+    EXPECT_FALSE(controller().isWatching());
     EXPECT_EQ(log_.count("The engine folder " + prefix() + " is refused: " + prefix() +
                          "/sbin may be written by other users; nothing is run from it"),
               1u);
-    EXPECT_FALSE(controller_->clamd().checkForClamd(prefix())) << "nothing launched from it";
+    EXPECT_FALSE(controller().clamd().checkForClamd(prefix())) << "nothing launched from it";
     EXPECT_EQ(agent_.panels.shown().back(), kv::Panel::NoEngine);
 }
 
@@ -211,13 +180,13 @@ TEST_F(SystemServiceEngine, SilentAtStartTheStandInIsLaunchedAndQuitWithTheAgent
     start();
     EXPECT_EQ(log_.count(standInLine_), 1u);
     EXPECT_TRUE(log_.contains("clamd launched successfully.  Continuing..."));
-    EXPECT_TRUE(controller_->clamd().weLaunchedClamd());
-    EXPECT_EQ(notificationsSaying("SERVICE_STANDIN"), 1u);
+    EXPECT_TRUE(controller().clamd().weLaunchedClamd());
+    EXPECT_EQ(agent_.notifier.saying("SERVICE_STANDIN"), 1u);
     const std::string infected = infectedFile("infected.com");
     EXPECT_TRUE(found(scan({infected}), infected));
 
     const int standIn = standInPid();
-    controller_->quit();
+    controller().quit();
     EXPECT_EQ(agent_.exitStatus, 0);
     EXPECT_TRUE(kvtest::waitFor([&] { return kvtest::processGone(standIn); }, 15000));
 }
@@ -232,13 +201,13 @@ TEST_F(SystemServiceEngine, WithoutAStandInASilentServiceIsToldOnce)
     EXPECT_EQ(log_.count("The system's clamd service does not answer at " + service_.socket() +
                          "; it is left to the system to restart it"),
               1u);
-    EXPECT_EQ(unreachableAlerts(), 1u);
-    EXPECT_EQ(notificationsSaying("CLAMDSCAN_ERROR"), 1u);
+    EXPECT_EQ(agent_.alerts.count("EngineUnreachable"), 1u);
+    EXPECT_EQ(agent_.notifier.saying("CLAMDSCAN_ERROR"), 1u);
     EXPECT_EQ(scanLog.find(kRestartLine), std::string::npos) << scanLog;
     EXPECT_FALSE(log_.contains("clamd not running")) << "the service is never launched from here";
 
     ASSERT_TRUE(service_.startDaemon());
-    controller_->clamd().setSilenceProbeInterval(std::chrono::milliseconds(0));
+    controller().clamd().setSilenceProbeInterval(std::chrono::milliseconds(0));
     EXPECT_TRUE(found(scan({infected}), infected));
     EXPECT_EQ(log_.count("The system's clamd service answers again at " + service_.socket()), 1u);
 }

@@ -133,6 +133,10 @@ protected:
     ObservedSleepWatcher sleep_{systemBus_.connect()};
 };
 
+// A wake alone only logs. A sleep stops watching, gfslogger ended, before
+// the sleep delay ends; a second sleep changes nothing; the wake starts
+// watching again in full, preferences first, and takes a new delay. That
+// used the restart up: after a sleep while stopped, watching stays off.
 TEST_F(SleepAndWake, WatchingStopsBeforeTheSleepDelayEndsAndStartsAgainOnWake)
 {
     kv::KorvaneVelgar& agent = launch();
@@ -140,44 +144,32 @@ TEST_F(SleepAndWake, WatchingStopsBeforeTheSleepDelayEndsAndStartsAgainOnWake)
     EXPECT_TRUE(login1_.locks[0].starts_with("sleep Korvane Velgar ")) << login1_.locks[0];
     EXPECT_TRUE(login1_.locks[0].ends_with(" delay")) << login1_.locks[0];
     ASSERT_TRUE(kvtest::waitFor([&] { return helperRuns(); }, 10000));
+    const int loads = preferences_.synchronizations;
+    login1_.sendPrepareForSleep(false);
+    ASSERT_TRUE(logged("Wakey wakey!"));
+    EXPECT_EQ(preferences_.synchronizations, loads) << "a wake alone only logs";
 
     std::optional<std::pair<bool, bool>> atRelease;  // watching, gfslogger runs
     sleep_.onRelease = [&] {
         if (!atRelease)
             atRelease.emplace(agent.isWatching(), helperRuns());
     };
-    const int loads = preferences_.synchronizations;
+    login1_.sendPrepareForSleep(true);
     login1_.sendPrepareForSleep(true);
     ASSERT_TRUE(kvtest::processEventsUntil([&] { return login1_.held() == 0; })) << "logind sees the delay end";
     EXPECT_EQ(atRelease, std::make_pair(false, false)) << "gfslogger has ended before the machine may sleep";
-
-    login1_.sendPrepareForSleep(false);
-    ASSERT_TRUE(logged("Wakey wakey!"));
-    EXPECT_TRUE(agent.isWatching());
-    EXPECT_GT(preferences_.synchronizations, loads) << "a full start, preferences first";
-    EXPECT_LT(lineWith(kStopping), lineWith("Nighty night!"));
-    EXPECT_LT(lineWith("Wakey wakey!"), lineWith("scan email files", lineWith("Wakey wakey!")));
-    EXPECT_TRUE(kvtest::processEventsUntil([&] { return login1_.locks.size() == 2 && login1_.held() == 1; }));
-}
-
-TEST_F(SleepAndWake, WakeAloneTwoSleepsAndSleepWhileStopped)
-{
-    kv::KorvaneVelgar& agent = launch();
-    const int loads = preferences_.synchronizations;
-    login1_.sendPrepareForSleep(false);
-    ASSERT_TRUE(logged("Wakey wakey!"));
-    EXPECT_EQ(preferences_.synchronizations, loads) << "a wake alone only logs";
-    EXPECT_EQ(login1_.locks.size(), 1u);
-
-    login1_.sendPrepareForSleep(true);
-    login1_.sendPrepareForSleep(true);
     ASSERT_TRUE(logged("Nighty night!", 2));
     EXPECT_EQ(log_.count(kStopping), 1u);
+
     login1_.sendPrepareForSleep(false);
     ASSERT_TRUE(logged("Wakey wakey!", 2));
     EXPECT_TRUE(agent.isWatching()) << "the second sleep kept the restart";
+    EXPECT_GT(preferences_.synchronizations, loads) << "a full start, preferences first";
+    const size_t woke = lineWith("Wakey wakey!", lineWith("Nighty night!"));
+    EXPECT_LT(lineWith(kStopping), lineWith("Nighty night!"));
+    EXPECT_LT(woke, lineWith("scan email files", woke));
+    EXPECT_TRUE(kvtest::processEventsUntil([&] { return login1_.locks.size() == 2 && login1_.held() == 1; }));
 
-    // The wake used the restart up: after a sleep while stopped, watching stays off.
     agent.stopWatcher();
     login1_.sendPrepareForSleep(true);
     login1_.sendPrepareForSleep(false);

@@ -92,34 +92,12 @@ TEST(Notifications, ReachTheServiceStickyWithTheirNameTitleAndEscapedBody)
     EXPECT_EQ(got.hints.value("desktop-entry").toString(), "com.korvane.KorvaneVelgar");
 }
 
-// A notification daemon that the bus starts only when it is first called
-// (D-Bus activation, as desktops without a resident daemon have it): the
-// service counts as running before it runs, and the first notification
-// starts it and reaches it.
-TEST(Notifications, ReachADaemonTheBusStartsOnDemand)
-{
-    kvtest::TempDir folder;
-    const std::string received = folder / "received";
-    kvtest::writeFile(folder / "services/org.freedesktop.Notifications.service",
-                      "[D-BUS Service]\nName=org.freedesktop.Notifications\nExec=" KV_TEST_NOTIFICATION_DAEMON " " +
-                          received + "\n");
-    kvtest::PrivateBus bus(kvtest::PrivateBus::Kind::Session, folder / "services");
-    QDBusConnection connection = bus.connect();
-    kv::FreedesktopNotifier notifier(connection);
-    EXPECT_FALSE(connection.interface()->isServiceRegistered("org.freedesktop.Notifications").value());
-    EXPECT_TRUE(notifier.isRunning()) << "activatable counts as running";
-
-    kvtest::DesktopAgent agent({.showDockIcon = {}, .clock = nullptr, .notifier = &notifier});
-    EXPECT_TRUE(agent.controller->displayGrowlDialog(kv::NotificationKind::Updated, "started on demand"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return kvtest::exists(received) && !kvtest::readFile(received).empty(); }, 10000));
-    EXPECT_EQ(kvtest::readFile(received), "0\tKorvane Velgar\tstarted on demand\n");
-    EXPECT_TRUE(connection.interface()->isServiceRegistered("org.freedesktop.Notifications").value());
-}
-
 // A flood of findings: the first few one by one, then one notification that
 // counts the rest. Counts that come while one is on its way are folded into
 // the newest; a later count replaces the shown one (the daemon's id as
-// replaces_id) rather than adding another.
+// replaces_id) rather than adding another. The daemon is one the bus starts
+// only when it is first called (D-Bus activation, as desktops without a
+// resident daemon have it): it counts as running before it runs.
 TEST(Notifications, FloodOfFindingsIsCountedInOneNotificationUpdatedInPlace)
 {
     // The daemon is a process of its own, as on a desktop: what it got is

@@ -97,24 +97,17 @@ all_moved() { [ "$(moved_count)" -ge "${#infected[@]}" ]; }
 wait_for 120 all_moved || fail "$(moved_count) of ${#infected[@]} infected files reached the quarantine folder"
 settle
 [ "$(moved_count)" -eq "${#infected[@]}" ] || fail "$(moved_count) files in the quarantine folder, ${#infected[@]} planted: $(ls -b "$quarantine" | tr "\n" " ")"
-for path in "${infected[@]}"; do
-  if [ ${#path} -lt 4000 ]; then
-    [ ! -e "$path" ] || fail "still in place: $(printf %q "$path")"
-  fi
-done
+for path in "${infected[@]}"; do [ ${#path} -ge 4000 ] || [ ! -e "$path" ] || fail "still in place: $(printf %q "$path")"; done
 ( deep_cd && [ ! -e deep.com ] ) || fail "the deep file is still in place"
-for path in "${clean[@]}"; do
-  [ -f "$path" ] || fail "a clean file was moved: $(printf %q "$path")"
-done
+for path in "${clean[@]}"; do [ -f "$path" ] || fail "a clean file was moved: $(printf %q "$path")"; done
 while IFS= read -r -d '' file; do
   [ "$(cat "$file")" = "$eicar" ] || fail "the quarantine folder holds a file that is not one planted: $file"
 done < <(find "$quarantine" -type f -print0)
 
 echo "== The log names odd files escaped, and no forged line took effect"
-expect_logged 5 "$watched/evil\\r$finding"
-expect_logged 5 "$watched/line\\nbreak.com$finding"
-expect_logged 5 "$watched/latin1-\\xe9t\\xe9.com$finding"
-expect_logged 5 "$watched/back\\\\slash.com$finding"
+for shown in 'evil\r' 'line\nbreak.com' 'latin1-\xe9t\xe9.com' 'back\\slash.com'; do
+  expect_logged 5 "$watched/$shown$finding"
+done
 expect_logged 5 "its folder's path is 4096 bytes or longer"
 # Its one line of its own is its clean result.
 grep -qP '^\S+ \S+ \Q'"$watched/victim.txt"'\E: (?!OK$)' "$log" && fail "a forged line about victim.txt was taken for a result"

@@ -59,13 +59,18 @@ echo "== Preferences replaced by garbage while watching, then restarted"
 prefs=$XDG_CONFIG_HOME/korvane
 cp "$prefs/com.korvane.Korvane.json" "$work/good-prefs.json"
 printf '{"PathToClamav": "%s", "VelgarFolderArray": [{"pathName": ' "$prefix" >"$prefs/com.korvane.Korvane.json"
-printf '\xff\xfe\x00garbage\n' >"$prefs/com.korvane.KorvaneVelgar.json"
+echo '[1, 2]' >"$prefs/com.korvane.KorvaneVelgar.json"
+own_spoiled="Preferences file $prefs/com.korvane.KorvaneVelgar.json could not be read and counts as empty: the file holds no JSON object"
 "$ctl" restart >/dev/null
 expect_logged 60 "Preferences file $prefs/com.korvane.Korvane.json could not be read and counts as empty" \
   "the spoiled suite file was not named in the log"
-expect_logged 60 "Preferences file $prefs/com.korvane.KorvaneVelgar.json could not be read and counts as empty" \
-  "the spoiled agent file was not named in the log"
+expect_logged 60 "$own_spoiled" "the agent's file, a list, was not named in the log"
 expect_logged 60 "ClamAV installation couldn't be found.  Quitting now." "the empty preferences did not stop the load"
+# Once a load, at every load.
+[ "$(log_count "$own_spoiled")" -eq 1 ] || fail "a spoiled file was named more than once in one load"
+"$ctl" restart >/dev/null
+named_again() { [ "$(log_count "$own_spoiled")" -eq 2 ]; }
+wait_for 60 named_again || fail "a spoiled file was not named again at the next load"
 expect_alive "after garbage preferences"
 cp "$work/good-prefs.json" "$prefs/com.korvane.Korvane.json"
 rm "$prefs/com.korvane.KorvaneVelgar.json"

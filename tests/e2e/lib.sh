@@ -113,6 +113,8 @@ finding=": Eicar-Test-Signature.UNOFFICIAL FOUND"
 # write_file PATH TEXT, as the account under test.
 write_file() { "${runner[@]}" sh -c 'printf %s "$2" >"$1"' sh "$1" "$2" || fail "could not write $1"; }
 write_eicar() { write_file "$1" "$eicar${2:-}"; }
+# finds PATH [SECONDS] [WHAT]: an infected file written there is found.
+finds() { write_eicar "$1"; expect_logged "${2:-60}" "$1$finding" "${3:-}"; }
 
 # An engine prefix like the one velgarctl setup makes, with the test
 # signatures; its clamd is launched by the agent.

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The agent's life as users and scripts see it: the real binary on a private
 # session bus, driven by velgarctl, with a real clamd from Debian. It rotates
-# an oversized log, launches its own clamd, refuses a second copy, and at a
-# quit stops that clamd and says so on the bus. (A restart, a clamd it found
+# an oversized log, empties its indicator's temporary folder of files,
+# launches its own clamd, refuses a second copy, and at a quit stops that
+# clamd and says so on the bus. (A restart, a clamd it found
 # and left running: e2e.road; a load without an engine: e2e.faults.)
 #
 #   lifecycle_test.sh BUILD_DIR SOURCE_DIR
@@ -20,6 +21,9 @@ background_pids+=($!)
 echo "== It rotates its log, launches its own clamd, refuses a second copy and quits"
 mkdir -p "$(dirname "$log")"
 for _ in $(seq 64); do echo "an earlier line of the scan log, to be rotated away"; done >"$log"
+# The indicator's temporary folder is emptied of files an earlier run left.
+throbber=$XDG_RUNTIME_DIR/KorvaneVelgarII/Throbber
+mkdir -p "$throbber/kept" && touch "$throbber/left-over"
 "$agent_bin" >>"$agent_out" 2>&1 &
 agent_pid=$!
 wait_for 60 logged "Watching started" || fail "no start of watching"
@@ -27,6 +31,7 @@ logged "clamd launched successfully.  Continuing..." || fail "clamd not launched
 pgrep -f "clamd -c $prefix/etc/clamd.conf" >/dev/null || fail "ps does not show clamd with -c $prefix/etc/clamd.conf"
 ls "$log".*bz2 >/dev/null 2>&1 || fail "the oversized log was not rotated"
 [ "$(stat -c %a "$log")" = 640 ] || fail "the new log is not mode 640"
+[ ! -e "$throbber/left-over" ] && [ -d "$throbber/kept" ] || fail "the indicator's folder was not emptied of files alone"
 status=0
 "$agent_bin" >>"$agent_out" 2>&1 || status=$?
 [ $status -eq 0 ] || fail "a second agent exited $status"

@@ -38,8 +38,7 @@ ln -s loop-a "$watched/loop-b"
 mkdir "$watched/real-folder"
 ln -s "$watched/real-folder" "$watched/real-folder/self"
 ln -s .. "$watched/real-folder/up"
-write_eicar "$watched/real-folder/after-the-links.com"
-expect_logged 60 "$watched/real-folder/after-the-links.com$finding"
+finds "$watched/real-folder/after-the-links.com"
 expect_logged 60 "$watched/link-to-file.com: " "the link to a file got no result line"
 settle
 for name in dangling loop-a loop-b real-folder/self real-folder/up; do
@@ -52,8 +51,7 @@ for i in $(seq 200); do echo "short-lived $i" >"$watched/short-lived-$i.tmp"; do
 rm -f "$watched"/short-lived-*.tmp
 write_eicar "$watched/deleted-soon.com"
 rm "$watched/deleted-soon.com"
-write_eicar "$watched/after-the-deletions.com"
-expect_logged 60 "$watched/after-the-deletions.com$finding"
+finds "$watched/after-the-deletions.com"
 settle
 logged "short-lived-" && fail "a file deleted before it was ready was scanned"
 logged "deleted-soon.com" && fail "a file deleted before it was ready was scanned"

@@ -97,8 +97,7 @@ pref PathToUpdateLog -string "$home/update.log"
 watch_folders "~/watched"
 start_agent
 logged "clamd launched successfully.  Continuing..." || fail "the agent took another process for its own clamd"
-write_eicar "$watched/infected.com"
-expect_logged 60 "$watched/infected.com$finding"
+finds "$watched/infected.com"
 
 # Every live clamd in the namespace must be the user's, run as the engine
 # prefix's daemon with its configuration.
@@ -151,8 +150,7 @@ wait_for 60 clamd_besides "$first_daemon" || fail "clamd was not launched again"
 check_daemons
 # The batch that found the daemon dead is scanned again on the new one.
 expect_logged 120 "$watched/after-crash.com$finding" "the file written while clamd was dead was never scanned"
-write_eicar "$watched/after-relaunch.com"
-expect_logged 120 "$watched/after-relaunch.com$finding" "no finding after the relaunch"
+finds "$watched/after-relaunch.com" 120 "no finding after the relaunch"
 
 echo "== Nobody but the neighbour ran the neighbour's programs"
 quit_agent

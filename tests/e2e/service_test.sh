@@ -111,14 +111,22 @@ echo "== A restart of one agent while the other scans; then both quit"
 use_account "$first"
 "${runner[@]}" "$ctl" restart >/dev/null || fail "velgarctl restart failed for $first"
 use_account "$second"
-write_eicar "$watched/during-restart.com"
-expect_logged 60 "$watched/during-restart.com$finding"
+finds "$watched/during-restart.com"
 use_account "$first"
 restarted() { [ "$(log_count "Watching started")" -ge 2 ]; }
 wait_for 60 restarted || fail "the agent of $first did not start watching again"
 wait_until_watching
-write_eicar "$watched/after-restart.com"
-expect_logged 60 "$watched/after-restart.com$finding"
+finds "$watched/after-restart.com"
+
+# The agent runs as the user here: a file of mode 0 is unreadable until its
+# owner changes the mode, which the agent must notice.
+echo "== A file written unreadable is found once it is made readable"
+unreadable=$watched/made-readable.com
+"${runner[@]}" sh -c 'umask 777 && printf %s "$2" >"$1"' sh "$unreadable" "$eicar"
+expect_logged 60 "$unreadable: " "the unreadable file got no result line"
+"${runner[@]}" chmod 644 "$unreadable"
+expect_logged 60 "$unreadable$finding" "the file made readable was not scanned again"
+
 for account in "$first" "$second"; do
   use_account "$account"
   quit_agent

@@ -19,9 +19,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -32,7 +34,7 @@ namespace {
 // of each connection with PONG, or hangs up without a word, or never
 // accepts at all, or (as a neighbour posing as a stopped clamd would)
 // closes its listening socket the moment it accepts, and answers "OK";
-// what it was sent comes back through a pipe.
+// what it was sent comes back, one datagram a message.
 class Listener {
 public:
     enum class Reply { Pong, HangUp, NeverAccept, CloseListenerOnAccept };
@@ -45,77 +47,58 @@ public:
 
     explicit Listener(const Options& options)
     {
-        uid_t uid = ::getuid();
-        gid_t gid = ::getgid();
-        if (options.user) {
-            const passwd* account = ::getpwnam(options.user);
-            if (!account)
-                return;
-            uid = account->pw_uid;
-            gid = account->pw_gid;
+        const passwd* account = options.user ? ::getpwnam(options.user) : ::getpwuid(::getuid());
+        sockaddr_storage address{};
+        auto* local = reinterpret_cast<sockaddr_un*>(&address);
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+        auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
+        if (!options.socketPath.empty()) {
+            local->sun_family = AF_UNIX;
+            std::strncpy(local->sun_path, options.socketPath.c_str(), sizeof local->sun_path - 1);
+        } else if (options.dualStack) {
+            v6->sin6_family = AF_INET6;
+        } else {
+            v4->sin_family = AF_INET;
+            v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         }
-        sockaddr_un local{};
-        local.sun_family = AF_UNIX;
-        std::memcpy(local.sun_path, options.socketPath.c_str(), std::min(options.socketPath.size(), sizeof local.sun_path - 1));
-        sockaddr_in v4{};
-        v4.sin_family = AF_INET;
-        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sockaddr_in6 v6{};
-        v6.sin6_family = AF_INET6;
-        v6.sin6_addr = in6addr_any;
-        const bool tcp = options.socketPath.empty();
-        const int family = !tcp ? AF_UNIX : options.dualStack ? AF_INET6 : AF_INET;
-        const sockaddr* address = !tcp ? reinterpret_cast<const sockaddr*>(&local)
-                                  : options.dualStack ? reinterpret_cast<const sockaddr*>(&v6)
-                                                      : reinterpret_cast<const sockaddr*>(&v4);
-        const socklen_t size = !tcp ? sizeof local : options.dualStack ? sizeof v6 : sizeof v4;
-        int ready[2], heard[2];
-        if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(heard, O_CLOEXEC) != 0)
+        int heard[2];
+        if (!account || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, heard) != 0)
             return;
+        heard_.reset(heard[0]);
+        const kv::UniqueFd report(heard[1]);
         pid_ = ::fork();
         if (pid_ == 0) {
-            // System calls only: the test process may run threads.
-            if (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)
+            // System calls only: the test process may run threads. The first
+            // datagram is the port (0 for a UNIX socket) once it listens.
+            if (::setgroups(0, nullptr) != 0 || ::setgid(account->pw_gid) != 0 || ::setuid(account->pw_uid) != 0)
                 ::_exit(2);
-            const int fd = ::socket(family, SOCK_STREAM, 0);
+            int fd = ::socket(address.ss_family, SOCK_STREAM, 0);
             const int no = 0;
             ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
-            sockaddr_storage bound{};
-            socklen_t boundSize = sizeof bound;
-            if (::bind(fd, address, size) != 0 || ::listen(fd, 4) != 0 ||
-                ::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &boundSize) != 0)
+            socklen_t size = address.ss_family == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_in6);
+            if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(fd, 4) != 0 ||
+                ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
                 ::_exit(3);
-            const uint16_t port = ntohs(family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
-                                                           : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
-            if (::write(ready[1], &port, sizeof port) != sizeof port)
-                ::_exit(4);
-            for (;;) {
-                if (options.reply == Reply::NeverAccept)
-                    ::pause();
+            // sin_port and sin6_port lie at the same place.
+            const uint16_t port = address.ss_family == AF_UNIX ? 0 : ntohs(v4->sin_port);
+            (void)!::write(report.get(), &port, sizeof port);
+            while (options.reply != Reply::NeverAccept && fd >= 0) {
                 const int client = ::accept(fd, nullptr, nullptr);
                 if (options.reply == Reply::CloseListenerOnAccept)
-                    ::close(fd);
+                    ::close(std::exchange(fd, -1));
                 char buffer[16];
-                const ssize_t got = ::read(client, buffer, sizeof buffer);
-                const unsigned char length = got > 0 ? static_cast<unsigned char>(got) : 0;
-                (void)!::write(heard[1], &length, 1);
-                (void)!::write(heard[1], buffer, length);
-                if (options.reply == Reply::Pong)
-                    (void)!::send(client, "PONG\n", 5, MSG_NOSIGNAL);
-                if (options.reply == Reply::CloseListenerOnAccept)
-                    (void)!::send(client, "stream: OK", 11, MSG_NOSIGNAL);
+                (void)!::write(report.get(), buffer, std::max<ssize_t>(::read(client, buffer, sizeof buffer), 0));
+                const char* answer = options.reply == Reply::Pong ? "PONG\n"
+                                     : options.reply == Reply::HangUp ? "" : "stream: OK";
+                (void)!::send(client, answer, std::strlen(answer), MSG_NOSIGNAL);
                 ::close(client);
-                if (options.reply == Reply::CloseListenerOnAccept)
-                    ::pause();
             }
+            ::pause();
         }
-        ::close(ready[1]);
-        ::close(heard[1]);
-        heard_ = kv::UniqueFd(heard[0]);
-        uint16_t port = 0;
-        listening_ = ::read(ready[0], &port, sizeof port) == sizeof port;
-        port_ = tcp ? port : 0;
-        ::close(ready[0]);
+        // A listener that failed to start says nothing for ever: give up on it.
+        const timeval limit{10, 0};
+        ::setsockopt(heard_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        listening_ = pid_ > 0 && ::recv(heard_.get(), &port_, sizeof port_, 0) == sizeof port_;
     }
     ~Listener()
     {
@@ -131,14 +114,9 @@ public:
     // finds it here.
     std::vector<std::string> received()
     {
-        ::fcntl(heard_.get(), F_SETFL, O_NONBLOCK);
-        unsigned char length = 0;
-        while (::read(heard_.get(), &length, 1) == 1) {
-            std::string message(length, '\0');
-            if (length > 0 && ::read(heard_.get(), message.data(), length) != length)
-                break;
-            received_.push_back(message);
-        }
+        char buffer[16];
+        for (ssize_t got; (got = ::recv(heard_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) >= 0;)
+            received_.emplace_back(buffer, got);
         return received_;
     }
 
@@ -186,9 +164,6 @@ TEST(ClamdCtrl, ExchangesOnAUnixSocket)
             kvtest::captureStandardStreams([&] { written = client.communicateWithSocket(path + c.called, "PING"); });
         EXPECT_EQ(written, c.written) << c.name << ": " << streams;
         EXPECT_NE(streams.find(c.says), std::string::npos) << c.name << ": " << streams;
-        if (!c.written && c.listener) {
-            EXPECT_NE(streams.find("Error, can't connect to clamd through " + path + ".\n"), std::string::npos) << streams;
-        }
         if (c.listener == Listener::Reply::Pong) {
             EXPECT_EQ(listener->received(), std::vector<std::string>{std::string("PING\0\0", 6)}) << c.name;
         }

@@ -35,21 +35,9 @@ const std::string kHelper = GFSLOGGER_PATH;
 const std::string kArrived(kv::gfs::kFolderArrived);
 const std::string kUnresolved(kv::gfs::kUnresolved);
 
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char pattern[] = "/tmp/kv-gfslogger-XXXXXX";
-        path_ = ::mkdtemp(pattern);
-        ::chmod(path_.c_str(), 0755);
-    }
-    // rm walks down by descriptors, through folders deeper than a path reaches.
-    ~TempFolder() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
+// A folder every user may reach into.
+struct TempFolder : kvtest::TempDir {
+    TempFolder() { ::chmod(path().c_str(), 0755); }
 };
 
 void writeFile(const std::string& path, const std::string& text = "x") { std::ofstream(path) << text; }
@@ -224,98 +212,25 @@ std::string statusField(pid_t pid, const std::string& name)
     return {};
 }
 
-// How many inode marks the fanotify groups of the process hold.
-size_t inodeMarks(pid_t pid)
-{
-    size_t marks = 0;
-    const std::string proc = "/proc/" + std::to_string(pid);
-    for (const fs::directory_entry& fd : fs::directory_iterator(proc + "/fd")) {
-        std::ifstream info(proc + "/fdinfo/" + fd.path().filename().string());
-        for (std::string line; std::getline(info, line);)
-            marks += line.starts_with("fanotify ino:");
-    }
-    return marks;
-}
-
-// The "fanotify flags:" value of each fanotify group the process holds.
-std::vector<unsigned> fanotifyFlags(pid_t pid)
-{
+// The fanotify groups the process holds: the "fanotify flags:" value of
+// each, and how many inode marks they hold in all.
+struct FanotifyGroups {
     std::vector<unsigned> flags;
+    size_t inodeMarks = 0;
+};
+FanotifyGroups fanotifyGroups(pid_t pid)
+{
+    FanotifyGroups groups;
     const std::string proc = "/proc/" + std::to_string(pid);
     for (const fs::directory_entry& fd : fs::directory_iterator(proc + "/fd")) {
-        std::error_code error;
-        if (fs::read_symlink(fd.path(), error) != "anon_inode:[fanotify]")
-            continue;
         std::ifstream info(proc + "/fdinfo/" + fd.path().filename().string());
-        for (std::string line; std::getline(info, line);)
+        for (std::string line; std::getline(info, line);) {
+            groups.inodeMarks += line.starts_with("fanotify ino:");
             if (line.starts_with("fanotify flags:"))
-                flags.push_back(std::stoul(line.substr(15), nullptr, 16));
+                groups.flags.push_back(std::stoul(line.substr(15), nullptr, 16));
+        }
     }
-    return flags;
-}
-
-// Each action below causes exactly one reported event, and the names travel
-// whole whatever their bytes. The agent scans the deepest folder that has a
-// path instead of one that has none; a name that makes a path longer than
-// PATH_MAX is no obstacle, as the agent opens files folder by folder.
-TEST(Gfslogger, ReportsEachEventOnceWithWholeNames)
-{
-    TempFolder folder;
-    TempFolder elsewhere;
-    for (const char* made : {"in/swap-a", "in/swap-folder", "out/folder", "out/swap-b"})
-        fs::create_directories(folder / made);
-    fs::create_directories(elsewhere / "made");
-    for (const char* made : {"out/file", "in/old", "in/unreadable", "in/swap-file"})
-        writeFile(folder / made);
-    ::chmod((folder / "in/unreadable").c_str(), 0);
-    const DeepFolder deep(folder / "in/deep");
-    const std::string longName(255, 'f');
-    HelperRun helper({kHelper}, {{folder.path(), true}, {elsewhere.path(), true}});
-    ASSERT_TRUE(helper.waitUntilWatching(folder / "probe"));
-
-    ASSERT_EQ(::mknod((folder / "in/created").c_str(), S_IFREG | 0644, 0), 0);
-    // The kernel merges two events on one file while the first is unread.
-    ASSERT_TRUE(helper.waitFor({folder / "in/created"}));
-    writeFile(folder / "in/created", "written");
-    fs::rename(folder / "in/old", folder / "in/renamed");
-    fs::rename(folder / "out/file", folder / "in/file");
-    fs::rename(folder / "out/folder", folder / "in/folder");
-    fs::rename(elsewhere / "made", folder / "in/made");
-    for (const char* name : {"in/two\nlines", "in/latin-\xe9"})
-        ASSERT_EQ(::mknod((folder / name).c_str(), S_IFREG | 0644, 0), 0);
-    ::chmod((folder / "in/unreadable").c_str(), 0644);
-    // Swapped places: both sides land somewhere new.
-    for (const auto& [one, other] : {std::pair{"in/swap-a", "out/swap-b"}, {"in/swap-folder", "in/swap-file"}})
-        ASSERT_EQ(::renameat2(AT_FDCWD, (folder / one).c_str(), AT_FDCWD, (folder / other).c_str(), RENAME_EXCHANGE), 0);
-    ASSERT_EQ(::mknodat(deep.deepest.get(), "file", S_IFREG | 0644, 0), 0);
-    ASSERT_EQ(::mknodat(deep.named.get(), longName.c_str(), S_IFREG | 0644, 0), 0);
-    // Reported by none: a new folder, a folder's attributes, reading, and
-    // what happens outside.
-    fs::create_directories(folder / "in/new-folder");
-    ::chmod((folder / "in/new-folder").c_str(), 0700);
-    std::ifstream(folder / "in/renamed").get();
-    ASSERT_EQ(::mknod((folder / "end").c_str(), S_IFREG | 0644, 0), 0);
-    ASSERT_TRUE(helper.waitFor({folder / "end"}));
-
-    const std::string in = folder / "in/";
-    const std::vector<HelperRun::Event> expected = {
-        {in + "created"},
-        {in + "created"},
-        {in + "renamed"},
-        {in + "file"},
-        {kArrived, folder / "out/folder", in + "folder"},
-        {kArrived, elsewhere / "made", in + "made"},
-        {in + "two\nlines"},
-        {in + "latin-\xe9"},
-        {in + "unreadable"},
-        {kArrived, in + "swap-a", folder / "out/swap-b"},
-        {kArrived, folder / "out/swap-b", in + "swap-a"},
-        {kArrived, in + "swap-folder", in + "swap-file"},
-        {in + "swap-folder"},
-        {kUnresolved, "its folder's path is 4096 bytes or longer", deep.namedPath},
-        {deep.namedPath + "/" + longName},
-    };
-    EXPECT_EQ(helper.eventsWith(in), expected);
+    return groups;
 }
 
 // What is watched: the listed folders and every folder below those listed
@@ -386,7 +301,7 @@ TEST(Gfslogger, MarksNoMoreFoldersThanItsBound)
                                 " and deeper ones are not watched\n"},
                                20000));
     EXPECT_TRUE(helper.waitUntilWatching(folder / "probe"));
-    EXPECT_EQ(inodeMarks(helper.child().pid()), kv::gfs::FolderMarks::kMostFolders);
+    EXPECT_EQ(fanotifyGroups(helper.child().pid()).inodeMarks, kv::gfs::FolderMarks::kMostFolders);
 }
 
 // A helper that does not read (stopped here, as any user may stop their own
@@ -462,7 +377,6 @@ TEST(Gfslogger, RightsDecideWhetherItWatchesAndHowItEnds)
         {"set-user-ID root on a nosuid mount", true, true, true, false, kv::gfs::kCannotWatch},
 #endif
     };
-    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         TempFolder folder;
@@ -499,7 +413,7 @@ TEST(Gfslogger, RightsDecideWhetherItWatchesAndHowItEnds)
         const pid_t pid = helper.child().pid();
         EXPECT_EQ(statusField(pid, "CapEff"), "0000000000000000");
         EXPECT_EQ(statusField(pid, "CapPrm"), "0000000000200004");
-        const std::vector<unsigned> flags = fanotifyFlags(pid);
+        const std::vector<unsigned> flags = fanotifyGroups(pid).flags;
         EXPECT_EQ(flags.size(), 2u);
         for (unsigned flag : flags)
             EXPECT_EQ(flag & 0x30u, 0u) << "unlimited queue or marks: " << std::hex << flag;

@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -46,102 +47,51 @@ std::string records(std::initializer_list<std::string> items)
     return text;
 }
 
-struct FilterCase {
-    const char* name;
-    std::vector<std::pair<std::string, bool>> watched;  // path and subdirectory flag
-    std::string quarantine;
-    std::vector<std::string> chunks;
-    std::vector<std::string> queued;
-};
-
+// What reaches the scan queue from the helper's records, watching W with its
+// subfolders, V alone and V/sub with its subfolders (any entry that admits a
+// path takes it), quarantining into W/Q: each watched path once,
+// none from a Trash or the quarantine folder, records whole however the
+// reads cut them, the helper's own messages logged once however often it
+// repeats them. Files that raised no events of their own are found by
+// walking: every watched folder after the kernel lost events, a folder moved
+// in from where its files were not watched. (The folder above a file the
+// helper could not name, deeper than PATH_MAX, is e2e.arrivals' case.)
 TEST(EventFilter, HandsTheQueueEachWatchedPathOnce)
 {
-    const std::vector<FilterCase> cases = {
-        {"flag false: only the folder's own objects", {{"@/W/", false}}, "", {records({"@/W/a.txt", "@/W/sub/a.txt"})},
-         {"@/W/a.txt"}},
-        {"flag true: the whole tree", {{"@/W/", true}}, "", {records({"@/W/a.txt", "@/W/sub/a.txt"})},
-         {"@/W/a.txt", "@/W/sub/a.txt"}},
-        {"nothing from a Trash", {{"@/", true}}, "",
-         {records({"@/data/Trash/files/a.txt", "@/home/.Trash/b.txt", "@/home/c.txt"})}, {"@/home/c.txt"}},
-        {"quarantine is a text prefix", {{"@/", true}}, "@/Q", {records({"@/Q/a.txt", "@/Q2/a.txt", "@/R/a.txt"})},
-         {"@/R/a.txt"}},
-        {"no resource forks", {{"@/W/", true}}, "", {records({"@/W/a.txt/..namedfork/rsrc"})}, {}},
-        {"first taker wins, once", {{"@/W/", false}, {"@/W/sub/", true}, {"@/W/", true}}, "",
-         {records({"@/W/a.txt", "@/W/sub/a.txt"})}, {"@/W/a.txt", "@/W/sub/a.txt"}},
-        {"/Wx is not in /W/", {{"@/W/", true}}, "", {records({"@/Wx/a.txt"})}, {}},
-        {"any bytes: line breaks, returns, Latin-1", {{"@/W/", true}}, "",
-         {records({"@/W/a\n@/W/b.txt: E FOUND", "@/W/evil\r", "@/W/\xe9t\xe9.txt", "@/W/b.txt"})},
-         {"@/W/a\n@/W/b.txt: E FOUND", "@/W/evil\r", "@/W/\xe9t\xe9.txt", "@/W/b.txt"}},
-        {"a record split between reads waits for its end", {{"@/W/", false}}, "",
-         {"@/W/a.t", records({"xt", "@/W/b.txt"}) + "@/W/c", records({".txt"})},
-         {"@/W/a.txt", "@/W/b.txt", "@/W/c.txt"}},
-        {"the helper's own messages are no paths", {{"@/", true}}, "",
-         {records({"gfslogger: cannot watch @/W: No such device\n", "@/W/a.txt"})}, {"@/W/a.txt"}},
-    };
-    kvtest::TempDir folder;
-    kvtest::ScopedEnv home("HOME", folder / "home");
-    kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "data");
-
-    for (const FilterCase& c : cases) {
-        std::vector<std::string> watched;
-        std::map<std::string, bool> checkSubDirs;
-        for (const auto& [path, flag] : c.watched) {
-            watched.push_back(at(path, folder.path()));
-            checkSubDirs[at(path, folder.path())] = flag;
-        }
-        const std::string quarantine = c.quarantine.empty() ? "" : at(c.quarantine, folder.path());
-        std::set<std::string> queued;
-        for (const std::string& line : c.queued) {
-            queued.insert(at(line, folder.path()));
-            fs::create_directories(fs::path(at(line, folder.path())).parent_path());
-            kvtest::writeFile(at(line, folder.path()), "x");
-        }
-        kv::Dispatcher queue{[] {}};
-        kv::FSEventWatcher watcher(queue);
-        watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, quarantine));
-
-        for (const std::string& chunk : c.chunks)
-            watcher.taskDataAvailable(at(chunk, folder.path()));
-
-        EXPECT_EQ(queue.lengthOfBothItemLists(), static_cast<int32_t>(queued.size())) << c.name;
-        queue.runOneCycle();
-        EXPECT_EQ(queue.snapshotOfScannableList(), queued) << c.name;
-    }
-}
-
-// Files that raised no events of their own are found by walking: every
-// watched folder after the kernel lost events, a folder moved in from where
-// its files were not watched. (The folder above a file the helper could not
-// name, deeper than PATH_MAX, is e2e.arrivals' case.) The helper's reasons
-// are logged once however often it repeats them.
-TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
-{
-    kvtest::TempDir folder;
-    kvtest::ScopedEnv home("HOME", folder / "home");
-    kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "W/data");
-    const std::vector<std::string> watched = {folder / "W/", folder / "V/"};
-    const std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}};
-
-    struct WalkCase {
+    struct Case {
         const char* name;
-        std::vector<std::string> files;  // made before the records arrive
-        std::string chunk;
+        std::vector<std::string> files;   // made first, under the test's folder
+        std::vector<std::string> chunks;  // the helper's output, one read each; "@" is the test's folder
         std::set<std::string> queued;
     };
-    const std::vector<WalkCase> cases = {
+    const std::vector<Case> cases = {
+        {"nothing from a Trash", {"W/data/Trash/files/a", "W/home/.Trash/b", "W/c"},
+         {records({"@/W/data/Trash/files/a", "@/W/home/.Trash/b", "@/W/c"})}, {"W/c"}},
+        {"nothing from the quarantine folder, a text prefix", {"W/Q/a", "W/Q2/a"}, {records({"@/W/Q/a", "@/W/Q2/a"})}, {}},
+        {"no resource forks", {}, {records({"@/W/a.txt/..namedfork/rsrc"})}, {}},
+        {"V alone, V/sub whole", {"V/a", "V/sub/deep/a", "V/x/a"}, {records({"@/V/a", "@/V/sub/deep/a", "@/V/x/a"})},
+         {"V/a", "V/sub/deep/a"}},
+        {"a record split between reads waits for its end", {"V/a.txt", "V/b.txt", "V/c.txt"},
+         {"@/V/a.t", records({"xt", "@/V/b.txt"}) + "@/V/c", records({".txt"})}, {"V/a.txt", "V/b.txt", "V/c.txt"}},
         {"lost events: every admitted file",
          {"W/a", "W/sub/deep/b", "W/Q/quarantined", "W/data/Trash/files/c", "V/d", "V/sub/e", "outside"},
-         records({"gfslogger: cannot watch /x: Operation not permitted\n", "!queue-overflowed",
-                  "gfslogger: cannot watch /x: Operation not permitted\n"}),
-         {"W/a", "W/sub/deep/b", "V/d"}},
+         {records({"gfslogger: cannot watch /x: Operation not permitted\n", "!queue-overflowed",
+                   "gfslogger: cannot watch /x: Operation not permitted\n"})},
+         {"W/a", "W/sub/deep/b", "V/d", "V/sub/e"}},
         {"a folder moved in from outside", {"W/in/f", "W/in/sub/g", "V/in/h"},
-         records({"!folder-arrived", "@/elsewhere/in", "@/W/in", "!folder-arrived", "", "@/V/in"}), {"W/in/f", "W/in/sub/g"}},
+         {records({"!folder-arrived", "@/elsewhere/in", "@/W/in", "!folder-arrived", "", "@/V/in"})},
+         {"W/in/f", "W/in/sub/g"}},
         {"a folder moved within the watched tree, walked all the same", {"W/moved/f"},
-         records({"!folder-arrived", "@/W/before", "@/W/moved"}), {"W/moved/f"}},
-        {"a folder moved out of the quarantine folder", {"W/out/f"},
-         records({"!folder-arrived", "@/W/Q/out", "@/W/out"}), {"W/out/f"}},
+         {records({"!folder-arrived", "@/W/before", "@/W/moved"})}, {"W/moved/f"}},
+        {"a folder moved out of the quarantine folder", {"W/out/f"}, {records({"!folder-arrived", "@/W/Q/out", "@/W/out"})},
+         {"W/out/f"}},
     };
-    for (const WalkCase& c : cases) {
+    kvtest::TempDir folder;
+    kvtest::ScopedEnv home("HOME", folder / "W/home");
+    kvtest::ScopedEnv data("XDG_DATA_HOME", folder / "W/data");
+    const std::vector<std::string> watched = {folder / "W/", folder / "V/", folder / "V/sub/"};
+    const std::map<std::string, bool> checkSubDirs = {{watched[0], true}, {watched[1], false}, {watched[2], true}};
+    for (const Case& c : cases) {
         kvtest::LogCapture log;
         std::set<std::string> queued;
         for (const std::string& file : c.files)
@@ -151,15 +101,16 @@ TEST(EventFilter, FilesWithoutEventsAreFoundByWalking)
         kv::Dispatcher queue{[] {}};
         kv::FSEventWatcher watcher(queue);
         watcher.setWatchList(std::make_shared<const kv::WatchList>(watched, checkSubDirs, folder / "W/Q"));
-        watcher.taskDataAvailable(at(c.chunk, folder.path()));
+        for (const std::string& chunk : c.chunks)
+            watcher.taskDataAvailable(at(chunk, folder.path()));
         ASSERT_TRUE(kvtest::waitFor([&] { return !watcher.isWalkingFolders(); }, 10000)) << c.name;
+        EXPECT_EQ(queue.lengthOfBothItemLists(), static_cast<int32_t>(queued.size())) << c.name;
         queue.runOneCycle();
         EXPECT_EQ(queue.snapshotOfScannableList(), queued) << c.name;
         EXPECT_LE(log.count("gfslogger: cannot watch /x"), 1u) << c.name;
         for (const std::string& file : c.files)
             fs::remove(folder / file);
     }
-
 }
 
 // Walks asked for at instants of a clock the test keeps, taken as the
@@ -424,88 +375,50 @@ TEST_F(Intake, HelperThatCannotWatchIsHeardOnce)
     EXPECT_FALSE(exitStatus_.has_value());
 }
 
-struct ControlCase {
-    const char* name;
-    std::function<void(const std::string& root)> change;  // spoils the installed layout
-    std::string reason;                                   // the start of the refusal, after the root folder
-};
-
-TEST(RootControlled, OnlyARootOwnedFileInRootOwnedFoldersPasses)
-{
-    const std::vector<ControlCase> cases = {
-        {"as installed", [](const std::string&) {}, ""},
-        {"folder others may write", [](const std::string& root) { ::chmod((root + "/share").c_str(), 0777); },
-         "/share may be written by users other than root"},
-        {"folder of another user", [](const std::string& root) { (void)!::chown((root + "/share").c_str(), 65534, 0); },
-         "/share does not belong to root"},
-        {"file the group may write", [](const std::string& root) { ::chmod((root + "/share/gfslogger").c_str(), 0775); },
-         "/share/gfslogger may be written by users other than root"},
-        {"file of another user", [](const std::string& root) { (void)!::chown((root + "/share/gfslogger").c_str(), 65534, 0); },
-         "/share/gfslogger does not belong to root"},
-        {"file is a link",
-         [](const std::string& root) {
-             fs::rename(root + "/share/gfslogger", root + "/real");
-             fs::create_symlink(root + "/real", root + "/share/gfslogger");
-         },
-         "/share/gfslogger is a symbolic link"},
-        {"folder is a link",
-         [](const std::string& root) {
-             fs::rename(root + "/share", root + "/elsewhere");
-             fs::create_directory_symlink(root + "/elsewhere", root + "/share");
-         },
-         "/share is a symbolic link"},
-    };
-    for (const ControlCase& c : cases) {
-        const kvtest::TempDir folder("/", "kv-root-controlled.");
-        const std::string& root = folder.path();
-        ::chmod(root.c_str(), 0755);
-        kvtest::writeFile(root + "/share/gfslogger", "#!/bin/sh\n", 0755);
-        ::chmod((root + "/share").c_str(), 0755);
-        c.change(root);
-        const std::string why = kv::whyNotRootControlled(root + "/share/gfslogger");
-        if (c.reason.empty())
-            EXPECT_EQ(why, "") << c.name;
-        else
-            EXPECT_TRUE(why.starts_with(root + c.reason)) << c.name << ": " << why;
-    }
-    EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
-    EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
-    EXPECT_EQ(kv::whyNotRootControlled("/usr/../tmp/x"), "/usr/../tmp/x is not a plain path");
-    EXPECT_EQ(kv::whyNotRootControlled("/dev/null"), "/dev/null is not a plain file") << "never opened";
-}
-
-struct InstallerCase {
-    const char* name;
-    std::function<void(const std::string& root)> change;  // spoils the installation
-    std::vector<std::string> arguments;
-    std::vector<std::string> asUser;  // empty: as root
-    int status;
-};
-
-// The real installer, as pkexec runs it, on an installation of its own.
+// Only a file root alone controls may be made set-user-ID root: root's, in
+// folders of root's from "/" down, none writable by others nor a link, with
+// one name. The real installer, run as pkexec runs it on an installation of
+// its own, makes its installation's helper so when it is such a file, and
+// nothing else ever.
 TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
 {
     const std::string helper = "/share/korvane-velgar/gfslogger";
-    const std::vector<InstallerCase> cases = {
-        {"as installed", [](const std::string&) {}, {}, {}, 0},
-        {"helper in a folder others may write",
-         [](const std::string& root) { ::chmod((root + "/share/korvane-velgar").c_str(), 0777); }, {}, {}, 1},
-        {"helper of another user",
-         [&](const std::string& root) { (void)!::chown((root + helper).c_str(), 65534, 65534); }, {}, {}, 1},
-        {"helper is a link to a root-owned file",
-         [&](const std::string& root) {
-             fs::rename(root + helper, root + "/real");
-             fs::create_symlink(root + "/real", root + helper);
-         },
-         {}, {}, 1},
-        {"helper with a second name",
-         [&](const std::string& root) { EXPECT_EQ(::link((root + helper).c_str(), (root + "/second").c_str()), 0); }, {},
-         {}, 1},
-        {"a path given", [](const std::string&) {}, {"/etc/shadow"}, {}, 2},
-        {"run by an ordinary user", [](const std::string&) {}, {}, kvtest::asUser("nobody"), 2},
+    using Change = std::function<void(const std::string& root)>;
+    const auto chmodAt = [](std::string path, mode_t mode) -> Change {
+        return [=](const std::string& root) { ::chmod((root + path).c_str(), mode); };
     };
-    ASSERT_EQ(kvtest::sanitizerObstacleFor("nobody"), "");
-    for (const InstallerCase& c : cases) {
+    const auto chownAt = [](std::string path) -> Change {
+        return [=](const std::string& root) { (void)!::chown((root + path).c_str(), 65534, 0); };
+    };
+    const auto linkAt = [](std::string path) -> Change {
+        return [=](const std::string& root) {
+            fs::rename(root + path, root + "/real");
+            fs::create_symlink(root + "/real", root + path);
+        };
+    };
+    struct Case {
+        const char* name;
+        Change change;                 // spoils the installation
+        std::string reason;            // the start of the refusal, after the root folder
+        std::vector<std::string> run;  // how the installer ("@") is run
+        int status;
+    };
+    const std::vector<Case> cases = {
+        {"as installed", {}, "", {"@"}, 0},
+        {"folder others may write", chmodAt("/share/korvane-velgar", 0777),
+         "/share/korvane-velgar may be written by users other than root", {"@"}, 1},
+        {"folder of another user", chownAt("/share"), "/share does not belong to root", {"@"}, 1},
+        {"helper the group may write", chmodAt(helper, 0775), helper + " may be written by users other than root", {"@"}, 1},
+        {"helper of another user", chownAt(helper), helper + " does not belong to root", {"@"}, 1},
+        {"helper is a link", linkAt(helper), helper + " is a symbolic link", {"@"}, 1},
+        {"folder is a link", linkAt("/share"), "/share is a symbolic link", {"@"}, 1},
+        {"helper with a second name",
+         [&](const std::string& root) { EXPECT_EQ(::link((root + helper).c_str(), (root + "/second").c_str()), 0); },
+         helper + " has other names", {"@"}, 1},
+        {"a path given", {}, "", {"@", "/etc/shadow"}, 2},
+        {"run by an ordinary user", {}, "", {"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "@"}, 2},
+    };
+    for (const Case& c : cases) {
         const kvtest::TempDir folder("/", "kv-installer-test.");
         const std::string& root = folder.path();
         ::chmod(root.c_str(), 0755);
@@ -515,11 +428,13 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
         fs::create_directories(root + "/libexec/korvane-velgar");
         const std::string installer = root + "/libexec/korvane-velgar/install-gfslogger";
         fs::copy_file(KV_TEST_INSTALLER, installer);
-        c.change(root);
+        if (c.change)
+            c.change(root);
 
-        std::vector<std::string> argv = c.asUser;
-        argv.push_back(installer);
-        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        const std::string why = kv::whyNotRootControlled(root + helper);
+        EXPECT_TRUE(c.reason.empty() ? why.empty() : why.starts_with(root + c.reason)) << c.name << ": " << why;
+        std::vector<std::string> argv = c.run;
+        std::replace(argv.begin(), argv.end(), std::string("@"), installer);
         EXPECT_EQ(kv::runAndWait(argv), c.status) << c.name;
         std::vector<std::string> setUserId;
         for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
@@ -529,6 +444,10 @@ TEST(HelperInstaller, MakesOnlyItsOwnRootControlledHelperSetUserIdRoot)
         }
         EXPECT_EQ(setUserId, c.status == 0 ? std::vector<std::string>{helper} : std::vector<std::string>{}) << c.name;
     }
+    EXPECT_EQ(kv::whyNotRootControlled("/tmp"), "/tmp is not a plain file") << "folders from / down are checked first";
+    EXPECT_TRUE(kv::whyNotRootControlled("/tmp/x").starts_with("/tmp may be written"));
+    EXPECT_EQ(kv::whyNotRootControlled("/usr/../tmp/x"), "/usr/../tmp/x is not a plain path");
+    EXPECT_EQ(kv::whyNotRootControlled("/dev/null"), "/dev/null is not a plain file") << "never opened";
 }
 
 } // namespace

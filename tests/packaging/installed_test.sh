@@ -31,8 +31,7 @@ echo "== The installed agent launches clamd, finds an infected file and quits"
 default_setup
 start_agent
 logged "clamd launched successfully.  Continuing..." || fail "the installed agent did not launch clamd"
-write_eicar "$watched/infected.com"
-expect_logged 60 "$watched/infected.com$finding"
+finds "$watched/infected.com"
 quit_agent
 wait_for 15 daemon_gone || fail "the clamd the installed agent launched still runs"
 

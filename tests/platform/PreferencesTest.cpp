@@ -1,5 +1,5 @@
-// The shared preferences: the boolean rule, the domain search order,
-// files that are not what they should be, and places a load refuses.
+// The shared preferences: the boolean rule, the domain search order, and
+// places a load refuses. (Files that are not JSON objects: e2e.faults.)
 
 #include "platform/Preferences.h"
 #include "platform/Settings.h"
@@ -51,22 +51,6 @@ TEST(Preferences, OwnDomainFirstThenSuitesAndFreshAtEverySync)
     EXPECT_EQ(preferences.string("A"), "own") << "nothing changes before the next synchronise";
     preferences.synchronize();
     EXPECT_EQ(preferences.string("A"), "changed");
-}
-
-TEST(Preferences, GarbageFileCountsAsEmptyAndIsLoggedOncePerLoad)
-{
-    kvtest::TempDir folder;
-    kv::JsonPreferences preferences("own", folder.path());
-    preferences.addSuite("suite");
-    kvtest::writeFile(folder / "own.json", "{\"A\": tru");
-    kvtest::writeFile(folder / "suite.json", "[1, 2]");
-    kvtest::LogCapture log;
-    preferences.synchronize();
-    EXPECT_EQ(log.count((folder / "own.json") + " could not be read"), 1u);
-    EXPECT_EQ(log.count("holds no JSON object"), 1u);
-    EXPECT_EQ(preferences.object("A"), std::nullopt);
-    preferences.synchronize();
-    EXPECT_EQ(log.count((folder / "own.json") + " could not be read"), 2u);
 }
 
 // Infected files moved where another user could reach them could be swapped

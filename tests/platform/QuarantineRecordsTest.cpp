@@ -178,6 +178,7 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
         fs::remove(s.stored);
         fs::create_symlink(s.root / "elsewhere", s.stored);
     };
+    const kvtest::TempDir shm("/dev/shm");
     const std::vector<ActionCase> cases = {
         {"restore", Action::Restore, [](Scene&) {}, ""},
         {"restore never over an existing file", Action::Restore,
@@ -197,13 +198,22 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
          [](Scene& s) { ::chmod((s.root / "data/Trash/files").c_str(), 0777); }, "is not the user's alone"},
         {"restore of a replaced file", Action::Restore, replaceStored, "no longer the file"},
         {"restore of a file replaced by a link", Action::Restore, linkStored, "no longer the file"},
+        // Copied into a new file there, the stored one removed after.
+        {"restore to another file system", Action::Restore,
+         [&](Scene& s) {
+             struct stat here{}, there{};
+             ASSERT_TRUE(::stat(s.root.path().c_str(), &here) == 0 && ::stat(shm.path().c_str(), &there) == 0);
+             ASSERT_NE(here.st_dev, there.st_dev) << "/dev/shm must be a file system of its own";
+             s.original = s.record.originalPath = shm / "eicar.com";
+         },
+         ""},
         {"delete", Action::Remove, [](Scene&) {}, ""},
         {"delete of a replaced file", Action::Remove, replaceStored, "no longer the file"},
         {"delete of a file replaced by a link", Action::Remove, linkStored, "no longer the file"},
         {"delete of a file already gone", Action::Remove, [](Scene& s) { fs::remove(s.stored); }, "is gone"},
     };
     for (const ActionCase& c : cases) {
-        Scene scene(04750);
+        Scene scene(06750);
         c.arrange(scene);
         const std::map<std::string, std::string> before = kvtest::snapshotFiles(scene.root.path());
         const bool linkBefore = isLink(scene.original) || isLink(scene.stored);
@@ -225,33 +235,11 @@ TEST(QuarantineRecords, RestoreAndDeleteActOnlyOnTheRecordedFile)
             EXPECT_EQ(kvtest::readFile(scene.original), "infected\n") << c.name;
             struct stat info{};
             ASSERT_EQ(::lstat(scene.original.c_str(), &info), 0);
-            EXPECT_EQ(info.st_mode & 07777, 0750u) << c.name << ": the mode without set-user-ID";
+            EXPECT_EQ(info.st_mode & 07777, 0750u) << c.name << ": the mode without set-user-ID or set-group-ID";
         } else {
             EXPECT_FALSE(kvtest::exists(scene.original)) << c.name;
         }
     }
-}
-
-// Back to another file system, the file is copied into a new file and the
-// stored one removed; a file that appears meanwhile is never replaced.
-TEST(QuarantineRecords, RestoreToAnotherFileSystem)
-{
-    kvtest::TempDir other("/dev/shm");
-    struct stat here{}, there{};
-    Scene scene(02755);
-    ASSERT_EQ(::stat(scene.root.path().c_str(), &here), 0);
-    ASSERT_EQ(::stat(other.path().c_str(), &there), 0);
-    ASSERT_NE(here.st_dev, there.st_dev) << "/dev/shm must be a file system of its own";
-
-    scene.record.originalPath = other / "eicar.com";
-    std::string error;
-    ASSERT_TRUE(scene.records.restore(scene.record, &error)) << error;
-    EXPECT_EQ(kvtest::readFile(other / "eicar.com"), "infected\n");
-    struct stat info{};
-    ASSERT_EQ(::lstat((other / "eicar.com").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0755u);
-    EXPECT_FALSE(kvtest::exists(scene.stored));
-    EXPECT_FALSE(kvtest::exists(scene.trashInfo));
 }
 
 // Move to Trash from a warning window: a neighbour's shared folder holds the

@@ -71,20 +71,6 @@ protected:
 
 using DispatcherIntake = DispatcherFixture;
 
-TEST_F(DispatcherIntake, ThreeArrivalsAreCountedThreeTimesButPendOnce)
-{
-    const std::string empty = file(folder, "empty", 0);
-    queue.addStringToItemList(empty);
-    Batch twice{empty, empty};
-    queue.addToItemList(twice);
-    EXPECT_TRUE(twice.empty());
-    EXPECT_EQ(queue.lengthOfBothItemLists(), 3);
-
-    runCycles(1);
-    EXPECT_EQ(queue.snapshotOfMyItemList().size(), 1u);
-    EXPECT_EQ(queue.lengthOfBothItemLists(), 1);
-}
-
 TEST_F(DispatcherIntake, LaterArrivalChangesNothingUntilAScannerTookThePath)
 {
     struct Case {
@@ -139,6 +125,10 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
     using Step = std::function<void(const std::string&)>;
     const Step remove = [](const std::string& path) { ::unlink(path.c_str()); };
     const Step grow = [](const std::string& path) { append(path, 3); };
+    const auto link = [&](const std::string& name, const std::string& to) {
+        EXPECT_EQ(::symlink(to.c_str(), (folder / name).c_str()), 0);
+        return folder / name;
+    };
     struct Case {
         const char* name;
         std::function<std::string()> make;
@@ -150,13 +140,7 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
         {"growing file waits", [&] { return file(folder, "growing", 5); }, {grow}, {"8", "ready"}},
         {"empty file never ready", [&] { return file(folder, "empty", 0); }, {}, {"0", "0", "0"}},
         {"file filled later", [&] { return file(folder, "filled", 0); }, {nullptr, grow}, {"0", "3", "ready"}},
-        {"deleted before its first measurement",
-         [&] {
-             const std::string path = file(folder, "early", 5);
-             remove(path);
-             return path;
-         },
-         {},
+        {"deleted before its first measurement", [&] { return remove(file(folder, "early", 5)), folder / "early"; }, {},
          {"gone"}},
         {"deleted after its first measurement", [&] { return file(folder, "first", 5); }, {remove}, {"gone"}},
         {"deleted after it was marked ready in a first pass", [&] { return file(folder, "marked", 5); },
@@ -167,20 +151,9 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
           }},
          {"8", "gone"}},
         {"folder is dropped", [&] { return folder.path(); }, {}, {"gone"}},
-        {"link is measured by its target",
-         [&] {
-             EXPECT_EQ(::symlink(file(folder, "target", 5).c_str(), (folder.path() + "/link").c_str()), 0);
-             return folder.path() + "/link";
-         },
-         {[&](const std::string&) { append(folder.path() + "/target", 3); }},
-         {"8", "ready"}},
-        {"dangling link does not exist",
-         [&] {
-             EXPECT_EQ(::symlink((folder.path() + "/nowhere").c_str(), (folder.path() + "/dangling").c_str()), 0);
-             return folder.path() + "/dangling";
-         },
-         {},
-         {"gone"}},
+        {"link is measured by its target", [&] { return link("link", file(folder, "target", 5)); },
+         {[&](const std::string&) { append(folder / "target", 3); }}, {"8", "ready"}},
+        {"dangling link does not exist", [&] { return link("dangling", folder / "nowhere"); }, {}, {"gone"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -194,19 +167,6 @@ TEST_F(DispatcherReadiness, PathSettlesOnlyWhenANonZeroSizeHoldsStill)
         }
         queue.abortScans();
     }
-}
-
-TEST_F(DispatcherReadiness, MountPointUnderAVolumeRootIsHandedOverWhole)
-{
-    // A folder directly under /mnt is where volumes are mounted (the tests
-    // run as root, who may make one).
-    const kvtest::TempDir mountPoint("/mnt");
-    file(mountPoint, "content", 5);
-    queue.addStringToItemList(mountPoint.path());
-    runCycles(1);
-    Batch batch;
-    queue.copyFromDispatchToScanner(batch);
-    EXPECT_EQ(batch, Batch{mountPoint.path()});
 }
 
 // --- Hand-off -------------------------------------------------------------

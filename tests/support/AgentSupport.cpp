@@ -28,45 +28,33 @@ kv::ControllerParts RecordingAgent::parts()
     return parts;
 }
 
-EnginePrefix* AgentTest::engine_ = nullptr;
+kv::KorvaneVelgar& RecordingAgent::makeController(const std::function<void(kv::ControllerParts&)>& adjust)
+{
+    kv::ControllerParts made = parts();
+    made.dispatcherPause = [] {};
+    if (adjust)
+        adjust(made);
+    scanner.reset();
+    controller = std::make_unique<kv::KorvaneVelgar>(made);
+    return *controller;
+}
+
+kv::KorvaneVelgar& RecordingAgent::startWatching(const std::string& enginePrefix)
+{
+    kv::KorvaneVelgar& started = makeController();
+    started.startWatcher(false);
+    EXPECT_TRUE(started.isWatching());
+    scanner = std::make_unique<TestScanner>(started);
+    preferences.synchronize();
+    scanner->configure(kv::Settings::load(preferences), enginePrefix, home.path() + "/");
+    return started;
+}
 
 void AgentTest::SetUpTestSuite()
 {
-    engine_ = new EnginePrefix;
-    // Not ASSERT: a fatal failure here would skip every test of the suite,
-    // and a skipped test says nothing. Each test fails without its engine.
-    EXPECT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
+    EngineSuite::SetUpTestSuite();
     // The controller hands work to the main thread through Qt's event loop.
     processEventsUntil([] { return true; });
-}
-
-void AgentTest::TearDownTestSuite()
-{
-    delete engine_;
-    engine_ = nullptr;
-}
-
-kv::KorvaneVelgar& AgentTest::makeController(const std::function<void(kv::ControllerParts&)>& adjust)
-{
-    kv::ControllerParts parts = agent_.parts();
-    parts.dispatcherPause = [] {};
-    if (adjust)
-        adjust(parts);
-    scanner_.reset();
-    controller_ = std::make_unique<kv::KorvaneVelgar>(parts);
-    return *controller_;
-}
-
-kv::KorvaneVelgar& AgentTest::startWatching(const QJsonObject& preferences)
-{
-    preferences_.own = preferences;
-    kv::KorvaneVelgar& controller = makeController();
-    controller.startWatcher(false);
-    EXPECT_TRUE(controller.isWatching());
-    scanner_ = std::make_unique<TestScanner>(controller);
-    preferences_.synchronize();
-    scanner_->configure(kv::Settings::load(preferences_), engine_->path(), home_.path() + "/");
-    return controller;
 }
 
 } // namespace kvtest

@@ -16,27 +16,31 @@
 
 namespace kvtest {
 
+// Records the states the controller gives its menu.
 class RecordingStatusMenu : public kv::StatusMenu {
 public:
     void enableMenuItems(kv::MenuState state) override { states.push_back(state); }
-    void clearMenu() override { ++clears; entries.clear(); }
-    void setNumItemsToWatch(int count) override { expected = count; }
-    void addToMenu(const std::string& title, const std::string&) override { entries.push_back(title); }
-    void setReady() override { ++readyCalls; }
+    void clearMenu() override {}
+    void setNumItemsToWatch(int) override {}
+    void addToMenu(const std::string&, const std::string&) override {}
+    void setReady() override {}
     std::vector<kv::MenuState> states;
-    std::vector<std::string> entries;
-    int clears = 0;
-    int expected = -1;
-    int readyCalls = 0;
 };
 
 // What a controller test stands on: a private home with its XDG folders,
 // preferences naming the engine prefix, and the recording fakes behind every
-// platform interface. parts() hands them to a controller that keeps its
-// output on the test's streams and records its exit status instead of ending.
+// platform interface. The controllers made here keep their output on the
+// test's streams and record their exit status instead of ending.
 struct RecordingAgent {
     explicit RecordingAgent(const std::string& enginePrefix);
     kv::ControllerParts parts();
+    // A new controller with a queue that never pauses; adjust() changes its
+    // parts first.
+    kv::KorvaneVelgar& makeController(const std::function<void(kv::ControllerParts&)>& adjust = {});
+    // A new controller watching (its workers not started), and a scanner of
+    // the test's own on it as its host, with the parameters the start loaded.
+    kv::KorvaneVelgar& startWatching(const std::string& enginePrefix);
+    std::string scan(const std::vector<std::string>& paths) { return scanner->scan(paths); }
 
     TempDir home;
     ScopedEnv runtime{"XDG_RUNTIME_DIR", home.path()};
@@ -51,34 +55,36 @@ struct RecordingAgent {
     RecordingStatusMenu menu;
     RecordingAlerts alerts;
     std::optional<int> exitStatus;
+    std::unique_ptr<kv::KorvaneVelgar> controller;
+    std::unique_ptr<TestScanner> scanner;
 };
 
-// The controller tests: one clamd from Debian for the whole suite (started
-// once, it is the slowest part), and a RecordingAgent on it for each test.
-class AgentTest : public ::testing::Test {
+// The controller tests: the suite's clamd, and a RecordingAgent on it for
+// each test.
+class AgentTest : public EngineSuite {
 protected:
     static void SetUpTestSuite();
-    static void TearDownTestSuite();
 
-    // A new controller on the engine with a queue that never pauses;
-    // adjust() changes its parts first.
-    kv::KorvaneVelgar& makeController(const std::function<void(kv::ControllerParts&)>& adjust = {});
-    // A controller with these preferences of its own, watching (its workers
-    // not started), and a scanner of the test's own on it as its host, with
-    // the parameters the start loaded.
-    kv::KorvaneVelgar& startWatching(const QJsonObject& preferences = {});
-    std::string scan(const std::vector<std::string>& paths) { return scanner_->scan(paths); }
+    kv::KorvaneVelgar& makeController(const std::function<void(kv::ControllerParts&)>& adjust = {})
+    {
+        return agent_.makeController(adjust);
+    }
+    // With these preferences of its own.
+    kv::KorvaneVelgar& startWatching(const QJsonObject& preferences = {})
+    {
+        preferences_.own = preferences;
+        return agent_.startWatching(engine_->path());
+    }
+    std::string scan(const std::vector<std::string>& paths) { return agent_.scan(paths); }
 
-    static EnginePrefix* engine_;
     RecordingAgent agent_{engine_->path()};
     TempDir& home_ = agent_.home;
     FakePreferences& preferences_ = agent_.preferences;
     RecordingNotifier& notifier_ = agent_.notifier;
     RecordingPanels& panels_ = agent_.panels;
     RecordingAlerts& alerts_ = agent_.alerts;
+    std::unique_ptr<kv::KorvaneVelgar>& controller_ = agent_.controller;
     LogCapture log_;
-    std::unique_ptr<kv::KorvaneVelgar> controller_;
-    std::unique_ptr<TestScanner> scanner_;
 };
 
 } // namespace kvtest

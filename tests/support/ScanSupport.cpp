@@ -3,42 +3,37 @@
 #include "platform/Preferences.h"
 #include "platform/Settings.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
 namespace kvtest {
 
-bool RecordingAlerts::record(Shown shown)
+bool RecordingAlerts::record(std::string dialog)
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (!loads)
-        return false;
-    shown_.push_back(std::move(shown));
-    return true;
+    if (loads)
+        shown_.push_back(std::move(dialog));
+    return loads;
 }
 
-bool RecordingAlerts::showQuarantinedDialog(const std::string& owner, const std::string& folder)
-{
-    return record({"Quarantined", owner, folder, {}, {}});
-}
-
-bool RecordingAlerts::showWarningDialog(const std::string& owner, const std::string& line, const std::string& path)
+bool RecordingAlerts::showWarningDialog(const std::string&, const std::string&, const std::string&)
 {
     if (warningThrows)
         throw std::runtime_error(*warningThrows);
-    return record({"Warning", owner, line, {}, path});
+    return record("Warning");
 }
 
-bool RecordingAlerts::showEngineUnreachableDialog(const std::string& owner, const std::string& message,
-                                                  const std::string& quitTitle)
-{
-    return record({"EngineUnreachable", owner, message, quitTitle, {}});
-}
-
-std::vector<RecordingAlerts::Shown> RecordingAlerts::shown() const
+std::vector<std::string> RecordingAlerts::shown() const
 {
     std::lock_guard<std::mutex> guard(mutex_);
     return shown_;
+}
+
+size_t RecordingAlerts::count(const std::string& dialog) const
+{
+    const std::vector<std::string> all = shown();
+    return std::count(all.begin(), all.end(), dialog);
 }
 
 RecordingScannerHost::RecordingScannerHost(const std::string& enginePrefix, const std::string& privateFolder)
@@ -92,22 +87,6 @@ std::string TestScanner::scan(const std::vector<std::string>& paths)
         queue_.addStringToItemList(path);
     queue_.runOneCycle();
     return captureStandardStreams([&] { scanner_.scanBatch(); });
-}
-
-EnginePrefix* ScanTest::engine_ = nullptr;
-
-void ScanTest::SetUpTestSuite()
-{
-    engine_ = new EnginePrefix;
-    // Not ASSERT: a fatal failure here would skip every test of the suite,
-    // and a skipped test says nothing. Each test fails without its engine.
-    EXPECT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
-}
-
-void ScanTest::TearDownTestSuite()
-{
-    delete engine_;
-    engine_ = nullptr;
 }
 
 void ScanTest::configure(const QJsonObject& preferences)

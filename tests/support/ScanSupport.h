@@ -25,30 +25,27 @@
 
 namespace kvtest {
 
+// Records the dialogs the scanners show, by kind: "Quarantined", "Warning"
+// or "EngineUnreachable".
 class RecordingAlerts : public kv::ScanAlerts {
 public:
-    struct Shown {
-        std::string dialog;  // "Quarantined", "Warning" or "EngineUnreachable"
-        std::string owner;
-        std::string text;    // quarantine folder, output line or message
-        std::string quitTitle;
-        std::string path;    // the found file's real name, for a warning
-    };
     bool loads = true;  // false: the interface files cannot be loaded
     // Set: a warning dialog throws it, as a failing desktop would.
     std::optional<std::string> warningThrows;
-    bool showQuarantinedDialog(const std::string& owner, const std::string& folder) override;
-    bool showWarningDialog(const std::string& owner, const std::string& line, const std::string& path) override;
-    bool showEngineUnreachableDialog(const std::string& owner, const std::string& message,
-                                     const std::string& quitTitle) override;
-    std::vector<Shown> shown() const;
+    bool showQuarantinedDialog(const std::string&, const std::string&) override { return record("Quarantined"); }
+    bool showWarningDialog(const std::string&, const std::string&, const std::string&) override;
+    bool showEngineUnreachableDialog(const std::string&, const std::string&, const std::string&) override
+    {
+        return record("EngineUnreachable");
+    }
+    std::vector<std::string> shown() const;
+    size_t count(const std::string& dialog) const;
 
 private:
-    bool record(Shown shown);
+    bool record(std::string dialog);
     mutable std::mutex mutex_;
-    std::vector<Shown> shown_;
+    std::vector<std::string> shown_;  // guarded by mutex_
 };
-
 
 // A scanner host around a real supervisor of the engine at a prefix, which
 // records what the user would be told.
@@ -102,21 +99,16 @@ private:
     kv::PatientScanner scanner_{"firstPatientScanner", {host_, queue_, activity, clients, findings, knownClean}};
 };
 
-// The scanner tests: one clamd from Debian for the whole suite (started
-// once, it is the slowest part), and for each test a private home, a
-// recording host and a scanner.
-class ScanTest : public ::testing::Test {
+// The scanner tests: the suite's clamd, and for each test a private home,
+// a recording host and a scanner.
+class ScanTest : public EngineSuite {
 protected:
-    static void SetUpTestSuite();
-    static void TearDownTestSuite();
-
     // The scanner with these preferences; "~" is the test's home.
     void configure(const QJsonObject& preferences = {});
     std::string scan(const std::vector<std::string>& paths) { return scanner_.scan(paths); }
     // A file of the watched folder with its contents.
     std::string file(const std::string& name, const std::string& contents);
 
-    static EnginePrefix* engine_;
     TempDir home_;
     ScopedEnv homeEnv_{"HOME", home_.path()};
     ScopedEnv data_{"XDG_DATA_HOME", home_ / "data"};

@@ -5,7 +5,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
@@ -13,11 +12,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -47,20 +46,15 @@ public:
         while (std::getline(commandLine, argument, '\0'))
             if (argument.starts_with("--gtest_list_tests"))
                 return;
-        fd_ = ::open(machineTestLockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+        fd_.reset(::open(machineTestLockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+        if (fd_ && ::flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
             std::fprintf(stderr, "waiting for another test run to release %s\n", machineTestLockPath);
-            ::flock(fd_, LOCK_EX);
+            ::flock(fd_.get(), LOCK_EX);
         }
-    }
-    ~MachineTestLock()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
     }
 
 private:
-    int fd_ = -1;
+    kv::UniqueFd fd_;
 };
 
 const MachineTestLock machineTestLock;
@@ -85,11 +79,8 @@ TempDir::TempDir(const std::string& parent, const std::string& name)
     path_ = pattern;
 }
 
-TempDir::~TempDir()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
+// rm walks down by descriptors, through folders deeper than a path reaches.
+TempDir::~TempDir() { kv::runAndWait({"/bin/rm", "-rf", path_}); }
 
 std::vector<std::string> asUser(const std::string& name)
 {
@@ -98,65 +89,6 @@ std::vector<std::string> asUser(const std::string& name)
         throw std::runtime_error("no user " + name);
     return {"setpriv", "--reuid=" + std::to_string(user->pw_uid), "--regid=" + std::to_string(user->pw_gid),
             "--clear-groups", "--"};
-}
-
-namespace {
-
-// Whether the user may reach PATH with access(2)'s MODE, asked in a child
-// process that has become the user.
-bool userMay(const passwd& user, const std::string& path, int mode)
-{
-    const pid_t child = ::fork();
-    if (child < 0)
-        return false;
-    if (child == 0) {
-        // Only system calls between fork and _exit: the test may run threads.
-        if (::setgroups(0, nullptr) != 0 || ::setgid(user.pw_gid) != 0 || ::setuid(user.pw_uid) != 0)
-            ::_exit(2);
-        ::_exit(::access(path.c_str(), mode) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-} // namespace
-
-std::string sanitizerObstacleFor(const std::string& name)
-{
-    const passwd* found = ::getpwnam(name.c_str());
-    if (!found)
-        return "there is no user " + name;
-    const passwd user = *found;
-    for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-        const char* options = std::getenv(variable);
-        if (!options)
-            continue;
-        // The runtimes take blanks, colons and commas between options.
-        std::string text = options;
-        for (char& c : text)
-            if (c == ':' || c == ',' || c == '\t' || c == '\n')
-                c = ' ';
-        std::istringstream words(text);
-        std::string option;
-        while (words >> option) {
-            const std::string problem = "a sanitizer runtime cannot start as " + name + ": " + variable + " names ";
-            if (option.starts_with("suppressions=")) {
-                const std::string file = option.substr(13);
-                if (!userMay(user, file, R_OK))
-                    return problem + file + ", which " + name + " cannot read";
-            } else if (option.starts_with("log_path=")) {
-                const std::string prefix = option.substr(9);
-                if (prefix == "stderr" || prefix == "stdout")
-                    continue;
-                const std::string folder = std::filesystem::path(prefix).parent_path();
-                if (!userMay(user, folder.empty() ? "." : folder, W_OK | X_OK))
-                    return problem + "reports in " + folder + ", where " + name + " cannot write";
-            }
-        }
-    }
-    return {};
 }
 
 void writeFile(const std::string& path, const std::string& contents, unsigned mode)
@@ -288,6 +220,12 @@ std::vector<kv::DesktopNotification> RecordingNotifier::sent() const
     return sent_;
 }
 
+size_t RecordingNotifier::saying(const std::string& description) const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    return std::count_if(sent_.begin(), sent_.end(), [&](const auto& n) { return n.description == description; });
+}
+
 void RecordingPanels::displayDialog(kv::Panel panel)
 {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -298,12 +236,6 @@ void RecordingPanels::setUpdateWindowText(const std::string& text)
 {
     std::lock_guard<std::mutex> guard(mutex_);
     updateText = text;
-}
-
-int RecordingPanels::transformToForegroundApplication()
-{
-    ++foregroundRequests;
-    return 0;
 }
 
 std::vector<kv::Panel> RecordingPanels::shown() const
@@ -423,6 +355,22 @@ bool EnginePrefix::accepts() const
     const bool accepted = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     ::close(fd);
     return accepted;
+}
+
+EnginePrefix* EngineSuite::engine_ = nullptr;
+
+void EngineSuite::SetUpTestSuite()
+{
+    engine_ = new EnginePrefix;
+    // Not ASSERT: a fatal failure here would skip every test of the suite,
+    // and a skipped test says nothing. Each test fails without its engine.
+    EXPECT_TRUE(engine_->startDaemon()) << "clamd from Debian must start with the test database";
+}
+
+void EngineSuite::TearDownTestSuite()
+{
+    delete engine_;
+    engine_ = nullptr;
 }
 
 uint16_t freeTcpPort()

@@ -61,15 +61,6 @@ std::map<std::string, std::string> snapshotFiles(const std::string& folder);
 // itself, so the child's process id is the program's.
 std::vector<std::string> asUser(const std::string& name);
 
-// Why a sanitizer runtime could not start in a program run as the user NAME:
-// a suppressions file named in this process's ASAN_OPTIONS, TSAN_OPTIONS,
-// UBSAN_OPTIONS or LSAN_OPTIONS that the user cannot read, or a report
-// folder (log_path) the user cannot write to. The runtime stops such a
-// program before main with an exit status of its own, which would read as
-// the program's. Empty when nothing stands in the way, as in a build
-// without sanitizers.
-std::string sanitizerObstacleFor(const std::string& name);
-
 // Sets an environment variable for the life of the object.
 class ScopedEnv {
 public:
@@ -127,6 +118,8 @@ public:
     bool isRunning() override { return running; }
     bool notify(const kv::DesktopNotification& notification) override;
     std::vector<kv::DesktopNotification> sent() const;
+    // How many of those sent had this description.
+    size_t saying(const std::string& description) const;
 
 private:
     mutable std::mutex mutex_;
@@ -137,9 +130,8 @@ class RecordingPanels : public kv::Panels {
 public:
     void displayDialog(kv::Panel panel) override;
     void setUpdateWindowText(const std::string& text) override;
-    int transformToForegroundApplication() override;
+    int transformToForegroundApplication() override { return 0; }
     std::vector<kv::Panel> shown() const;
-    int foregroundRequests = 0;
     std::string updateText;
 
 private:
@@ -199,6 +191,15 @@ public:
 private:
     TempDir dir_;
     EngineOptions options_;
+};
+
+// Tests on one clamd from Debian for the whole suite: it is started once,
+// as it is the slowest part, and stopped with the suite.
+class EngineSuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+    static EnginePrefix* engine_;
 };
 
 // A TCP port on 127.0.0.1 that nothing listened on a moment ago.

@@ -21,15 +21,12 @@ namespace kvtest {
 namespace {
 
 
-std::string configValue(const std::string& configText, const std::string& option)
+// The value the clamd configuration file at PATH gives OPTION, as clamd
+// reads it.
+std::string configValue(const std::string& path, const std::string& option)
 {
-    std::istringstream lines(configText);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.rfind(option + " ", 0) == 0)
-            return line.substr(option.size() + 1);
-    }
-    return {};
+    const std::vector<std::string> values = kv::clamdOptionValues(readFile(path), option);
+    return values.empty() ? "" : values.back();
 }
 
 // The socket of the system's clamd service when it runs and answers, as
@@ -40,24 +37,6 @@ std::optional<std::string> systemService()
     return socket && kv::ClamdCtrl::systemServiceAnswers(*socket) ? socket : std::nullopt;
 }
 
-// Stops a clamd when the test ends, however it ends, and waits until it has
-// removed its socket, so the next test finds no daemon running.
-class DaemonGuard {
-public:
-    DaemonGuard(std::string pidFile, std::string socket) : pidFile_(std::move(pidFile)), socket_(std::move(socket)) {}
-    ~DaemonGuard()
-    {
-        const pid_t pid = static_cast<pid_t>(std::atoi(readFile(pidFile_).c_str()));
-        if (pid <= 0 || ::kill(pid, SIGTERM) != 0)
-            return;
-        waitFor([this] { return !exists(socket_); }, 5000);
-    }
-
-private:
-    std::string pidFile_;
-    std::string socket_;
-};
-
 class VelgarctlSetup : public VelgarctlTest {
 protected:
     QJsonObject suitePreferences() const
@@ -67,6 +46,14 @@ protected:
     void writeSuitePreferences(const QJsonObject& preferences) const
     {
         writeFile(domainFile("com.korvane.Korvane"), QJsonDocument(preferences).toJson().toStdString());
+    }
+    // velgarctl setup where the system's clamd service is known by CONFIG.
+    CommandResult setupBesideService(const std::string& config, const std::vector<std::string>& arguments) const
+    {
+        std::vector<std::string> argv = besideServiceConfiguredBy(config);
+        argv.insert(argv.end(), {VELGARCTL_PATH, "setup"});
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
     }
     // A prefix whose database already has definitions: setup skips freshclam.
     std::string prefixWithDefinitions(const std::string& name = "engine") const
@@ -97,11 +84,11 @@ TEST_F(VelgarctlSetup, OfflineSetupBuildsPrefixWithTestDefinitionsAndRunsAgainQu
         EXPECT_EQ(readFile(prefix + "/bin/" + program), "#!/bin/sh\nexec /usr/bin/" + program + " --config-file=" + config + " \"$@\"\n");
         EXPECT_EQ(QFile::permissions(QString::fromStdString(prefix + "/bin/" + program)) & 0x0777, 0x0755);
     }
-    const std::string clamdConfig = readFile(prefix + "/etc/clamd.conf");
+    const std::string clamdConfig = prefix + "/etc/clamd.conf";
     EXPECT_LE(configValue(clamdConfig, "LocalSocket").size(), 104u);
     EXPECT_FALSE(configValue(clamdConfig, "LocalSocket").empty());
     EXPECT_EQ(configValue(clamdConfig, "DatabaseDirectory"), prefix + "/db");
-    EXPECT_EQ(clamdConfig.find("\nUser "), std::string::npos);
+    EXPECT_EQ(configValue(clamdConfig, "User"), "");
     EXPECT_FALSE(readFile(prefix + "/db/korvane-test.ndb").empty());
 
     const QJsonObject preferences = suitePreferences();
@@ -153,18 +140,24 @@ TEST_F(VelgarctlSetup, ClamdFromThePrefixFindsTheEicarFileAndASecondPrefixKeepsI
 {
     const std::string prefix = prefixWithDefinitions();
     ASSERT_EQ(runVelgarctl({"setup", "--prefix", prefix, "--own-engine"}).status, 0);
-    const std::string socket = configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket");
+    const std::string socket = configValue(prefix + "/etc/clamd.conf", "LocalSocket");
     // The project's own child process, not QProcess, which can fail to
     // start a program under the thread sanitizer.
     ASSERT_EQ(kv::runAndWait({prefix + "/sbin/clamd", "-c", prefix + "/etc/clamd.conf"}), 0);
-    DaemonGuard daemon(prefix + "/run/clamd.pid", socket);
+    // Stopped however the test ends, and gone (its socket too) before the
+    // next test looks for a daemon.
+    const std::shared_ptr<void> stopDaemon(nullptr, [&](void*) {
+        const int pid = std::atoi(readFile(prefix + "/run/clamd.pid").c_str());
+        if (pid > 0 && ::kill(pid, SIGTERM) == 0)
+            waitFor([&] { return !exists(socket); }, 5000);
+    });
 
     // Only the system's service is shared, its files passed open: a daemon
     // that is not (this one runs as the user, from another prefix) never is.
     const std::string second = prefixWithDefinitions("second");
     ::unsetenv("XDG_RUNTIME_DIR");
     ASSERT_EQ(runVelgarctl({"setup", "--prefix", second}).status, 0);
-    const std::string secondSocket = configValue(readFile(second + "/etc/clamd.conf"), "LocalSocket");
+    const std::string secondSocket = configValue(second + "/etc/clamd.conf", "LocalSocket");
     EXPECT_NE(secondSocket, socket);
     const std::optional<std::string> service = systemService();
     if (service) {
@@ -228,41 +221,33 @@ TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
     kvtest::EnginePrefix service({.tcpPort = std::nullopt, .user = "clamav"});
     ASSERT_TRUE(service.startDaemon());
     const std::string prefix = prefixWithDefinitions();
-    const auto besideService = [&](const std::string& config, std::vector<std::string> arguments) {
-        std::vector<std::string> argv = kvtest::besideServiceConfiguredBy(config);
-        argv.push_back(VELGARCTL_PATH);
-        argv.push_back("setup");
-        argv.insert(argv.end(), arguments.begin(), arguments.end());
-        return runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
-    };
-
-    const CommandResult result = besideService(service.config(), {"--prefix", prefix});
+    const CommandResult result = setupBesideService(service.config(), {"--prefix", prefix});
     ASSERT_EQ(result.status, 0) << result.err;
     const std::string standIn = prefix + "/standin";
     EXPECT_NE(result.out.find("The system's clamd service answers at " + service.socket()), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("runs a clamd of your own from " + standIn + " (definitions from " + service.path() + "/db)"),
               std::string::npos)
         << result.out;
-    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), service.socket());
+    EXPECT_EQ(configValue(prefix + "/etc/clamd.conf", "LocalSocket"), service.socket());
     EXPECT_NE(readFile(prefix + "/bin/clamdscan").find(" --fdpass "), std::string::npos);
-    const std::string standInConfig = readFile(standIn + "/etc/clamd.conf");
+    const std::string standInConfig = standIn + "/etc/clamd.conf";
     const std::string standInSocket = home() + "/run/korvane-clamd-standin.ctl";
-    EXPECT_EQ(configValue(standInConfig, "LocalSocket"), standInSocket) << standInConfig;
-    EXPECT_EQ(configValue(standInConfig, "DatabaseDirectory"), service.path() + "/db") << standInConfig;
+    EXPECT_EQ(configValue(standInConfig, "LocalSocket"), standInSocket);
+    EXPECT_EQ(configValue(standInConfig, "DatabaseDirectory"), service.path() + "/db");
     EXPECT_EQ(QFile::symLinkTarget(QString::fromStdString(standIn + "/sbin/clamd")), "/usr/sbin/clamd");
 
     // (The agent's tests scan with the stand-in: SharedEngine.) Setup again
     // changes nothing; a service whose definitions the user
     // cannot use leaves the stand-in the prefix's own.
     const auto before = snapshotFiles(prefix);
-    EXPECT_EQ(besideService(service.config(), {}).status, 0);
+    EXPECT_EQ(setupBesideService(service.config(), {}).status, 0);
     EXPECT_EQ(snapshotFiles(prefix), before);
     const std::string emptyDatabase = home() + "/service-db";
     std::filesystem::create_directories(emptyDatabase);
     writeFile(home() + "/service.conf", "LocalSocket " + service.socket() + "\nDatabaseDirectory " + emptyDatabase + "\n");
     const std::string second = prefixWithDefinitions("second");
-    ASSERT_EQ(besideService(home() + "/service.conf", {"--prefix", second}).status, 0);
-    EXPECT_EQ(configValue(readFile(second + "/standin/etc/clamd.conf"), "DatabaseDirectory"), second + "/db");
+    ASSERT_EQ(setupBesideService(home() + "/service.conf", {"--prefix", second}).status, 0);
+    EXPECT_EQ(configValue(second + "/standin/etc/clamd.conf", "DatabaseDirectory"), second + "/db");
 
     // A daemon of the user's own has nothing to stand in for; the stand-in's
     // log is kept.
@@ -271,7 +256,7 @@ TEST_F(VelgarctlSetup, SystemServiceGetsAStandInThatOwnEngineRemoves)
     for (const char* gone : {"/etc/clamd.conf", "/bin/clamdscan", "/sbin/clamd", "/etc", "/bin"})
         EXPECT_FALSE(QFileInfo::exists(QString::fromStdString(standIn + gone))) << gone;
     EXPECT_TRUE(QFileInfo::exists(QString::fromStdString(standIn + "/log/clamd.log")));
-    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), home() + "/run/korvane-clamd.ctl");
+    EXPECT_EQ(configValue(prefix + "/etc/clamd.conf", "LocalSocket"), home() + "/run/korvane-clamd.ctl");
 }
 
 // Setup never has the agent run what another user could change, nor reach
@@ -294,56 +279,40 @@ TEST_F(VelgarctlSetup, PlacesOtherUsersCouldChangeAreNotUsed)
     kvtest::EnginePrefix service({.tcpPort = std::nullopt, .user = "clamav"});
     ASSERT_TRUE(service.startDaemon());
     ::chmod((service.path() + "/run").c_str(), 0777);
-    std::vector<std::string> argv = kvtest::besideServiceConfiguredBy(service.config());
     const std::string prefix = prefixWithDefinitions();
-    argv.insert(argv.end(), {VELGARCTL_PATH, "setup", "--prefix", prefix});
-    const CommandResult result = runProgram(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
+    const CommandResult result = setupBesideService(service.config(), {"--prefix", prefix});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.err.find("the system's clamd service at " + service.socket() + " is not used: " + service.path() +
                               "/run may be written by other users"),
               std::string::npos)
         << result.err;
-    EXPECT_EQ(configValue(readFile(prefix + "/etc/clamd.conf"), "LocalSocket"), home() + "/run/korvane-clamd.ctl");
+    EXPECT_EQ(configValue(prefix + "/etc/clamd.conf", "LocalSocket"), home() + "/run/korvane-clamd.ctl");
 }
 
-// velgarctl copied, with a stand-in agent beside it, into a folder whose
-// name must be quoted in a desktop entry's Exec line.
-class VelgarctlAutostart : public VelgarctlTest {
-protected:
-    void SetUp() override
-    {
-        VelgarctlTest::SetUp();
-        std::filesystem::create_directories(bin());
-        std::filesystem::copy_file(VELGARCTL_PATH, velgarctl());
-    }
-    std::string bin() const { return install_.path() + "/Korvane \"Velgar\" $HOME `id` \\ bin"; }
-    std::string velgarctl() const { return bin() + "/velgarctl"; }
-    std::string agent() const { return bin() + "/korvane-velgar"; }
-    std::string mark() const { return install_.path() + "/agent-ran"; }
-    void installStandInAgent() const
-    {
-        writeFile(agent(), "#!/bin/sh\nprintf '%s\\n' \"$0\" > '" + mark() + "'\n", 0700);
-    }
-    std::string entry() const { return home() + "/.config/autostart/com.korvane.KorvaneVelgar.desktop"; }
-
-private:
-    TempDir install_;
-};
+using VelgarctlAutostart = VelgarctlTest;
 
 TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChanged)
 {
-    // Without the agent beside velgarctl nothing is written.
-    const CommandResult alone = runProgram(velgarctl(), {"setup", "--autostart"});
+    // velgarctl copied into a folder whose name must be quoted in a desktop
+    // entry's Exec line; without the agent beside it nothing is written.
+    const TempDir install;
+    const std::string bin = install.path() + "/Korvane \"Velgar\" $HOME `id` \\ bin";
+    const std::string velgarctl = bin + "/velgarctl", agent = bin + "/korvane-velgar", mark = install / "agent-ran";
+    const std::string entry = home() + "/.config/autostart/com.korvane.KorvaneVelgar.desktop";
+    std::filesystem::create_directories(bin);
+    std::filesystem::copy_file(VELGARCTL_PATH, velgarctl);
+    const CommandResult alone = runProgram(velgarctl, {"setup", "--autostart"});
     EXPECT_EQ(alone.status, 1);
-    EXPECT_NE(alone.err.find(agent()), std::string::npos) << alone.err;
+    EXPECT_NE(alone.err.find(agent), std::string::npos) << alone.err;
     EXPECT_TRUE(snapshotFiles(home()).empty());
 
-    installStandInAgent();
-    // Preferences a full setup would complete, and no engine prefix.
+    // A stand-in agent; preferences a full setup would complete, and no
+    // engine prefix.
+    writeFile(agent, "#!/bin/sh\nprintf '%s\\n' \"$0\" > '" + mark + "'\n", 0700);
     writeFile(domainFile("com.korvane.Korvane"), "{\"SomeKey\": 1}\n");
     const auto before = snapshotFiles(home());
 
-    const CommandResult start = runProgram(velgarctl(), {"setup", "--autostart"});
+    const CommandResult start = runProgram(velgarctl, {"setup", "--autostart"});
     ASSERT_EQ(start.status, 0) << start.err;
     auto after = snapshotFiles(home());
     const std::string text = after["/.config/autostart/com.korvane.KorvaneVelgar.desktop"];
@@ -352,18 +321,18 @@ TEST_F(VelgarctlAutostart, EntryRunsTheAgentBesideVelgarctlAndIsTheOnlyFileChang
     EXPECT_NE(text.find("\nX-GNOME-Autostart-enabled=true\n"), std::string::npos) << text;
 
     // Read the way a desktop session reads it.
-    EXPECT_EQ(QProcess::execute("desktop-file-validate", {QString::fromStdString(entry())}), 0) << text;
-    EXPECT_EQ(QProcess::execute("gio", {"launch", QString::fromStdString(entry())}), 0) << text;
-    waitFor([this] { return !readFile(mark()).empty(); }, 10000);
-    EXPECT_EQ(readFile(mark()), agent() + "\n") << text;
+    EXPECT_EQ(QProcess::execute("desktop-file-validate", {QString::fromStdString(entry)}), 0) << text;
+    EXPECT_EQ(QProcess::execute("gio", {"launch", QString::fromStdString(entry)}), 0) << text;
+    waitFor([&] { return !readFile(mark).empty(); }, 10000);
+    EXPECT_EQ(readFile(mark), agent + "\n") << text;
 
-    EXPECT_EQ(runProgram(velgarctl(), {"setup", "--autostart"}).status, 0);
-    EXPECT_EQ(readFile(entry()), text);
+    EXPECT_EQ(runProgram(velgarctl, {"setup", "--autostart"}).status, 0);
+    EXPECT_EQ(readFile(entry), text);
 
-    const CommandResult stop = runProgram(velgarctl(), {"setup", "--no-autostart"});
+    const CommandResult stop = runProgram(velgarctl, {"setup", "--no-autostart"});
     ASSERT_EQ(stop.status, 0) << stop.err;
     EXPECT_EQ(snapshotFiles(home()), before);
-    const CommandResult again = runProgram(velgarctl(), {"setup", "--no-autostart"});
+    const CommandResult again = runProgram(velgarctl, {"setup", "--no-autostart"});
     EXPECT_EQ(again.status, 0) << again.err;
     EXPECT_NE(again.out.find("nothing to remove"), std::string::npos) << again.out;
 }
