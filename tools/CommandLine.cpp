@@ -4,6 +4,7 @@
 #include "tools/CommandStatus.h"
 #include "tools/DefaultsCommand.h"
 #include "tools/ScanCommand.h"
+#include "tools/ScheduleCommand.h"
 #include "tools/SetupCommand.h"
 
 #include <cstdio>
@@ -49,6 +50,8 @@ int runCommandLine(const std::vector<std::string>& arguments)
         return DefaultsCommand().run(rest);
     if (command == "scan")
         return ScanCommand().run(rest);
+    if (command == "schedule")
+        return ScheduleCommand().run(rest);
     if (BusCommand::handles(command))
         return BusCommand().run(command, rest);
     return reportBadInput("unknown command \"" + command + "\" (velgarctl --help lists them)");
