@@ -4,6 +4,8 @@
 // believe.
 
 #include "platform/QuarantineRecords.h"
+#include "platform/ScanLogFile.h"
+#include "scan/OnDemandScan.h"
 #include "scan/ExclusionPatterns.h"
 #include "platform/TrashInfo.h"
 #include "tests/support/ScanSupport.h"
@@ -285,6 +287,22 @@ TEST_F(Scanning, UnchangedCleanFileIsNotScannedAgainUntilItChanges)
     const std::string afterUpdate = scan({clean});
     std::filesystem::remove(added);
     EXPECT_NE(afterUpdate.find(ok), std::string::npos) << "new definitions, and not scanned again";
+}
+
+TEST_F(Scanning, CleanVerdictsAreSharedWithScansOnDemand)
+{
+    configure();
+    const std::string byAgent = file("agent.txt", "found clean by the agent\n");
+    EXPECT_NE(scan({byAgent}).find(byAgent + ": OK"), std::string::npos);
+    const std::string byHand = file("hand.txt", "found clean on demand\n");
+    const kv::ScanLogFile log(home_ / "scan.log");
+    kv::OnDemandScan onDemand({host_.clamd(), scanner_.definitions, scanner_.knownClean, log});
+    kv::OnDemandScan::Request request;
+    request.paths = {home_ / "watched"};
+    const kv::OnDemandSummary summary = onDemand.run(request);
+    EXPECT_EQ(summary.unchanged, 1u);
+    EXPECT_EQ(summary.scanned, 1u);
+    EXPECT_EQ(scan({byHand}).find(byHand + ": OK"), std::string::npos) << "a file found clean on demand, sent again";
 }
 
 TEST(ScanActivity, TheIndicatorWakesForEachBusySpellAndForItsStop)
