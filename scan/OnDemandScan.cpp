@@ -545,11 +545,6 @@ OnDemandScan::~OnDemandScan() = default;
 
 OnDemandSummary OnDemandScan::run(const Request& request, const Observer& observer)
 {
-    stopped_ = false;
-    // Left readable by an earlier stop: read it empty.
-    std::uint64_t count = 0;
-    while (::read(stopSignal_.get(), &count, sizeof count) < 0 && errno == EINTR) {
-    }
     Run run(*this, request, observer);
     {
         std::lock_guard<std::mutex> guard(activeMutex_);
@@ -558,6 +553,12 @@ OnDemandSummary OnDemandScan::run(const Request& request, const Observer& observ
     OnDemandSummary summary = run.perform();
     std::lock_guard<std::mutex> guard(activeMutex_);
     active_ = nullptr;
+    // A stop ends one run (the one under way, or the next when none was);
+    // the one after starts afresh.
+    stopped_ = false;
+    std::uint64_t count = 0;
+    while (::read(stopSignal_.get(), &count, sizeof count) < 0 && errno == EINTR) {
+    }
     return summary;
 }
 

@@ -95,8 +95,8 @@ struct OnDemandSummary {
 // scanning threads of its own scan; the observer is called from all of
 // them, possibly at once. stop() may be called from any thread (a signal
 // handler's thread, the desktop's main thread): run() then returns at
-// once, a file whose verdict is awaited left to the engine. One run at a
-// time per object.
+// once, a file whose verdict is awaited left to the engine; a stop before
+// run() begins ends that run at its start. One run at a time per object.
 class OnDemandScan {
 public:
     struct Engine {

@@ -1,7 +1,5 @@
 #include "tools/ScanCommand.h"
 
-#include "engine/ClamdSupervisor.h"
-#include "engine/DefinitionsIdentity.h"
 #include "platform/FileWriting.h"
 #include "platform/FreedesktopNotifier.h"
 #include "platform/Log.h"
@@ -9,10 +7,8 @@
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/ScanLogFile.h"
-#include "platform/Settings.h"
 #include "platform/UniqueFd.h"
-#include "platform/VerdictCache.h"
-#include "scan/OnDemandScan.h"
+#include "scan/OnDemandEngine.h"
 #include "scan/ScanResult.h"
 #include "tools/CommandStatus.h"
 
@@ -155,6 +151,7 @@ int parse(const std::vector<std::string>& arguments, Options* options)
 // results.
 void logStreamsTo(const std::string& logPath)
 {
+    makeDirectories(logPath.substr(0, logPath.rfind('/')), 0755);
     const UniqueFd log(::open(logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0640));
     if (!log)
         return;
@@ -254,36 +251,17 @@ int ScanCommand::run(const std::vector<std::string>& arguments)
     const UniqueFd out(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
     const UniqueFd err(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     Console console(out.get(), err.get());
-    const ScanLogFile log;
-    logStreamsTo(log.path());
+    logStreamsTo(ScanLogFile::defaultPath());
 
     JsonPreferences preferences(kAgentDomain);
-    preferences.addSuite(kMainAppDomain);
-    preferences.synchronize();
-    const std::shared_ptr<const Settings> settings = Settings::load(preferences);
-    for (const std::string& problem : settings->problems)
-        nsLog(problem);
-    if (!settings->clamPath) {
-        console.problem("no scanning engine is set up: run velgarctl setup first");
+    std::string problem;
+    const std::unique_ptr<OnDemandEngine> engine = OnDemandEngine::start(preferences, &problem);
+    if (!engine) {
+        console.problem(problem);
         return kExitError;
     }
-    ClamdSupervisor clamd;
-    std::string why;
-    const std::optional<std::string> privateFolder = temporaryDirectory(&why);
-    if (!privateFolder) {
-        console.problem("the private temporary folder cannot be used: " + why);
-        return kExitError;
-    }
-    if (!clamd.startEngine(settings->clamPath).ready) {
-        console.problem("the scanning engine cannot be started; the scan log " + displayText(log.path()) + " says why");
-        return kExitError;
-    }
-    clamd.discernClamdSocketLocation(*privateFolder);
-
-    VerdictCache verdicts;
-    DefinitionsIdentity definitions(clamd);
-    OnDemandScan scan({clamd, definitions, verdicts, log});
-    const OnDemandScan::Request request{options.paths, options.subfolders, options.reportOnly, settings};
+    OnDemandScan scan(engine->parts());
+    const OnDemandScan::Request request{options.paths, options.subfolders, options.reportOnly, engine->settings()};
     const OnDemandScan::Observer observer{
         [&console](const OnDemandItem& item) { console.line(itemLine(item)); },
         [&console](const OnDemandProgress& progress) { console.progress(progress); },
