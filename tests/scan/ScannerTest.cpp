@@ -10,6 +10,7 @@
 #include "platform/TrashInfo.h"
 #include "tests/support/ScanSupport.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <QJsonArray>
@@ -303,6 +304,36 @@ TEST_F(Scanning, CleanVerdictsAreSharedWithScansOnDemand)
     EXPECT_EQ(summary.unchanged, 1u);
     EXPECT_EQ(summary.scanned, 1u);
     EXPECT_EQ(scan({byHand}).find(byHand + ": OK"), std::string::npos) << "a file found clean on demand, sent again";
+}
+
+TEST_F(Scanning, AStopEndsAScanOnDemandWhileTheEngineHoldsAFile)
+{
+    configure();
+    const std::string held = file("held.txt", "waits for its verdict\n");
+    ASSERT_TRUE(scanner_.definitions.current()) << "asked while the engine answers";
+    const int opens = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ::inotify_add_watch(opens, held.c_str(), IN_OPEN);
+    const kv::ScanLogFile log(home_ / "scan.log");
+    kv::OnDemandScan onDemand({host_.clamd(), scanner_.definitions, scanner_.knownClean, log});
+    kv::OnDemandScan::Request request;
+    request.paths = {held};
+    ::kill(engine_->daemonPid(), SIGSTOP);
+    std::atomic<bool> returned{false};
+    kv::OnDemandSummary summary;
+    std::thread scanning([&] {
+        summary = onDemand.run(request);
+        returned = true;
+    });
+    char event[sizeof(inotify_event) + 256];
+    EXPECT_TRUE(kvtest::waitFor([&] { return ::read(opens, event, sizeof event) > 0; }, 10000));
+    onDemand.stop();
+    const bool promptly = kvtest::waitFor([&] { return returned.load(); }, 3000);
+    ::kill(engine_->daemonPid(), SIGCONT);
+    scanning.join();
+    ::close(opens);
+    EXPECT_TRUE(promptly) << "the stop waited for the engine's verdict";
+    EXPECT_TRUE(summary.stopped);
+    EXPECT_EQ(summary.scanned, 0u);
 }
 
 TEST(ScanActivity, TheIndicatorWakesForEachBusySpellAndForItsStop)

@@ -184,7 +184,8 @@ class VelgarctlSchedule : public VelgarctlTest {};
 TEST_F(VelgarctlSchedule, UnitsPassSystemdsCheckAndWithoutAUserInstanceNothingChanges)
 {
     ScopedEnv noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
-    const std::string odd = home() + "/odd 50% $HOME \"q\" \\ \xff\nx";
+    // (Arguments reach velgarctl through QString: UTF-8 only.)
+    const std::string odd = home() + "/odd 50% $HOME \"q\" \\ \u00e9\t\nx";
     std::filesystem::create_directories(odd);
     const CommandResult refused = runVelgarctl({"schedule", "daily", "--folder", odd});
     EXPECT_EQ(refused.status, 1);
