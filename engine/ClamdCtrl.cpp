@@ -8,6 +8,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -516,13 +517,29 @@ bool sendAll(int socketFd, const char* data, size_t size)
     return true;
 }
 
+// True once stopFd (when given) is readable, waiting at most until the
+// socket is; a socket silent past the limit is left to recv(2) to end.
+bool stoppedWhileWaiting(int socketFd, int stopFd)
+{
+    if (stopFd < 0)
+        return false;
+    pollfd waits[2] = {{socketFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+    int ready;
+    do {
+        ready = ::poll(waits, 2, ClamdCtrl::kFileScanLimitSeconds * 1000);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0 && (waits[1].revents & POLLIN);
+}
+
 // The reply up to its NUL end; nothing when the daemon hangs up or stays
-// silent past the limit.
-std::optional<std::string> readReply(int socketFd)
+// silent past the limit, or once stopFd (when given) is readable.
+std::optional<std::string> readReply(int socketFd, int stopFd = -1)
 {
     std::string reply;
     char buffer[512];
     for (;;) {
+        if (stoppedWhileWaiting(socketFd, stopFd))
+            return std::nullopt;
         const ssize_t received = ::recv(socketFd, buffer, sizeof buffer, 0);
         if (received < 0 && errno == EINTR)
             continue;
@@ -567,7 +584,7 @@ bool sendDescriptor(int socketFd, int fileFd)
 // zINSTREAM: the contents in chunks, each after its length (four bytes,
 // most significant first), then a length of zero. Read from the start with
 // pread(2), so the descriptor's own offset does not matter.
-bool sendContents(int socketFd, int fileFd)
+bool sendContents(int socketFd, int fileFd, int stopFd)
 {
     static constexpr char kCommand[] = "zINSTREAM";
     if (!sendAll(socketFd, kCommand, sizeof kCommand))
@@ -579,6 +596,11 @@ bool sendContents(int socketFd, int fileFd)
             continue;
         if (length < 0)
             return false;
+        if (stopFd >= 0) {
+            pollfd stop{stopFd, POLLIN, 0};
+            if (::poll(&stop, 1, 0) > 0)
+                return false;
+        }
         const uint32_t size = htonl(static_cast<uint32_t>(length));
         std::memcpy(chunk.get(), &size, 4);
         // A daemon past its StreamMaxLength stops reading and says so: its
@@ -613,7 +635,7 @@ ClamdCtrl::FileVerdict ClamdCtrl::parseVerdict(std::string_view reply)
 }
 
 ClamdCtrl::FileVerdict ClamdCtrl::scanOpenFile(int fileFd, const std::optional<std::string>& pathToSocket,
-                                               const std::optional<TcpEngine>& tcpEngine)
+                                               const std::optional<TcpEngine>& tcpEngine, int stopFd)
 {
     FileVerdict verdict;
     UniqueFd socketFd;
@@ -643,9 +665,10 @@ ClamdCtrl::FileVerdict ClamdCtrl::scanOpenFile(int fileFd, const std::optional<s
         verdict.detail = refusal;
         return verdict;
     }
-    const bool sent = pathToSocket ? sendDescriptor(socketFd.get(), fileFd) : sendContents(socketFd.get(), fileFd);
+    const bool sent =
+        pathToSocket ? sendDescriptor(socketFd.get(), fileFd) : sendContents(socketFd.get(), fileFd, stopFd);
     limitWaits(socketFd.get(), std::chrono::seconds(kFileScanLimitSeconds));
-    std::optional<std::string> reply = readReply(socketFd.get());
+    std::optional<std::string> reply = readReply(socketFd.get(), stopFd);
     if (!reply) {
         // A daemon that ends the connection without a word has most likely
         // died under the file: reported as unreachable, so it is recovered

@@ -120,9 +120,11 @@ public:
     // user (the system's service) read a file in a private folder; a daemon
     // over TCP gets the contents (zINSTREAM). Nothing is sent to a peer that
     // is not trusted (see untrustedPeer, untrustedLocalTcpServer): the
-    // connection checked is the one the file goes over.
+    // connection checked is the one the file goes over. A readable stopFd
+    // (an eventfd, say; -1 for none) ends the wait for the daemon at once,
+    // as Unreachable: the caller that stopped it knows why.
     static FileVerdict scanOpenFile(int fileFd, const std::optional<std::string>& pathToSocket,
-                                    const std::optional<TcpEngine>& tcpEngine);
+                                    const std::optional<TcpEngine>& tcpEngine, int stopFd = -1);
 
     // The verdict in a reply of clamd's NUL-ended protocol: "NAME: OK",
     // "NAME: SIGNATURE FOUND" or "NAME: REASON ERROR".

@@ -472,6 +472,16 @@ std::optional<std::string> ClamdSupervisor::clamdConfPATH() const
     return prefix ? std::optional<std::string>(*prefix + "/etc/clamd.conf") : std::nullopt;
 }
 
+std::optional<std::string> ClamdSupervisor::daemonConfigFile() const
+{
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!prefix_ || engine_ == Engine::Remote)
+        return std::nullopt;
+    if (engine_ == Engine::SystemService && !standingIn_)
+        return std::string(kServiceConfig);
+    return *daemonPrefixLocked() + "/etc/clamd.conf";
+}
+
 std::optional<std::string> ClamdSupervisor::clamdSocket() const
 {
     std::lock_guard<std::mutex> guard(mutex_);

@@ -154,6 +154,12 @@ public:
     std::optional<std::string> clamdConfPATH() const;
     // The socket scans and control messages go to now.
     std::optional<std::string> clamdSocket() const;
+    // The configuration of the daemon that scans now, where it lies on this
+    // machine: the stand-in's while it stands in, the system service's own
+    // (kServiceConfig) for the service, else the prefix's. Nothing for a
+    // daemon over TCP or without a prefix.
+    std::optional<std::string> daemonConfigFile() const;
+    static constexpr const char* kServiceConfig = "/etc/clamav/clamd.conf";
     bool weLaunchedClamd() const;
     void setWeLaunchedClamd(bool launched);
 

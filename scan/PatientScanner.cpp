@@ -1,25 +1,26 @@
 #include "scan/PatientScanner.h"
 
 #include "engine/ClamdSupervisor.h"
+#include "engine/DefinitionsIdentity.h"
 #include "platform/ChildProcess.h"
 #include "platform/DesktopNotifier.h"
+#include "platform/FileIdentity.h"
 #include "platform/FileWriting.h"
 #include "platform/FolderWalk.h"
 #include "platform/Log.h"
 #include "platform/LongPath.h"
 #include "platform/PathText.h"
-#include "platform/QuarantineRecords.h"
 #include "platform/UniqueFd.h"
+#include "platform/VerdictCache.h"
 #include "queue/Dispatcher.h"
 #include "scan/ClamdscanOutput.h"
 #include "scan/ExclusionPatterns.h"
-#include "scan/FileIdentity.h"
+#include "scan/FileMemory.h"
 #include "scan/Relocation.h"
 #include "scan/ScanActivity.h"
 #include "scan/ScanAlerts.h"
 #include "scan/ScanClients.h"
 #include "scan/ScannerHost.h"
-#include "platform/TrashInfo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -89,7 +90,8 @@ public:
     Run(PatientScanner& scanner, std::shared_ptr<const ScanParameters> parameters,
         const std::vector<std::string>& paths)
         : scanner_(scanner), host_(scanner.shared_.host), parameters_(std::move(parameters)),
-          busy_(scanner.shared_.activity, ScanActivity::Kind::Scan), generation_(host_.clamd().generation())
+          busy_(scanner.shared_.activity, ScanActivity::Kind::Scan), generation_(host_.clamd().generation()),
+          definitions_(scanner.shared_.definitions.current())
     {
         for (const std::string& path : paths) {
             asked_.insert(path);
@@ -97,6 +99,9 @@ public:
                 before_.emplace(path, *identity);
         }
     }
+
+    // The clean verdicts of the run go into the cache together.
+    ~Run() { scanner_.shared_.knownClean.flush(); }
 
     const AskedPaths& asked() const { return asked_; }
     const ScanParameters& parameters() const { return *parameters_; }
@@ -211,30 +216,22 @@ private:
     }
 
     // A file found clean that did not change while it was scanned is not
-    // sent to the engine again until it changes.
+    // sent to the engine again until it or the definitions change.
     void rememberClean(const std::string& path)
     {
         const auto before = before_.find(path);
-        const std::optional<FileIdentity> now = FileIdentity::ofRegularFile(path);
+        const std::optional<FileIdentity> now = definitions_ ? FileIdentity::ofRegularFile(path) : std::nullopt;
         if (before != before_.end() && now && *now == before->second)
-            scanner_.shared_.knownClean.remember(*now);
+            scanner_.shared_.knownClean.rememberClean(*now, *definitions_);
     }
 
     void recordMove(const ScanResult& result)
     {
-        const bool trashes = parameters_->settings && parameters_->settings->trashes();
-        if (trashes)
-            writeTrashInfo(MovedLine{result.path, *result.movedTo}, std::time(nullptr));
         // The quarantine page lists what the agent moved away; a move it
         // cannot record has happened all the same.
-        QuarantineRecord record;
-        record.originalPath = result.path;
-        record.storedPath = *result.movedTo;
-        record.signature = result.detail;
-        record.movedAt = std::time(nullptr);
-        record.place = trashes ? QuarantineRecord::Place::Trash : QuarantineRecord::Place::Quarantine;
+        const bool trashes = parameters_->settings && parameters_->settings->trashes();
         std::string error;
-        if (QuarantineRecords().record(std::move(record), &error) || recordFailureLogged_)
+        if (kv::recordMove(result.path, *result.movedTo, result.detail, trashes, &error) || recordFailureLogged_)
             return;
         recordFailureLogged_ = true;
         nsLogf("Can't record the move of %s in the quarantine index: %s", displayText(result.path).c_str(),
@@ -280,6 +277,8 @@ private:
     AskedPaths asked_;
     std::unordered_map<std::string, FileIdentity> before_;  // identities at the run's start
     uint64_t generation_;  // the daemon the run talks to (see ClamdSupervisor)
+    // The definitions at the run's start; none (a silent engine): no verdict is kept.
+    const std::optional<std::string> definitions_;
     bool lostDaemon_ = false;
     bool relaunched_ = false;
     bool recordFailureLogged_ = false;
@@ -336,10 +335,12 @@ void PatientScanner::scanBatch()
         return;
     dropExcluded(batch, parameters->settings.get());
     queueFilesOfFolders(batch);
-    std::erase_if(batch, [this](const std::string& path) {
-        const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(path);
-        return identity && shared_.knownClean.contains(*identity);
-    });
+    if (const std::optional<std::string> definitions = shared_.definitions.current()) {
+        std::erase_if(batch, [&](const std::string& path) {
+            const std::optional<FileIdentity> identity = FileIdentity::ofRegularFile(path);
+            return identity && shared_.knownClean.knownClean(*identity, *definitions);
+        });
+    }
 
     // Paths the list file cannot carry are scanned by descriptor, after
     // the listed ones; every path is, where clamdscan's own connections

@@ -14,16 +14,19 @@
 
 namespace kv {
 
+class DefinitionsIdentity;
 class Dispatcher;
 class FileMemory;
 class ScanActivity;
 class ScanClients;
 class ScannerHost;
+class VerdictCache;
 
 // One scanning worker. The agent runs two (Scanners), each on a thread of
 // its own. A worker sleeps until the queue has ready paths, takes a batch
 // of at most 200, drops the excluded ones and those already found clean
-// while unchanged, and has the rest scanned: by clamdscan over its list
+// while unchanged under the same definitions (by any scan of the user's:
+// VerdictCache), and has the rest scanned: by clamdscan over its list
 // file, or by descriptor over clamd's own protocol for names the list file
 // or clamdscan's output cannot carry (listFileCanCarry). Each file's
 // result (ScanResult) is logged and acted on as it comes in.
@@ -44,8 +47,9 @@ public:
         Dispatcher& queue;
         ScanActivity& activity;
         ScanClients& clients;
-        FileMemory& findings;    // files already reported: one finding, one warning
-        FileMemory& knownClean;  // files found clean, not scanned again while unchanged
+        FileMemory& findings;              // files already reported: one finding, one warning
+        VerdictCache& knownClean;          // files found clean, not scanned again while unchanged
+        DefinitionsIdentity& definitions;  // what knownClean's verdicts hold under
     };
 
     PatientScanner(std::string name, Shared shared);

@@ -2,6 +2,8 @@
 
 #include "platform/FileWriting.h"
 #include "platform/LongPath.h"
+#include "platform/QuarantineRecords.h"
+#include "platform/TrashInfo.h"
 #include "platform/UniqueFd.h"
 
 #include <fcntl.h>
@@ -12,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 namespace kv {
 namespace {
@@ -104,6 +107,20 @@ std::optional<std::string> moveScannedFile(const std::string& path, int scannedF
     }
     *why = "every name in " + folder + " is taken";
     return std::nullopt;
+}
+
+bool recordMove(const std::string& originalPath, const std::string& movedTo, const std::string& signature,
+                bool toTrash, std::string* error)
+{
+    if (toTrash)
+        writeTrashInfo(MovedLine{originalPath, movedTo}, std::time(nullptr));
+    QuarantineRecord record;
+    record.originalPath = originalPath;
+    record.storedPath = movedTo;
+    record.signature = signature;
+    record.movedAt = std::time(nullptr);
+    record.place = toTrash ? QuarantineRecord::Place::Trash : QuarantineRecord::Place::Quarantine;
+    return QuarantineRecords().record(std::move(record), error);
 }
 
 } // namespace kv

@@ -17,4 +17,12 @@ namespace kv {
 std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
                                            std::string* why);
 
+// After a found file was moved to movedTo: its .trashinfo when it went to
+// the Trash, and its line in the quarantine index (QuarantineRecords), so
+// the desktop and the Korvane application can tell where it came from.
+// False, with *error, when the index could not be written; the move has
+// happened all the same.
+bool recordMove(const std::string& originalPath, const std::string& movedTo, const std::string& signature,
+                bool toTrash, std::string* error);
+
 } // namespace kv

@@ -1,12 +1,14 @@
 #include "scan/Scanners.h"
 
 #include "queue/Dispatcher.h"
+#include "scan/ScannerHost.h"
 
 namespace kv {
 
 Scanners::Scanners(ScannerHost& host, Dispatcher& queue, ScanActivity& activity)
-    : first_("firstPatientScanner", {host, queue, activity, clients_, findings_, knownClean_}),
-      second_("secondPatientScanner", {host, queue, activity, clients_, findings_, knownClean_}),
+    : definitions_(host.clamd()),
+      first_("firstPatientScanner", {host, queue, activity, clients_, findings_, knownClean_, definitions_}),
+      second_("secondPatientScanner", {host, queue, activity, clients_, findings_, knownClean_, definitions_}),
       heldOpens_(first_, [&queue](const std::string& path) { queue.addStringToItemList(path); })
 {
 }

@@ -1,6 +1,8 @@
 #pragma once
 
-#include "scan/FileIdentity.h"
+#include "engine/DefinitionsIdentity.h"
+#include "platform/VerdictCache.h"
+#include "scan/FileMemory.h"
 #include "scan/HeldOpens.h"
 #include "scan/PatientScanner.h"
 #include "scan/ScanClients.h"
@@ -18,7 +20,9 @@ class ScannerHost;
 // The agent's two scanning workers, "firstPatientScanner" and
 // "secondPatientScanner", with what they share: the clients they run (so an
 // abort kills only those), the files already reported, and the files found
-// clean that are not scanned again while unchanged; and the opens that
+// clean that are not scanned again while they and the definitions stay
+// unchanged (the user's VerdictCache, shared with every other scan of the
+// user's, and the engine's DefinitionsIdentity); and the opens that
 // gfslogger's holder keeps waiting for their verdict (HeldOpens), scanned
 // through the first worker's settings, the files whose open went on without
 // one queued for the usual scan.
@@ -27,8 +31,6 @@ class ScannerHost;
 // workers and waits for them; the host, queue and activity outlive it.
 class Scanners {
 public:
-    // Files remembered as found clean; the oldest make room past it.
-    static constexpr std::size_t kCleanFilesRemembered = 1 << 16;
     static constexpr std::size_t kFindingsRemembered = 4096;
 
     Scanners(ScannerHost& host, Dispatcher& queue, ScanActivity& activity);
@@ -42,8 +44,10 @@ public:
     void configure(const std::shared_ptr<const ScanParameters>& parameters);
     // Kills the clamdscan clients running now (the queue is emptied apart).
     void killClients() { clients_.killAll(); }
-    // Files found clean are scanned again from now on (new definitions).
-    void forgetCleanFiles() { knownClean_.clear(); }
+    // The definitions were updated: the engine is asked for their identity
+    // again before the next lookup, so files found clean under the old ones
+    // are scanned again.
+    void forgetCleanFiles() { definitions_.forget(); }
     // The hold channel of the helper started last. Any thread.
     void serveHeldOpens(UniqueFd channel) { heldOpens_.serve(std::move(channel)); }
     HeldOpens::Counts heldOpens() const { return heldOpens_.counts(); }
@@ -52,7 +56,8 @@ public:
 private:
     ScanClients clients_;
     FileMemory findings_{kFindingsRemembered};
-    FileMemory knownClean_{kCleanFilesRemembered};
+    VerdictCache knownClean_;
+    DefinitionsIdentity definitions_;
     PatientScanner first_;
     PatientScanner second_;
     std::vector<std::thread> threads_;

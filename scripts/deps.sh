@@ -9,7 +9,7 @@ set -euo pipefail
 
 packages=(
   # build
-  cmake g++ make pkgconf
+  cmake g++ make pkgconf libsqlite3-dev
   qt6-base-dev qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools qt6-svg-dev libqt6opengl6-dev libgl-dev
   # run
   clamav-daemon clamdscan clamav-freshclam pkexec logrotate bzip2 xdg-utils libglib2.0-bin dbus procps
@@ -22,6 +22,8 @@ case "${1:-test}" in
     packages+=(
       # test
       libgtest-dev libgmock-dev dbus-x11 xxd xvfb trayer dunst xdotool imagemagick
+      # systemd-analyze verify, for the scheduled scan's units
+      systemd
       # the address sanitizer build (scripts/test.sh) is made with clang
       clang libclang-rt-14-dev
       # the Debian package: cpack's dependency list (dpkg-shlibdeps), its checks

@@ -3,6 +3,8 @@
 #include "tools/BusCommand.h"
 #include "tools/CommandStatus.h"
 #include "tools/DefaultsCommand.h"
+#include "tools/ScanCommand.h"
+#include "tools/ScheduleCommand.h"
 #include "tools/SetupCommand.h"
 
 #include <cstdio>
@@ -16,6 +18,10 @@ const char* usageText()
            "                          build the engine prefix and write the agent's preferences\n"
            "  setup --autostart | --no-autostart\n"
            "                          start the agent at login, or stop doing so\n"
+           "  scan [--no-subdirs] [--report-only] PATH...\n"
+           "                          scan files and folders now\n"
+           "  schedule (daily | weekly | off) [--at HH:MM] [--folder DIR]...\n"
+           "                          scan the watched folders (or DIRs) on a schedule, or no longer\n"
            "  defaults read [DOMAIN [KEY]]\n"
            "  defaults write DOMAIN KEY (-string S | -bool B | -int N | -float F | -json J)\n"
            "  defaults delete DOMAIN KEY\n"
@@ -42,6 +48,10 @@ int runCommandLine(const std::vector<std::string>& arguments)
         return SetupCommand().run(rest);
     if (command == "defaults")
         return DefaultsCommand().run(rest);
+    if (command == "scan")
+        return ScanCommand().run(rest);
+    if (command == "schedule")
+        return ScheduleCommand().run(rest);
     if (BusCommand::handles(command))
         return BusCommand().run(command, rest);
     return reportBadInput("unknown command \"" + command + "\" (velgarctl --help lists them)");

@@ -4,10 +4,13 @@
 // believe.
 
 #include "platform/QuarantineRecords.h"
+#include "platform/ScanLogFile.h"
+#include "scan/OnDemandScan.h"
 #include "scan/ExclusionPatterns.h"
 #include "platform/TrashInfo.h"
 #include "tests/support/ScanSupport.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <QJsonArray>
@@ -251,8 +254,60 @@ TEST_F(Scanning, UnchangedCleanFileIsNotScannedAgainUntilItChanges)
     EXPECT_NE(scan({clean}).find(ok), std::string::npos) << "changed, and not scanned again";
     ::chmod(clean.c_str(), 0600);
     EXPECT_NE(scan({clean}).find(ok), std::string::npos) << "its inode changed, and not scanned again";
-    scanner_.knownClean.clear();
-    EXPECT_NE(scan({clean}).find(ok), std::string::npos) << "forgotten, and not scanned again";
+    EXPECT_EQ(scan({clean}).find(ok), std::string::npos) << "sent to the engine again unchanged";
+    // New definitions: a signature file more in the engine's folder.
+    const std::string added = engine_->path() + "/db/added.ndb";
+    kvtest::writeFile(added, "Korvane.Test.Added:0:*:6b6f7276616e652d61646465640a\n");
+    scanner_.definitions.forget();
+    const std::string afterUpdate = scan({clean});
+    std::filesystem::remove(added);
+    EXPECT_NE(afterUpdate.find(ok), std::string::npos) << "new definitions, and not scanned again";
+}
+
+TEST_F(Scanning, CleanVerdictsAreSharedWithScansOnDemand)
+{
+    configure();
+    const std::string byAgent = file("agent.txt", "found clean by the agent\n");
+    EXPECT_NE(scan({byAgent}).find(byAgent + ": OK"), std::string::npos);
+    const std::string byHand = file("hand.txt", "found clean on demand\n");
+    const kv::ScanLogFile log(home_ / "scan.log");
+    kv::OnDemandScan onDemand({host_.clamd(), scanner_.definitions, scanner_.knownClean, log});
+    kv::OnDemandScan::Request request;
+    request.paths = {home_ / "watched"};
+    const kv::OnDemandSummary summary = onDemand.run(request);
+    EXPECT_EQ(summary.unchanged, 1u);
+    EXPECT_EQ(summary.scanned, 1u);
+    EXPECT_EQ(scan({byHand}).find(byHand + ": OK"), std::string::npos) << "a file found clean on demand, sent again";
+}
+
+TEST_F(Scanning, AStopEndsAScanOnDemandWhileTheEngineHoldsAFile)
+{
+    configure();
+    const std::string held = file("held.txt", "waits for its verdict\n");
+    ASSERT_TRUE(scanner_.definitions.current()) << "asked while the engine answers";
+    const int opens = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ::inotify_add_watch(opens, held.c_str(), IN_OPEN);
+    const kv::ScanLogFile log(home_ / "scan.log");
+    kv::OnDemandScan onDemand({host_.clamd(), scanner_.definitions, scanner_.knownClean, log});
+    kv::OnDemandScan::Request request;
+    request.paths = {held};
+    ::kill(engine_->daemonPid(), SIGSTOP);
+    std::atomic<bool> returned{false};
+    kv::OnDemandSummary summary;
+    std::thread scanning([&] {
+        summary = onDemand.run(request);
+        returned = true;
+    });
+    char event[sizeof(inotify_event) + 256];
+    EXPECT_TRUE(kvtest::waitFor([&] { return ::read(opens, event, sizeof event) > 0; }, 10000));
+    onDemand.stop();
+    const bool promptly = kvtest::waitFor([&] { return returned.load(); }, 3000);
+    ::kill(engine_->daemonPid(), SIGCONT);
+    scanning.join();
+    ::close(opens);
+    EXPECT_TRUE(promptly) << "the stop waited for the engine's verdict";
+    EXPECT_TRUE(summary.stopped);
+    EXPECT_EQ(summary.scanned, 0u);
 }
 
 TEST(ScanActivity, TheIndicatorWakesForEachBusySpellAndForItsStop)

@@ -6,7 +6,9 @@
 
 #include "engine/ClamdSupervisor.h"
 #include "queue/Dispatcher.h"
-#include "scan/FileIdentity.h"
+#include "engine/DefinitionsIdentity.h"
+#include "platform/VerdictCache.h"
+#include "scan/FileMemory.h"
 #include "scan/PatientScanner.h"
 #include "scan/ScanActivity.h"
 #include "scan/ScanAlerts.h"
@@ -78,8 +80,10 @@ private:
 // One scanning worker of the test's own ("firstPatientScanner") with its own
 // queue, on a host: a recording one, or the controller itself.
 class TestScanner {
+    kv::ScannerHost& host_;
+
 public:
-    explicit TestScanner(kv::ScannerHost& host) : host_(host) {}
+    explicit TestScanner(kv::ScannerHost& host) : host_(host), definitions(host.clamd()) {}
 
     // The parameters a start of watching with these settings would give.
     void configure(std::shared_ptr<const kv::Settings> settings, const std::string& enginePrefix,
@@ -91,12 +95,13 @@ public:
     kv::ScanActivity activity;
     kv::ScanClients clients;
     kv::FileMemory findings{64};
-    kv::FileMemory knownClean{64};
+    kv::VerdictCache knownClean;  // the user's own: $XDG_DATA_HOME when the scanner is made
+    kv::DefinitionsIdentity definitions;
 
 private:
-    kv::ScannerHost& host_;
     kv::Dispatcher queue_{[] {}};
-    kv::PatientScanner scanner_{"firstPatientScanner", {host_, queue_, activity, clients, findings, knownClean}};
+    kv::PatientScanner scanner_{"firstPatientScanner",
+                                {host_, queue_, activity, clients, findings, knownClean, definitions}};
 };
 
 // The scanner tests: the suite's clamd, and for each test a private home,

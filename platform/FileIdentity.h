@@ -2,14 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
-#include <tuple>
 
 namespace kv {
 
@@ -32,27 +27,6 @@ struct FileIdentity {
     static std::optional<FileIdentity> ofRegularFile(const std::string& path);
 
     auto operator<=>(const FileIdentity&) const = default;
-};
-
-// A bounded set of identities shared by the scanners: the files already
-// reported as infected (one finding, one warning) or found clean (not sent
-// to the engine again while unchanged). The oldest entries make room past
-// the capacity. Any thread.
-class FileMemory {
-public:
-    explicit FileMemory(std::size_t capacity) : capacity_(capacity) {}
-
-    // True when the identity was not remembered yet; it is from now on.
-    bool remember(const FileIdentity& identity);
-    bool contains(const FileIdentity& identity) const;
-    void forget(const FileIdentity& identity);
-    void clear();
-
-private:
-    const std::size_t capacity_;
-    mutable std::mutex mutex_;
-    std::set<FileIdentity> known_;       // guarded by mutex_
-    std::deque<FileIdentity> arrivals_;  // guarded by mutex_: oldest first, may hold forgotten ones
 };
 
 } // namespace kv
