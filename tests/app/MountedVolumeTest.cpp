@@ -89,7 +89,7 @@ protected:
 // files one by one, the infected one quarantined.
 TEST_F(MountedVolumes, NewVolumeIsScannedWholeOnlyWhenAsked)
 {
-    for (const QJsonValue asked : {QJsonValue(QJsonValue::Undefined), QJsonValue(false), QJsonValue(true)}) {
+    for (const QJsonValue& asked : {QJsonValue(QJsonValue::Undefined), QJsonValue(false), QJsonValue(true)}) {
         watch(asked.isUndefined() ? QJsonObject{} : QJsonObject{{"VelgarScanVolumes", asked}});
         ScopedVolume volume;
         const size_t before = volumes_.seen.size();
