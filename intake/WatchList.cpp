@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <optional>
 
 namespace kv {
@@ -139,6 +140,24 @@ void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, boo
         if (mayHoldAdmitted(root))
             walked.push_back(root);
     }
+    // A root inside another is reached by that one's walk (it descends into
+    // every folder that may hold admitted files), unless it is a link, which
+    // the walk does not follow below its roots. Walked twice, its files
+    // would be queued twice.
+    const auto inside = [](std::string_view inner, std::string_view outer) {
+        inner = withoutTrailingSlash(inner);
+        outer = withoutTrailingSlash(outer);
+        if (outer == "/")
+            return inner.size() > 1 && inner.front() == '/';
+        return inner.size() > outer.size() + 1 && inner.starts_with(outer) && inner[outer.size()] == '/';
+    };
+    const std::vector<std::string> all = walked;
+    std::erase_if(walked, [&](const std::string& root) {
+        struct stat status {};
+        if (::lstat(root.c_str(), &status) != 0 || S_ISLNK(status.st_mode))
+            return false;
+        return std::any_of(all.begin(), all.end(), [&](const std::string& outer) { return inside(root, outer); });
+    });
     bool goesOn = true;
     walkFiles(
         walked, followRoots, [this](const std::string& folder) { return mayHoldAdmitted(folder); },
