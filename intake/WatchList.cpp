@@ -141,8 +141,8 @@ void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, boo
             walked.push_back(root);
     }
     // A root inside another is reached by that one's walk (it descends into
-    // every folder that may hold admitted files), unless it is a link, which
-    // the walk does not follow below its roots. Walked twice, its files
+    // every folder that may hold admitted files), unless one of them is a
+    // link the walk does not follow. Walked twice, its files
     // would be queued twice.
     const auto inside = [](std::string_view inner, std::string_view outer) {
         inner = withoutTrailingSlash(inner);
@@ -151,12 +151,17 @@ void WatchList::forEachAdmittedFileIn(const std::vector<std::string>& roots, boo
             return inner.size() > 1 && inner.front() == '/';
         return inner.size() > outer.size() + 1 && inner.starts_with(outer) && inner[outer.size()] == '/';
     };
-    const std::vector<std::string> all = walked;
-    std::erase_if(walked, [&](const std::string& root) {
+    const auto isLink = [](const std::string& path) {
         struct stat status {};
-        if (::lstat(root.c_str(), &status) != 0 || S_ISLNK(status.st_mode))
-            return false;
-        return std::any_of(all.begin(), all.end(), [&](const std::string& outer) { return inside(root, outer); });
+        return ::lstat(path.c_str(), &status) != 0 || S_ISLNK(status.st_mode);
+    };
+    std::vector<std::string> outers;
+    for (const std::string& root : walked)
+        if (followRoots || !isLink(root))
+            outers.push_back(root);
+    std::erase_if(walked, [&](const std::string& root) {
+        return !isLink(root) &&
+               std::any_of(outers.begin(), outers.end(), [&](const std::string& outer) { return inside(root, outer); });
     });
     bool goesOn = true;
     walkFiles(
