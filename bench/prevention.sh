@@ -12,7 +12,9 @@
 # 1. Reopening verified files: 10,000 files of 4 KiB are written, the
 #    scanner's work on them is let settle, every file is read once (the
 #    first reads, which the agent holds and scans), and then every file is
-#    opened and read again, several rounds.
+#    opened and read again, several rounds; then as many rounds over the
+#    same number of files outside the watched folder, on the same file
+#    system (what holding costs everything else there).
 # 2. First opens: 50 new clean files of 1 MiB, one at a time: each written,
 #    closed, and opened and read at once; the open's wait.
 # 3. Unpacking: a ustar archive of 10,000 files of 4 KiB in 100 folders,
@@ -34,7 +36,10 @@
 # PREVENTION_FILE_SIZE, PREVENTION_REOPEN_ROUNDS, PREVENTION_FRESH_FILES,
 # PREVENTION_FRESH_SIZE, PREVENTION_FRESH_PAUSE, PREVENTION_UNPACK_ROUNDS,
 # PREVENTION_MAX_LOAD (the 1-minute load each part waits for, up to
-# PREVENTION_LOAD_WAIT seconds); PREVENTION_KEEP=1 keeps the logs.
+# PREVENTION_LOAD_WAIT seconds); PREVENTION_KEEP=1 keeps the logs;
+# PREVENTION_ENGINE_TMP (clamd's TemporaryDirectory, made for the run);
+# PREVENTION_PROFILE=1 samples 20 more reopening passes with perf(1) and
+# says what share of them the kernel's notification hooks took.
 set -euo pipefail
 source "$(dirname "$0")/../tests/support/machine_lock.sh"
 cd "$(dirname "$0")/.."
@@ -50,6 +55,9 @@ unpack_rounds=${PREVENTION_UNPACK_ROUNDS:-5}
 max_load=${PREVENTION_MAX_LOAD:-0.7}
 load_wait=${PREVENTION_LOAD_WAIT:-90}
 hold_seconds=5
+# clamd makes and removes a folder of its own for every scan, in /tmp unless
+# told otherwise: PREVENTION_ENGINE_TMP names another (say, on a tmpfs).
+engine_tmp=${PREVENTION_ENGINE_TMP:-}
 
 agent=$build/bin/korvane-velgar
 ctl=$build/bin/velgarctl
@@ -69,7 +77,7 @@ work=$(mktemp -d /tmp/kv-prevention-XXXXXX)
 drop=$(mktemp -d /tmp/kv-prevention-drop-XXXXXX)
 stage=$(mktemp -d /tmp/kv-prevention-stage-XXXXXX)
 prefix=$work/prefix
-agent_pid='' onacc_pid='' bus_pid='' helper_pid='' holder_pid='' measure_pid=''
+agent_pid='' onacc_pid='' bus_pid='' helper_pid='' holder_pid='' measure_pid='' engine_tmp_made=''
 
 daemon_pids() {  # the clamd of this run only: by its pid file and its unique prefix
   { cat "$prefix/run/clamd.pid" 2>/dev/null || true; pgrep -f "^$prefix/sbin/clamd " || true; } | sort -u
@@ -108,6 +116,7 @@ cleanup() {
   if [ -n "$(daemon_pids)" ]; then echo "WARNING: a clamd of this run still runs: $(daemon_pids)"; fi
   if [ "${PREVENTION_KEEP:-}" = 1 ]; then echo "kept $work"; rm -rf "$work/prefix"; else rm -rf "$work"; fi
   rm -rf "$drop" "$stage"
+  [ -z "$engine_tmp_made" ] || rm -rf "$engine_tmp_made"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
@@ -152,8 +161,11 @@ settle() {
 # The daemon's clean scans so far (its log has a line for each in the
 # clamonacc mode, LogClean).
 engine_scans() { grep -c ': OK$' "$work/engine.log" 2>/dev/null || true; }
-# On-CPU nanoseconds of all of a process's threads.
-cpu_ns() { [ -n "$1" ] && cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{s += $1} END {printf "%.0f", s}' || echo 0; }
+# A process's CPU time in ns (user and system, in clock ticks: its threads
+# that have ended still count, which the threads' schedstat would not).
+cpu_ns() {
+  awk -v hz="$(getconf CLK_TCK)" '{printf "%.0f", ($14 + $15) / hz * 1e9}' "/proc/$1/stat" 2>/dev/null || echo 0
+}
 daemon_pid() { cat "$prefix/run/clamd.pid" 2>/dev/null || true; }
 # cpu_sample: the on-CPU ns of the agent, its helper, the holder, clamd and
 # clamonacc, in that order.
@@ -164,12 +176,15 @@ cpu_report() {  # cpu_report BEFORE AFTER
   awk -v a="$1" -v b="$2" 'BEGIN {
     split(a, x, " "); split(b, y, " "); split("agent gfslogger holder clamd clamonacc", n, " ")
     line = "  CPU s:"
-    for (i = 1; i <= 5; i++) if (y[i] > 0) line = line sprintf(" %s %.3f", n[i], (y[i] - x[i]) / 1e9)
+    for (i = 1; i <= 5; i++) if (y[i] > 0) line = line sprintf(" %s %.2f", n[i], (y[i] - x[i]) / 1e9)
     print line
   }'
 }
 field() { sed -n "s/.*[ ]$1=\([^ ]*\).*/\1/p"; }
 median() { sort -g | awk '{v[NR] = $1} END {if (NR) print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2)}'; }
+# values MODE FILE-GLOB RESULT-KIND FIELD: one value per matching file.
+# shellcheck disable=SC2086 # FILE-GLOB: a pattern, expanded here
+values() { cat $2 2>/dev/null | grep "^RESULT $3 " | field "$4"; }
 new_folder() { install -d -o nobody -g nogroup -m 755 "$1"; }
 
 start_daemon() {
@@ -228,18 +243,29 @@ DatabaseDirectory $prefix/db
 PidFile $prefix/run/clamd.pid
 Foreground no
 LogFile $work/engine.log
+LogFileMaxSize 0
 OnAccessIncludePath $drop
 OnAccessPrevention yes
 OnAccessExcludeRootUID yes
+${engine_tmp:+TemporaryDirectory $engine_tmp}
 ${1:-}
 EOF
 }
+if [ -n "$engine_tmp" ]; then
+  engine_tmp_made=$(mktemp -d "$engine_tmp/kv-prevention-engine-XXXXXX")
+  engine_tmp=$engine_tmp_made
+fi
 write_daemon_conf
 printf '#!/bin/sh\nexec /usr/bin/clamdscan --config-file=%s/etc/clamd.conf "$@"\n' "$prefix" > "$prefix/bin/clamdscan"
 chmod 755 "$prefix/bin/clamdscan"
 
-if ! wait_for 30 bash -c '! pgrep -x clamd >/dev/null && ! pgrep -x clamonacc >/dev/null'; then
-  echo "another clamd or clamonacc runs on this machine; stop it first"; exit 1
+# Another clamonacc would hold opens too. Another clamd (a run that holds
+# no lock left it) is only load: said, and the run goes on.
+if ! wait_for 30 bash -c '! pgrep -x clamonacc >/dev/null'; then
+  echo "a clamonacc runs on this machine; stop it first"; exit 1
+fi
+if pgrep -x clamd >/dev/null; then
+  echo "note: other clamd daemons run: $(pgrep -x clamd | paste -sd' ') (their CPU is load like any other)"
 fi
 
 "$ctl" defaults write com.korvane.Korvane PathToClamav -string "$prefix" >/dev/null
@@ -248,12 +274,15 @@ fi
 "$ctl" defaults write com.korvane.Korvane BlockAtMostSeconds -int "$hold_seconds" >/dev/null
 
 echo "Holding opens, beside prevention off and clamonacc: $(date '+%Y-%m-%d %H:%M'), $(nproc) cores, $(uname -r), clamd $(/usr/sbin/clamd --version | cut -d/ -f1), commit $(git rev-parse --short HEAD 2>/dev/null || echo unknown)"
-echo "watched folder $drop; modes: $modes"
+echo "watched folder $drop; modes: $modes; clamd's temporary folders in ${engine_tmp:-/tmp}"
 
 # The archive: made once, outside the watched folder.
-"$bench" make "$stage" "$files" "$file_size" >/dev/null
-(cd "$stage" && runuser -u nobody -- tar --format=ustar -cf archive.tar d[0-9]*)
-rm -rf "$stage"/d[0-9]*
+# Its files stay, for reading outside the watched folder on the same file
+# system.
+outside=$stage/tree
+install -d -o nobody -g nogroup -m 755 "$outside"
+"$bench" make "$outside" "$files" "$file_size" >/dev/null
+(cd "$outside" && runuser -u nobody -- tar --format=ustar -cf ../archive.tar d[0-9]*)
 echo "archive: $(tar -tf "$stage/archive.tar" | grep -vc '/$') files, $(du -m "$stage/archive.tar" | cut -f1) MB"
 
 start_mode() {
@@ -303,21 +332,55 @@ for mode in $modes; do
   quiet_machine "first reads"
   e0=$(engine_scans)
   c0=$(cpu_sample)
+  profiling=''
+  if [ "${PREVENTION_PROFILE:-}" = 1 ] && [ "$mode" = on ] && command -v perf >/dev/null; then
+    # Where a held open's time goes: the holder, the agent and clamd sampled
+    # while they serve the first reads.
+    perf record -q -F 2000 -o "$work/on-first.perf" -p "$holder_pid,$agent_pid,$(daemon_pid)" 2>/dev/null &
+    profiling=$!
+    sleep 1
+  fi
   measured "$work/$mode-first.txt" "$bench" read "$folder"
   cpu_report "$c0" "$(cpu_sample)"
+  if [ -n "$profiling" ]; then
+    kill -INT "$profiling"; wait "$profiling" || true
+    echo "  samples by process:"
+    perf report -q -i "$work/on-first.perf" --stdio --no-children --sort pid 2>/dev/null | head -3 | sed 's/^ */    /' || true
+    for pid in "$holder_pid" "$agent_pid" "$(daemon_pid)"; do
+      perf report -q -i "$work/on-first.perf" --stdio --no-children --percentage relative --pid "$pid" --sort dso,sym 2>/dev/null |
+        head -8 > "$work/on-first-$pid.profile" || true
+      echo "  profile of $(cat "/proc/$pid/comm") $pid while it served the first reads, its top eight:"
+      sed 's/^ */    /' "$work/on-first-$pid.profile"
+    done
+  fi
   [ "$mode" != clamonacc ] || echo "  the daemon's clean scans: $(( $(engine_scans) - e0 ))"
   settle
   # clamonacc scans every open and read: a few rounds tell as much.
   rounds=$reopen_rounds
   [ "$mode" != clamonacc ] || rounds=$(( reopen_rounds < 3 ? reopen_rounds : 3 ))
   e0=$(engine_scans)
+  quiet_machine "reopening"
+  c0=$(cpu_sample)
   for round in $(seq "$rounds"); do
-    [ "$round" -gt 1 ] || quiet_machine "reopening"
-    c0=$(cpu_sample)
     measured "$work/$mode-reopen-$round.txt" "$bench" read "$folder"
-    cpu_report "$c0" "$(cpu_sample)"
   done
+  cpu_report "$c0" "$(cpu_sample)"
   [ "$mode" != clamonacc ] || echo "  the daemon's clean scans: $(( $(engine_scans) - e0 ))"
+  echo "  the same reading outside the watched folder:"
+  for round in $(seq "$reopen_rounds"); do
+    "$bench" read "$outside" > "$work/$mode-outside-$round.txt"
+  done
+  echo "  median $(values "$mode" "$work/$mode-outside-*.txt" read s | median) s over $reopen_rounds rounds"
+  if [ "${PREVENTION_PROFILE:-}" = 1 ] && [ "$mode" != clamonacc ] && command -v perf >/dev/null; then
+    # Where a reopen's time goes in the kernel: 20 more passes sampled, and
+    # the share of the samples in the notification hooks.
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    perf record -q -F 20000 -o "$work/$mode-reopen.perf" -- \
+      sh -c 'for i in $(seq 20); do "$1" read "$2" >/dev/null; done' sh "$bench" "$folder" 2>/dev/null
+    perf report -q -i "$work/$mode-reopen.perf" --stdio --no-children --sort sym 2>/dev/null > "$work/$mode-reopen.profile" || true
+    echo "  profile of 20 passes: $(awk '/fsnotify|fanotify/ {s += $1} END {printf "%.1f", s}' "$work/$mode-reopen.profile") % of the samples in fsnotify and fanotify; the top five there:"
+    grep -E 'fsnotify|fanotify' "$work/$mode-reopen.profile" | head -5 | sed 's/^ */    /'
+  fi
   if [ "$mode" = none ]; then
     # The engine alone on the same files: what it adds to each held open.
     echo "  the same files scanned by descriptor, one connection each, one at a time:"
@@ -363,9 +426,6 @@ for mode in $modes; do
 done
 
 # ------------------------------------------------------------------ summary
-# values MODE FILE-GLOB RESULT-KIND FIELD: one value per matching file.
-# shellcheck disable=SC2086 # FILE-GLOB: a pattern, expanded here
-values() { cat $2 2>/dev/null | grep "^RESULT $3 " | field "$4"; }
 reopen() { values "$1" "$work/$1-reopen-*.txt" read s | median; }
 unpack() { values "$1" "$work/$1-unpack-*.txt" unpack total_s | median; }
 longest() {
@@ -396,9 +456,16 @@ unpack_cell() {
   local s; s=$(unpack "$1")
   echo "$s s (x$(ratio "$s" "$(unpack off)") of off; extract $(values "$1" "$work/$1-unpack-*.txt" unpack extract_s | median), read $(values "$1" "$work/$1-unpack-*.txt" unpack read_s | median))"
 }
-longest_cell() { echo "$(longest "$1") ms"; }
+longest_cell() {
+  echo "$(longest "$1") ms (one read call: $(cat "$work/$1"-*.txt 2>/dev/null | grep '^RESULT ' | field read_call_max_ms | sort -g | tail -1) ms)"
+}
 row "1. reopening $files verified files, median of $reopen_rounds" reopen_cell
+outside_cell() {
+  local s; s=$(values "$1" "$work/$1-outside-*.txt" read s | median)
+  echo "$s s (x$(ratio "$s" "$(values off "$work/off-outside-*.txt" read s | median)") of off)"
+}
 row "1. their open waits" reopen_wait_cell
+row "1. the same reading outside the watched folder, median of $reopen_rounds" outside_cell
 row "1. the first reads of the same files" first_cell
 row "2. first open of a new $fresh_size-byte file, p50 / p95 ($fresh_files)" fresh_cell
 row "3. unpacking $files files and reading them, median of $unpack_rounds" unpack_cell

@@ -79,6 +79,39 @@ void becomeNobody()
     ::umask(022);
 }
 
+// This process's time on a CPU and waiting for one (run queue), from
+// /proc/self/schedstat: the rest of a phase's wall time it was blocked,
+// in a held open among other things.
+struct Sched {
+    double onCpu = 0;
+    double runnable = 0;
+
+    static Sched now()
+    {
+        Sched sched;
+        unsigned long long cpu = 0, wait = 0;
+        if (std::FILE* file = std::fopen("/proc/self/schedstat", "r")) {
+            if (std::fscanf(file, "%llu %llu", &cpu, &wait) == 2) {
+                sched.onCpu = static_cast<double>(cpu) / 1e9;
+                sched.runnable = static_cast<double>(wait) / 1e9;
+            }
+            std::fclose(file);
+        }
+        return sched;
+    }
+
+    // "NAME_cpu_s=... NAME_runq_s=... NAME_blocked_s=..." for a phase of
+    // `wall` seconds that began at `start`.
+    std::string since(const Sched& start, double wall, const char* name) const
+    {
+        const double cpu = onCpu - start.onCpu, runq = runnable - start.runnable;
+        char text[160];
+        std::snprintf(text, sizeof text, "%s_cpu_s=%.3f %s_runq_s=%.3f %s_blocked_s=%.3f", name, cpu, name, runq, name,
+                      wall - cpu - runq);
+        return text;
+    }
+};
+
 // Every open's wait, and what the opens failed on.
 class Opens {
 public:
@@ -143,13 +176,19 @@ private:
     int failures_ = 0;
 };
 
+// The longest single read(2) call: a scanner that also holds reads (access
+// permission events) makes them wait too.
+double longestRead = 0;
+
 // Reads fd to its end; the byte count, or -1.
 long long readToEnd(int fd)
 {
     static char buffer[1 << 16];
     long long total = 0;
     for (;;) {
+        const Clock::time_point start = Clock::now();
         const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        longestRead = std::max(longestRead, seconds(Clock::now() - start));
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -233,11 +272,13 @@ int read(const std::string& folder)
             paths.push_back(entry.path().string());
     std::sort(paths.begin(), paths.end());
     Opens opens;
+    const Sched before = Sched::now();
     const Clock::time_point start = Clock::now();
     const long long bytes = readAll(opens, paths);
     const double took = seconds(Clock::now() - start);
-    std::printf("RESULT read files=%zu bytes=%lld s=%.5f %s longest=%s\n", paths.size(), bytes, took,
-                opens.summary().c_str(), opens.longestPath().c_str());
+    std::printf("RESULT read files=%zu bytes=%lld s=%.5f %s read_call_max_ms=%.3f %s longest=%s\n", paths.size(), bytes,
+                took, opens.summary().c_str(), longestRead * 1000, Sched::now().since(before, took, "self").c_str(),
+                opens.longestPath().c_str());
     return opens.failures() ? 1 : 0;
 }
 
@@ -268,8 +309,8 @@ int fresh(const std::string& folder, int count, size_t size, double pause)
         const size_t at = static_cast<size_t>(std::ceil(share * static_cast<double>(whole.size())));
         return whole.empty() ? static_cast<double>(NAN) : whole[std::max<size_t>(at, 1) - 1] * 1000;
     };
-    std::printf("RESULT fresh files=%d read_p50_ms=%.3f read_p95_ms=%.3f %s longest=%s\n", count, rank(0.5),
-                rank(0.95), reads.summary().c_str(), reads.longestPath().c_str());
+    std::printf("RESULT fresh files=%d read_p50_ms=%.3f read_p95_ms=%.3f %s read_call_max_ms=%.3f longest=%s\n", count,
+                rank(0.5), rank(0.95), reads.summary().c_str(), longestRead * 1000, reads.longestPath().c_str());
     std::printf("RESULT fresh-writes %s\n", writes.summary().c_str());
     return reads.failures() || writes.failures() ? 1 : 0;
 }
@@ -313,6 +354,7 @@ int unpack(const std::string& archivePath, const std::string& folder)
     }
     Opens writes, reads;
     std::vector<std::string> files;
+    const Sched before = Sched::now();
     const Clock::time_point start = Clock::now();
     for (size_t at = 0; at + 512 <= data.size();) {
         Member member;
@@ -333,12 +375,16 @@ int unpack(const std::string& archivePath, const std::string& folder)
         at += padded;
     }
     const Clock::time_point extracted = Clock::now();
+    const Sched between = Sched::now();
     const long long bytes = readAll(reads, files);
     const Clock::time_point done = Clock::now();
-    std::printf("RESULT unpack files=%zu bytes=%lld extract_s=%.3f read_s=%.3f total_s=%.3f\n", files.size(), bytes,
-                seconds(extracted - start), seconds(done - extracted), seconds(done - start));
+    std::printf("RESULT unpack files=%zu bytes=%lld extract_s=%.3f read_s=%.3f total_s=%.3f %s %s\n", files.size(),
+                bytes, seconds(extracted - start), seconds(done - extracted), seconds(done - start),
+                between.since(before, seconds(extracted - start), "extract").c_str(),
+                Sched::now().since(between, seconds(done - extracted), "read").c_str());
     std::printf("RESULT unpack-writes %s longest=%s\n", writes.summary().c_str(), writes.longestPath().c_str());
-    std::printf("RESULT unpack-reads %s longest=%s\n", reads.summary().c_str(), reads.longestPath().c_str());
+    std::printf("RESULT unpack-reads %s read_call_max_ms=%.3f longest=%s\n", reads.summary().c_str(),
+                longestRead * 1000, reads.longestPath().c_str());
     return reads.failures() || writes.failures() ? 1 : 0;
 }
 
