@@ -142,8 +142,12 @@ ScanPage::ScanPage(PageContext& context, QWidget* parent) : QWidget(parent), con
     table_ = new QTableWidget(0, 3, this);
     table_->setObjectName("scanResults");
     table_->setHorizontalHeaderLabels({tr("File"), tr("Found"), tr("What was done")});
-    table_->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
-    table_->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
+    // The path and what was done share the width; a long one is cut in its
+    // middle (its tool tip has it whole).
+    table_->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
+    table_->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    table_->setTextElideMode(Qt::ElideMiddle);
+    table_->setWordWrap(false);
     table_->verticalHeader()->hide();
     table_->setSelectionBehavior(QAbstractItemView::SelectRows);
     table_->setSelectionMode(QAbstractItemView::SingleSelection);
