@@ -84,6 +84,7 @@ TEST(KorvaneScan, FoundFilesAreListedAndMovedFromTheirRowsAndKorvaneScanKeepsNam
 
     // The program, as a file manager starts it: the odd name's bytes reach the scan.
     writeFile(odd, eicar());
+    writeFile(k.home / "Library/Logs/KorvaneVelgar-scan.log", "");
     std::optional<kv::ChildProcess> korvane =
         kv::ChildProcess::spawn({KORVANE_PATH, "--scan", "--", odd}, kv::ChildProcess::Output::Null);
     ASSERT_TRUE(korvane);
