@@ -7,19 +7,25 @@
 #include "korvane/HistoryPage.h"
 #include "korvane/PreferenceStore.h"
 #include "korvane/ProtectionPage.h"
+#include "korvane/ScanPage.h"
 #include "korvane/QuarantinePage.h"
 #include "korvane/WatchedFoldersPage.h"
 #include "korvane/WhenFoundPage.h"
 
+#include <QDragEnterEvent>
+#include <QDropEvent>
 #include <QHBoxLayout>
 #include <QIcon>
 #include <QLabel>
 #include <QListWidget>
+#include <QMimeData>
 #include <QScrollArea>
 #include <QStackedWidget>
 #include <QStyle>
 #include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace kv {
 namespace {
@@ -33,6 +39,7 @@ struct PageLook {
 
 const PageLook kLooks[] = {
     {Page::Protection, QT_TRANSLATE_NOOP("MainWindow", "Protection"), "security-high", QStyle::SP_ComputerIcon},
+    {Page::Scan, QT_TRANSLATE_NOOP("MainWindow", "Scan"), "system-search", QStyle::SP_FileDialogContentsView},
     {Page::WatchedFolders, QT_TRANSLATE_NOOP("MainWindow", "Watched Folders"), "folder", QStyle::SP_DirIcon},
     {Page::WhenFound, QT_TRANSLATE_NOOP("MainWindow", "When a Virus Is Found"), "dialog-warning",
      QStyle::SP_MessageBoxWarning},
@@ -74,6 +81,7 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     // Pages may tell the user something while they are being made.
     context_.tell = [this](const QString& text, bool problem) { tell(text, problem); };
     protection_ = new ProtectionPage(context_);
+    scan_ = new ScanPage(context_);
     folders_ = new WatchedFoldersPage(context_);
     found_ = new WhenFoundPage(context_);
     exclusions_ = new ExclusionsPage(context_);
@@ -82,7 +90,7 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     history_ = new HistoryPage(context_);
     advanced_ = new AdvancedPage(context_);
     const std::map<Page, QWidget*> pages{
-        {Page::Protection, protection_}, {Page::WatchedFolders, folders_}, {Page::WhenFound, found_},
+        {Page::Protection, protection_}, {Page::Scan, scan_}, {Page::WatchedFolders, folders_}, {Page::WhenFound, found_},
         {Page::Exclusions, exclusions_}, {Page::Definitions, definitions_}, {Page::Quarantine, quarantine_},
         {Page::History, history_},       {Page::Advanced, advanced_},
     };
@@ -114,7 +122,28 @@ MainWindow::MainWindow(PageContext& context, QWidget* parent) : QMainWindow(pare
     };
     connect(&context_.prefs, &PreferenceStore::changed, this, showProblems);
     showProblems();
+    setAcceptDrops(true);
     resize(1020, 640);
+}
+
+void MainWindow::dragEnterEvent(QDragEnterEvent* event)
+{
+    const QList<QUrl> urls = event->mimeData()->urls();
+    if (std::any_of(urls.begin(), urls.end(), [](const QUrl& url) { return ScanPage::localPath(url).has_value(); }))
+        event->acceptProposedAction();
+}
+
+void MainWindow::dropEvent(QDropEvent* event)
+{
+    std::vector<std::string> paths;
+    for (const QUrl& url : event->mimeData()->urls())
+        if (const std::optional<std::string> path = ScanPage::localPath(url))
+            paths.push_back(*path);
+    if (paths.empty())
+        return;
+    event->acceptProposedAction();
+    scan_->addPaths(paths);
+    showPage(Page::Scan);
 }
 
 void MainWindow::showPage(Page page)

@@ -19,6 +19,7 @@ class DefinitionsPage;
 class ExclusionsPage;
 class HistoryPage;
 class ProtectionPage;
+class ScanPage;
 class QuarantinePage;
 class WatchedFoldersPage;
 class WhenFoundPage;
@@ -30,6 +31,8 @@ class MainWindow : public QMainWindow {
 public:
     explicit MainWindow(PageContext& context, QWidget* parent = nullptr);
 
+    // Files and folders dropped on the window go to the Scan page.
+
     void showPage(Page page);
     // A page by its name ("diagnostics" shows the History page's agent
     // lines); false for a name no page has.
@@ -39,6 +42,7 @@ public:
     QString message() const;
 
     ProtectionPage* protection() const { return protection_; }
+    ScanPage* scan() const { return scan_; }
     WatchedFoldersPage* watchedFolders() const { return folders_; }
     WhenFoundPage* whenFound() const { return found_; }
     ExclusionsPage* exclusions() const { return exclusions_; }
@@ -47,6 +51,10 @@ public:
     HistoryPage* history() const { return history_; }
     AdvancedPage* advanced() const { return advanced_; }
 
+protected:
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
 private:
     PageContext& context_;
     QListWidget* sideBar_;
@@ -54,6 +62,7 @@ private:
     QLabel* messageBar_;
     QStringList preferenceProblems_;  // as last told
     ProtectionPage* protection_;
+    ScanPage* scan_;
     WatchedFoldersPage* folders_;
     WhenFoundPage* found_;
     ExclusionsPage* exclusions_;

@@ -10,6 +10,7 @@ QString pageName(Page page)
 {
     switch (page) {
     case Page::Protection: return QStringLiteral("protection");
+    case Page::Scan: return QStringLiteral("scan");
     case Page::WatchedFolders: return QStringLiteral("folders");
     case Page::WhenFound: return QStringLiteral("found");
     case Page::Exclusions: return QStringLiteral("exclusions");

@@ -1,8 +1,11 @@
-// korvane: the settings, quarantine and history application of Korvane
-// Velgar. One runs per session: a second one hands its page to the first.
+// korvane: the settings, scan, quarantine and history application of
+// Korvane Velgar. One runs per session: a second one hands its page to the
+// first. `korvane --scan PATH...` opens a window of its own on the Scan
+// page and starts scanning at once.
 
 #include "korvane/Korvane.h"
 #include "korvane/Pages.h"
+#include "korvane/ScanPage.h"
 #include "platform/BusContract.h"
 #include "platform/DBusDistributedCenter.h"
 
@@ -12,6 +15,8 @@
 #include <QIcon>
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 int main(int argc, char** argv)
 {
@@ -29,15 +34,42 @@ int main(int argc, char** argv)
                        "diagnostics or advanced."),
         QStringLiteral("NAME"), QStringLiteral("protection"));
     parser.addOption(pageOption);
+    const QCommandLineOption scanOption(QStringLiteral("scan"),
+                                        QStringLiteral("Scan the files and folders given now, in a window of its own."));
+    parser.addOption(scanOption);
+    parser.addPositionalArgument(QStringLiteral("PATH"), QStringLiteral("A file or folder to scan (with --scan)."),
+                                 QStringLiteral("[PATH...]"));
     parser.process(application);
     const QString page = parser.value(pageOption);
     if (!kv::pageNamed(page)) {
         std::fprintf(stderr, "korvane: there is no page \"%s\"\n", qPrintable(page));
         return 2;
     }
+    const bool scan = parser.isSet(scanOption);
+    if (scan == parser.positionalArguments().isEmpty()) {
+        std::fprintf(stderr, "%s", scan ? "korvane: --scan needs the files or folders to scan\n"
+                                        : "korvane: files and folders are scanned with --scan PATH...\n");
+        return 2;
+    }
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     const QString busName = QString::fromLatin1(kv::bus::kMainAppName);
+    if (scan) {
+        // The names as the bytes they came in: QApplication has taken its
+        // own options out of argv.
+        const std::vector<std::string> raw(argv + 1, argv + argc);
+        kv::Korvane korvane(kv::Korvane::Parts{});
+        korvane.window().showPage(kv::Page::Scan);
+        korvane.window().scan()->addPaths(kv::ScanPage::pathsFromArguments(parser.positionalArguments(), raw));
+        korvane.window().show();
+        korvane.window().scan()->start();
+        // Pages asked for go to this window while no other Korvane runs.
+        if (bus.isConnected())
+            bus.interface()->registerService(busName, QDBusConnectionInterface::DontQueueService,
+                                             QDBusConnectionInterface::DontAllowReplacement);
+        return application.exec();
+    }
+
     if (bus.isConnected() && bus.interface()->isServiceRegistered(busName).value()) {
         // Korvane runs already: it comes forward, at the page asked for.
         kv::DBusDistributedCenter(bus).post(kv::bus::kShouldOpenPage,

@@ -57,6 +57,8 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "clamav-daemon, clamdscan, clamav-freshclam, pkexec, logrotate, bzip2, xdg-utils, libglib2.0-bin, dbus, procps")
+# GNOME Files shows "Scan with Korvane" through nautilus-python.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-nautilus")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${KV_PACKAGE_DOCS}/postinst ${KV_PACKAGE_DOCS}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

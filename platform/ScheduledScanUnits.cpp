@@ -2,6 +2,7 @@
 
 #include "platform/ChildProcess.h"
 #include "platform/Paths.h"
+#include "platform/Settings.h"
 
 #include <QSaveFile>
 
@@ -131,6 +132,56 @@ bool ScheduledScanUnits::remove(bool* removed, std::string* error) const
         }
     }
     return true;
+}
+
+bool ScheduledScanUnits::turnOn(const ScanSchedule& schedule, const std::string& velgarctlPath,
+                                std::string* error) const
+{
+    if (!install(schedule, velgarctlPath, error))
+        return false;
+    std::string output;
+    if (systemctl({"daemon-reload"}, &output) && systemctl({"enable", "--now", kTimer}, &output))
+        return true;
+    *error = "systemctl --user could not start " + std::string(kTimer) + ": " + output;
+    return false;
+}
+
+bool ScheduledScanUnits::turnOff(bool* removed, std::string* error) const
+{
+    std::string output;
+    systemctl({"disable", "--now", kTimer}, &output);
+    if (!remove(removed, error))
+        return false;
+    systemctl({"daemon-reload"}, &output);
+    return true;
+}
+
+std::optional<ScanSchedule> ScheduledScanUnits::current() const
+{
+    const std::string text = fileContents(timerPath());
+    const std::string key = "\nOnCalendar=";
+    const size_t at = text.find(key);
+    if (at == std::string::npos)
+        return std::nullopt;
+    std::string calendar = text.substr(at + key.size(), text.find('\n', at + 1) - at - key.size());
+    ScanSchedule schedule;
+    if (calendar.starts_with("Mon ")) {
+        schedule.every = ScanSchedule::Every::Week;
+        calendar.erase(0, 4);
+    }
+    if (std::sscanf(calendar.c_str(), "*-*-* %2d:%2d:00", &schedule.hour, &schedule.minute) != 2)
+        return std::nullopt;
+    return schedule;
+}
+
+std::vector<std::string> ScheduledScanUnits::defaultFolders(const Settings& settings)
+{
+    std::vector<std::string> folders;
+    for (const WatchedFolder& watched : settings.watchedFolders)
+        folders.push_back(watched.path);
+    if (folders.empty())
+        folders.push_back(homeDirectory());
+    return folders;
 }
 
 bool ScheduledScanUnits::userManagerRuns() { return runAndWait({"systemctl", "--user", "show-environment"}) == 0; }

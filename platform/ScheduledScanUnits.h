@@ -1,10 +1,13 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace kv {
+
+struct Settings;
 
 // When the scheduled scan runs, and over what.
 struct ScanSchedule {
@@ -49,6 +52,22 @@ public:
     bool install(const ScanSchedule& schedule, const std::string& velgarctlPath, std::string* error) const;
     // Removes both; *removed tells whether there was any.
     bool remove(bool* removed, std::string* error) const;
+
+    // What `velgarctl schedule` and the Scan page do: install() the units,
+    // have the user's instance read them and start the timer; or stop and
+    // disable the timer, remove() both and have the instance forget them.
+    // False, with *error for the user, when a step failed.
+    bool turnOn(const ScanSchedule& schedule, const std::string& velgarctlPath, std::string* error) const;
+    bool turnOff(bool* removed, std::string* error) const;
+
+    // The schedule of the timer written here, read back from it; nothing
+    // when there is none (or it is not one of ours). Its folders are left
+    // empty.
+    std::optional<ScanSchedule> current() const;
+
+    // What a schedule scans when no folder is named: the watched folders,
+    // else the home folder.
+    static std::vector<std::string> defaultFolders(const Settings& settings);
 
     // Whether a systemd instance of the user's answers `systemctl --user`.
     static bool userManagerRuns();

@@ -304,6 +304,22 @@ for page in protection folders found exclusions definitions quarantine history a
     previous="$out/korvane-$page.png"
 done
 kill -0 "$korvane_pid" 2>/dev/null || fail "Korvane ended while its pages were photographed"
+# The Scan page, as a file manager's "Scan with Korvane" opens it: a
+# window of its own scanning an old folder the agent does not watch, which
+# holds the EICAR test file (quarantined, as the preferences say).
+mkdir -p "$HOME/Old projects/2019"
+printf '%s' 'X5O!P%@AP[4\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*' >"$HOME/Old projects/2019/setup.exe"
+for name in notes.txt budget.ods 2019/photo.jpg 2019/readme.md; do echo "$name" >"$HOME/Old projects/$name"; done
+mkfifo "$HOME/Old projects/pipe"
+"$build/bin/korvane" --scan "$HOME/Old projects" >>"$work/korvane.log" 2>&1 &
+scan_pid=$!
+pids+=("$scan_pid")
+scan_window() { xdotool search --all --onlyvisible --pid "$scan_pid" --name '^Korvane$' | head -n 1; }
+wait_until 30 scan_window || fail "korvane --scan did not open its window"
+scan_done() { grep -q "On-demand scan finished" "$log"; }
+wait_until 60 scan_done || fail "korvane --scan did not finish"
+korvane_window() { scan_window; }
+korvane_shot "$out/korvane-scan.png" -
 "$build/bin/velgarctl" quit >/dev/null
 wait_until 20 ended "$agent_pid" || fail "the agent did not quit"
 

@@ -36,19 +36,6 @@ std::string ownPath()
     return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
 
-std::vector<std::string> defaultFolders()
-{
-    JsonPreferences preferences(kAgentDomain);
-    preferences.addSuite(kMainAppDomain);
-    preferences.synchronize();
-    std::vector<std::string> folders;
-    for (const WatchedFolder& watched : Settings::load(preferences)->watchedFolders)
-        folders.push_back(watched.path);
-    if (folders.empty())
-        folders.push_back(homeDirectory());
-    return folders;
-}
-
 } // namespace
 
 int ScheduleCommand::run(const std::vector<std::string>& arguments)
@@ -74,30 +61,27 @@ int ScheduleCommand::run(const std::vector<std::string>& arguments)
             schedule.folders.push_back(folder);
         }
     }
-    if (!off && schedule.folders.empty())
-        schedule.folders = defaultFolders();
+    if (!off && schedule.folders.empty()) {
+        JsonPreferences preferences(kAgentDomain);
+        preferences.addSuite(kMainAppDomain);
+        preferences.synchronize();
+        schedule.folders = ScheduledScanUnits::defaultFolders(*Settings::load(preferences));
+    }
 
     if (!ScheduledScanUnits::userManagerRuns())
         return reportFailure("no systemd instance of yours answers here (systemctl --user), so nothing can be "
                              "scheduled; nothing was changed");
     const ScheduledScanUnits units;
     std::string error;
-    std::string output;
     if (off) {
-        ScheduledScanUnits::systemctl({"disable", "--now", ScheduledScanUnits::kTimer}, &output);
         bool removed = false;
-        if (!units.remove(&removed, &error))
+        if (!units.turnOff(&removed, &error))
             return reportFailure(error);
-        ScheduledScanUnits::systemctl({"daemon-reload"}, &output);
         printLine(removed ? "The scheduled scan is off." : "No scan was scheduled.");
         return kExitSuccess;
     }
-    if (!units.install(schedule, ownPath(), &error))
+    if (!units.turnOn(schedule, ownPath(), &error))
         return reportFailure(error);
-    if (!ScheduledScanUnits::systemctl({"daemon-reload"}, &output) ||
-        !ScheduledScanUnits::systemctl({"enable", "--now", ScheduledScanUnits::kTimer}, &output))
-        return reportFailure("systemctl --user could not start " + std::string(ScheduledScanUnits::kTimer) + ": " +
-                             output);
     char time[8];
     std::snprintf(time, sizeof time, "%02d:%02d", schedule.hour, schedule.minute);
     std::string folders;

@@ -1,6 +1,7 @@
 #include "tools/SetupCommand.h"
 
 #include "engine/ClamdCtrl.h"
+#include "platform/ThunarActions.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
 #include "platform/AutostartEntry.h"
@@ -222,6 +223,11 @@ int SetupCommand::run(const std::vector<std::string>& arguments)
     if (edit == DomainEdit::Failed)
         return reportFailure("cannot write " + preferencesPath + ": " + error);
     printLine("Preferences: " + preferencesPath);
+    // Thunar's custom actions live only in the user's own file.
+    const std::string resources = resourcesDirectory();
+    std::string thunar;
+    ThunarActions::addScanAction(resources.substr(0, resources.rfind('/')) + "/korvane/thunar-uca.xml", &thunar);
+    printLine(thunar);
     return kExitSuccess;
 }
 

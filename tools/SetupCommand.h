@@ -24,7 +24,8 @@ class EngineSetup;
 // Keys already present are kept unless the matching option was given
 // (--prefix for PathToClamav, --watch for VelgarFolderArray). Everything is
 // checked before anything is written, and running it again is quick and
-// changes nothing.
+// changes nothing. Where Thunar is installed or used, it also adds
+// "Scan with Korvane" to the user's Thunar custom actions (ThunarActions).
 //
 // A prefix that another user could change (see whyEnginePrefixRefused())
 // is refused before anything is written, since the agent runs what it

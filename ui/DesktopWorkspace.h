@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/DesktopFiles.h"
 #include "platform/Workspace.h"
 
 #include <QDBusConnection>
@@ -7,17 +8,10 @@
 
 namespace kv {
 
-// The freedesktop workspace: xdg-open for files and folders, the file
-// manager's org.freedesktop.FileManager1 interface for revealing a file, the
-// user's Trash (with the .trashinfo the desktop restores from, and a line in
-// the quarantine index), `gio launch` for a desktop entry, and the
-// application's beep.
-//
-// A path is handed on as the bytes it is (to xdg-open as its argument, to
-// the file manager percent-encoded byte by byte), never decoded to text. A
-// file is revealed or moved to the Trash only through folders walked to
-// without following a link (walkToFile, QuarantineRecords.h), and the move
-// acts on the folder held, never on the path again.
+// The freedesktop workspace: files opened, shown in their folder and moved
+// to the Trash through DesktopFiles (which keeps names as bytes and walks
+// to each file without following a link), `gio launch` for a desktop
+// entry, and the application's beep.
 //
 // Main thread only. Programs it starts are reaped when they end; nothing
 // waits for them on the main thread.
@@ -37,7 +31,7 @@ public:
     static std::string desktopEntryPath(const std::string& bundleIdentifier);
 
 private:
-    QDBusConnection bus_;
+    DesktopFiles files_;
 };
 
 } // namespace kv

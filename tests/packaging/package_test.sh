@@ -63,6 +63,10 @@ contents() {
     "-rw-r--r-- ./usr/share/icons/hicolor/scalable/apps/com.korvane.Korvane.svg"
     "-rw-r--r-- ./usr/share/doc/korvane-velgar/copyright"
     "-rw-r--r-- ./usr/share/doc/korvane-velgar/changelog.gz"
+    "-rw-r--r-- ./usr/share/nautilus-python/extensions/korvane-scan.py"
+    "-rwxr-xr-x ./usr/share/kio/servicemenus/korvane-scan.desktop"
+    "-rw-r--r-- ./usr/share/nemo/actions/korvane-scan.nemo_action"
+    "-rw-r--r-- ./usr/share/korvane/thunar-uca.xml"
   )
   for entry in "${expected[@]}"; do
     grep -qxF -- "$entry" <<<"$listing" || fail "missing: $entry"
