@@ -71,10 +71,11 @@ TEST(KorvaneScan, FoundFilesAreListedAndMovedFromTheirRowsAndKorvaneScanKeepsNam
     // Warned only: moved from the rows, each to where the user said.
     for (size_t row = 0; row < k.page->rows().size(); ++row) {
         const std::string path = k.page->rows()[row].item.path;
-        if (path == odd)
+        if (path == odd) {
             EXPECT_TRUE(k.page->trashRow(static_cast<int>(row))) << k.message();
-        else if (path.ends_with("eicar.com"))
+        } else if (path.ends_with("eicar.com")) {
             EXPECT_TRUE(k.page->quarantineRow(static_cast<int>(row))) << k.message();
+        }
     }
     EXPECT_EQ(readFile(k.home / "Q/eicar.com"), eicar());
     EXPECT_EQ(readFile(k.home / "data/Trash/files/odd \xff 'name\".com"), eicar());
