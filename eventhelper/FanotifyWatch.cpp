@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/statfs.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -290,7 +291,9 @@ bool FanotifyWatch::openGroups(UniqueFd* handles, UniqueFd* descriptors, std::st
     // its per-user bound on marks. Unlimited ones would let a user who stops
     // this process make the kernel hold memory without end.
     const unsigned common = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK;
-    const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
+    // O_NONBLOCK: the kernel opens each event's file with these flags while
+    // the event is read, and an open of a FIFO would wait for a writer.
+    const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NONBLOCK;
     const Privileges::Raised raised;
     if (movedObjects_) {
         handles->reset(::fanotify_init(common | FAN_REPORT_DFID_NAME_TARGET, eventFlags));
@@ -413,14 +416,44 @@ void FanotifyWatch::mountsChanged(RecordWriter& output)
         findMountPoints();
 }
 
+namespace {
+
+bool isLocalFileSystem(int fd)
+{
+    struct statfs system {};
+    if (::fstatfs(fd, &system) != 0)
+        return false;
+    switch (static_cast<unsigned long>(system.f_type)) {
+    case 0x6969:      // NFS
+    case 0xff534d42:  // CIFS
+    case 0xfe534d42:  // SMB2
+    case 0x517b:      // SMB
+    case 0x65735546:  // FUSE
+    case 0x00c36400:  // Ceph
+    case 0x01161970:  // GFS2
+    case 0x6b414653:  // AFS
+    case 0x5346414f:  // OpenAFS
+    case 0x01021997:  // 9P
+        return false;
+    default:
+        return true;
+    }
+}
+
+} // namespace
+
 FolderMarks::Marked FanotifyWatch::mark(int folderFd, bool root, bool nameable)
 {
     // Opens are held only in the user's own folders: a user can keep
     // another user's opens waiting only on files they could as well have
     // made unreadable.
+    // Nor on a network or user-space file system: the kernel opens each
+    // held file for the holder as root, which a server that maps root to
+    // nobody refuses, and a held open whose file cannot be opened is
+    // refused, so the user could no longer open their own files there.
     struct stat folder{};
     if (holdSeconds_ > 0 && ::fstat(folderFd, &folder) == 0 && (folder.st_uid == ::getuid() || ::getuid() == 0) &&
-        !holder_.mark(folderFd))
+        isLocalFileSystem(folderFd) && !holder_.mark(folderFd))
         holderFailed();
     const Privileges::Raised raised;
     if (nameable) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/fanotify.h>
 #include <sys/fsuid.h>
@@ -29,6 +30,10 @@ constexpr int kHolderCapabilities[] = {CAP_SYS_ADMIN, CAP_SETUID, CAP_SETGID};
 // Time-outs told to the agent that wait for it to read them; past these,
 // more are dropped (the agent scans those files when they are written).
 constexpr std::size_t kMostWaitingNotices = 256;
+// The agent asks for at most a minute ("BlockAtMostSeconds"); an agent
+// that asks for more is held to it, since others' opens of the user's
+// files wait here too.
+constexpr std::uint32_t kLongestHoldSeconds = 60;
 
 // One message of the helper's link: kind, then a 4-byte argument.
 struct LinkMessage {
@@ -99,6 +104,14 @@ bool becomeHolder(std::string* why)
         if (signal != SIGKILL && signal != SIGSTOP)
             ::signal(signal, signal == SIGPIPE ? SIG_IGN : SIG_DFL);
     }
+    // The user started this process: what they could make slow (its
+    // niceness, scheduling class, I/O class) is set back to the default,
+    // since every held open waits on it.
+    ::setpriority(PRIO_PROCESS, 0, 0);
+    const sched_param normal{};
+    ::sched_setscheduler(0, SCHED_OTHER, &normal);
+    constexpr int kIoprioWhoProcess = 1;
+    ::syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, 0);  // the default: from the CPU niceness
     // Each held open keeps a descriptor.
     const rlimit files{OpenHolder::kMostHeld * 2 + 64, OpenHolder::kMostHeld * 2 + 64};
     ::setrlimit(RLIMIT_NOFILE, &files);
@@ -146,8 +159,12 @@ public:
 
     int run()
     {
+        // The kernel opens each event's descriptor with these flags before
+        // the holder sees the event: without O_NONBLOCK, an open of a FIFO
+        // would wait for a writer, and the only one is the opener waiting
+        // on this very event, so every held open would wait for ever.
         events_.reset(::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE,
-                                        O_RDONLY | O_LARGEFILE | O_CLOEXEC));
+                                        O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NONBLOCK));
         if (!events_)
             return 2;
         for (;;) {
@@ -344,7 +361,7 @@ private:
                 ::fanotify_mark(events_.get(), FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr);
                 break;
             case 'S':
-                holdFor_ = std::chrono::seconds(std::min<std::uint32_t>(message.argument, 3600));
+                holdFor_ = std::chrono::seconds(std::min<std::uint32_t>(message.argument, kLongestHoldSeconds));
                 if (holdFor_.count() == 0)
                     allowAll();
                 break;

@@ -4,6 +4,8 @@
 #include "platform/Paths.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <ctime>
 
@@ -14,7 +16,15 @@ ScanLogFile::ScanLogFile(std::string path) : path_(std::move(path))
     const size_t slash = path_.rfind('/');
     if (slash != std::string::npos && slash > 0)
         makeDirectories(path_.substr(0, slash), 0755);
-    log_.reset(::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0640));
+    // Never through a link, never a FIFO or device, never another
+    // account's file: a scan run by root with the user's HOME must not
+    // append where the user points it.
+    UniqueFd log(::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
+    struct stat status {};
+    if (log && ::fstat(log.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid()) {
+        ::fcntl(log.get(), F_SETFL, O_APPEND);
+        log_ = std::move(log);
+    }
 }
 
 std::string ScanLogFile::defaultPath() { return joinPath(homeDirectory(), "Library/Logs/KorvaneVelgar-scan.log"); }

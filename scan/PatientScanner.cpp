@@ -100,6 +100,18 @@ public:
         }
     }
 
+    // A held file is known by the descriptor scanned, not by whatever its
+    // path names now: a file renamed over the path meanwhile is then not
+    // remembered as clean without ever having been read.
+    void identifyByDescriptor(const std::string& path, int fd)
+    {
+        struct stat status {};
+        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
+            before_.insert_or_assign(path, FileIdentity::of(status));
+        else
+            before_.erase(path);
+    }
+
     // The clean verdicts of the run go into the cache together.
     ~Run() { scanner_.shared_.knownClean.flush(); }
 
@@ -606,6 +618,7 @@ bool PatientScanner::scanHeld(int fd, const std::string& path, const gfs::Opener
         return false;
     }
     Run run(*this, parameters, batch);
+    run.identifyByDescriptor(path, fd);
     ClamdCtrl::FileVerdict verdict = run.scanOpenFile(fd);
     if (verdict.kind == ClamdCtrl::FileVerdict::Unreachable) {
         // A daemon launched again, or another standing in, gets the file again.

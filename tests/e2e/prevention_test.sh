@@ -68,6 +68,14 @@ echo "== A clean file written and read at once reads whole"
 said=$(probe write "$watched/clean.txt" "$shared/clean.src")
 [[ $said == "read 11 "* ]] || fail "a new clean file: $said"
 
+echo "== A FIFO in a held folder passes its data, and the opens after it are still answered"
+"${runner[@]}" mkfifo "$watched/pipe"
+said=$("${runner[@]}" timeout 10 sh -c 'echo through >"$1" & cat "$1"' sh "$watched/pipe") ||
+  fail "a FIFO in a held folder did not pass its data: $said"
+[ "$said" = through ] || fail "a FIFO passed '$said'"
+said=$(probe write "$watched/after-pipe.txt" "$shared/clean.src")
+[[ $said == "read 11 "* ]] || fail "a clean file after the FIFO: $said"
+
 echo "== clamd stopped: an open waits $limit s at most, and the file is scanned later"
 daemon=$(daemon_pid)
 kill -STOP "$daemon"

@@ -28,14 +28,16 @@ python3 -c 'import ast, sys; ast.parse(open(sys.argv[1]).read(), sys.argv[1])' \
   "$share/nautilus-python/extensions/korvane-scan.py" || fail "the Nautilus extension does not parse"
 # Each key file has its group, and its command line takes the selection as
 # separate local paths after "--", which each file manager quotes itself.
-python3 - "$share/kio/servicemenus/korvane-scan.desktop" "Desktop Action scanWithKorvane" \
-          "$share/nemo/actions/korvane-scan.nemo_action" "Nemo Action" <<'PY' || fail "a key file"
+# Nemo splits its command line at blanks after putting the names in, so it
+# is given URIs, which hold no blanks.
+python3 - "$share/kio/servicemenus/korvane-scan.desktop" "Desktop Action scanWithKorvane" "%F" \
+          "$share/nemo/actions/korvane-scan.nemo_action" "Nemo Action" "%U" <<'PY' || fail "a key file"
 import configparser, sys
-for path, group in zip(sys.argv[1::2], sys.argv[2::2]):
+for path, group, selection in zip(sys.argv[1::3], sys.argv[2::3], sys.argv[3::3]):
     keys = configparser.ConfigParser(interpolation=None, strict=True)
     keys.optionxform = str
     keys.read(path, encoding="utf-8")
-    assert keys[group]["Exec"] == "korvane --scan -- %F", path
+    assert keys[group]["Exec"] == "korvane --scan -- " + selection, path
     assert keys[group]["Name"] == "Scan with Korvane", path
 PY
 xmllint --noout "$share/korvane/thunar-uca.xml" || fail "Thunar's action is not XML"
