@@ -74,7 +74,11 @@ struct OnDemandSummary {
 // startEngine() and discernClamdSocketLocation()).
 //
 // Folders are walked with or without their subfolders, never through a
-// symbolic link below a path given (a link given is followed); /proc,
+// symbolic link below a path given (a link given is followed): below it,
+// each folder and file is opened from the descriptor of the folder it was
+// listed in, never by its path, so a folder swapped for a link once listed
+// leads nowhere outside the tree, and the descriptors held stay few however
+// deep or wide the tree; /proc,
 // /sys and other kernel file systems, FIFOs, sockets and devices are
 // listed as skipped and never opened for reading (each entry is looked at
 // before it is opened, and opened without waiting and looked at again
