@@ -455,7 +455,7 @@ private:
             report(OnDemandItem::Kind::Unreadable, job.path, verdict.detail);
             return;
         case ClamdCtrl::FileVerdict::Found:
-            found(job, file.get(), verdict.detail);
+            found(job, file.get(), info, verdict.detail);
             return;
         case ClamdCtrl::FileVerdict::Unreachable:
         case ClamdCtrl::FileVerdict::Untrusted:
@@ -483,11 +483,11 @@ private:
         return ClamdCtrl::scanOpenFile(fd, run.socket, run.socket ? std::nullopt : clamd.remoteEngine(), stop);
     }
 
-    void found(const Job& job, int fd, const std::string& signature)
+    void found(const Job& job, int fd, const struct stat& info, const std::string& signature)
     {
         const std::string& path = job.path;
         ++infected_;
-        OnDemandItem item{OnDemandItem::Kind::Infected, path, signature, std::nullopt, {}};
+        OnDemandItem item{OnDemandItem::Kind::Infected, path, signature, std::nullopt, {}, {info.st_dev, info.st_ino}};
         ScanResult result{path, ScanResult::Verdict::Infected, signature, std::nullopt};
         engine_.log.append(result.logLine());
         if (moveFolder_) {

@@ -2,6 +2,8 @@
 
 #include "platform/UniqueFd.h"
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv {
@@ -34,6 +37,9 @@ struct OnDemandItem {
     // could not be moved; neither when it is left where it is.
     std::optional<std::string> movedTo;
     std::string notMoved;
+    // Infected: device and inode of the file scanned. A file moved later
+    // from the results must still be this one.
+    std::pair<dev_t, ino_t> found{};
 };
 
 // How far a scan has come. Files are counted as the folders are walked, so
