@@ -7,6 +7,7 @@
 #include "platform/PathText.h"
 #include "platform/Paths.h"
 #include "platform/Preferences.h"
+#include "platform/QuarantineRecords.h"
 #include "platform/ScanLogFile.h"
 #include "platform/ScheduledScanUnits.h"
 #include "platform/Settings.h"
@@ -506,20 +507,28 @@ bool ScanPage::quarantineRow(int row)
     if (result.item.kind != OnDemandItem::Kind::Infected || result.now)
         return false;
     const std::string& path = result.item.path;
-    // The file the name leads to now is the one moved: opened without
-    // following a link or waiting, and only a regular file.
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat info{};
+    // Only the file the scan found is moved: reached through folders none
+    // of which is a link now (someone may have swapped one since), opened
+    // without following a link or waiting, and still the same file.
     std::string why;
     std::optional<std::string> moved;
-    if (!file || ::fstat(file.get(), &info) != 0)
+    const std::optional<WalkedFile> at = walkToFile(path, &why);
+    const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const UniqueFd file(at ? ::openat(at->folder.get(), at->name.c_str(), flags) : -1);
+    struct stat info{};
+    if (!at) {
+        // why says which folder on the way is gone or a link.
+    } else if (!file || ::fstat(file.get(), &info) != 0) {
         why = std::strerror(errno);
-    else if (!S_ISREG(info.st_mode))
+    } else if (!S_ISREG(info.st_mode)) {
         why = "it is no longer a regular file";
-    else if (!makeDirectories(quarantineFolder_, 0700))
+    } else if (std::pair(info.st_dev, info.st_ino) != result.item.found) {
+        why = "it is no longer the file the scan found";
+    } else if (!makeDirectories(quarantineFolder_, 0700)) {
         why = quarantineFolder_ + ": " + std::strerror(errno);
-    else
-        moved = moveScannedFile(path, file.get(), quarantineFolder_, &why);
+    } else {
+        moved = moveScannedFile(at->folder.get(), at->name, file.get(), quarantineFolder_, &why);
+    }
     if (!moved) {
         context_.tell(tr("%1 was not moved to the quarantine folder: %2").arg(shown(path), shown(why)), true);
         return false;
@@ -542,9 +551,10 @@ bool ScanPage::trashRow(int row)
     Row& result = rows_[static_cast<size_t>(row)];
     if (result.item.kind != OnDemandItem::Kind::Infected || result.now)
         return false;
-    const std::optional<std::string> moved = files_.recycleFile(result.item.path);
+    std::string why;
+    const std::optional<std::string> moved = files_.recycleFile(result.item.path, result.item.found, &why);
     if (!moved) {
-        context_.tell(tr("%1 was not moved to the Trash; the scan log says why.").arg(shown(result.item.path)), true);
+        context_.tell(tr("%1 was not moved to the Trash: %2").arg(shown(result.item.path), shown(why)), true);
         return false;
     }
     result.now = moved;

@@ -42,7 +42,9 @@ struct PageContext;
 // once; one still starting its engine ends when the engine has answered.
 //
 // Below the results, Quarantine, Move to Trash and Show in Folder act on
-// the selected found file or on every found file still where it was. The
+// the selected found file or on every found file still where it was; a
+// file is moved only while its name, reached through no link, still leads
+// to the very file the scan found (its device and inode). The
 // schedule box writes the scheduled scan of the watched folders through
 // ScheduledScanUnits, as `velgarctl schedule` does.
 //

@@ -124,28 +124,33 @@ void DesktopFiles::revealFiles(const std::vector<std::string>& paths)
     });
 }
 
-std::optional<std::string> DesktopFiles::recycleFile(const std::string& path)
+std::optional<std::string> DesktopFiles::recycleFile(const std::string& path,
+                                                     std::optional<std::pair<dev_t, ino_t>> found, std::string* why)
 {
     // The file's folder is walked to once, without following a link, and
     // everything after acts on the folder held and the name's bytes: a
     // folder on the way swapped for a link since the file was found (or
     // while it is moved) never leads to a file of the user's own under the
     // same name. Only a regular file is moved, with its .trashinfo.
-    std::string why;
-    const std::optional<WalkedFile> file = walkToFile(path, &why);
+    std::string reason;
+    const std::optional<WalkedFile> file = walkToFile(path, &reason);
     if (!file) {
-        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
+        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), reason.c_str());
+        if (why)
+            *why = reason;
         return std::nullopt;
     }
     // Only found files are moved from here: the Quarantine page lists them
     // with the agent's own moves.
-    const std::optional<QuarantineRecord> moved = QuarantineRecords().moveToTrash(*file, &why);
+    const std::optional<QuarantineRecord> moved = QuarantineRecords().moveToTrash(*file, &reason, found);
     if (!moved) {
-        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), why.c_str());
+        nsLogf("%s was not moved to the Trash: %s", displayText(path).c_str(), reason.c_str());
+        if (why)
+            *why = reason;
         return std::nullopt;
     }
-    if (!why.empty())
-        nsLogf("%s was moved to the Trash, but: %s", displayText(file->path).c_str(), why.c_str());
+    if (!reason.empty())
+        nsLogf("%s was moved to the Trash, but: %s", displayText(file->path).c_str(), reason.c_str());
     return moved->storedPath;
 }
 

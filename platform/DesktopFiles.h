@@ -3,9 +3,12 @@
 #include <QDBusConnection>
 #include <QObject>
 
+#include <sys/types.h>
+
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv {
@@ -36,9 +39,12 @@ public:
     // Shows the files selected in the file manager (one request for all);
     // where no file manager answers, opens the folder of each.
     void revealFiles(const std::vector<std::string>& paths);
-    // Moves a found file into the user's Trash; where it went, or nothing
-    // when it was not moved (the reason is logged).
-    std::optional<std::string> recycleFile(const std::string& path);
+    // Moves a found file into the user's Trash (only the file of found's
+    // device and inode, when given); where it went, or nothing when it was
+    // not moved (the reason is logged, and set in *why when given).
+    std::optional<std::string> recycleFile(const std::string& path,
+                                           std::optional<std::pair<dev_t, ino_t>> found = std::nullopt,
+                                           std::string* why = nullptr);
 
 private:
     QDBusConnection bus_;

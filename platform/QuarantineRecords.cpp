@@ -352,7 +352,8 @@ bool QuarantineRecords::record(QuarantineRecord record, std::string* error)
     return append(record, error);
 }
 
-std::optional<QuarantineRecord> QuarantineRecords::moveToTrash(const WalkedFile& file, std::string* error)
+std::optional<QuarantineRecord> QuarantineRecords::moveToTrash(const WalkedFile& file, std::string* error,
+                                                               std::optional<std::pair<dev_t, ino_t>> only)
 {
     const UniqueFd found(
         ::openat(file.folder.get(), file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -363,6 +364,10 @@ std::optional<QuarantineRecord> QuarantineRecords::moveToTrash(const WalkedFile&
     }
     if (!S_ISREG(info.st_mode)) {
         fail(error, shown(file.path) + " is not a regular file");
+        return std::nullopt;
+    }
+    if (only && *only != std::pair(info.st_dev, info.st_ino)) {
+        fail(error, shown(file.path) + " is no longer the file that was found");
         return std::nullopt;
     }
     std::string why;

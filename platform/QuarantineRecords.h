@@ -2,9 +2,12 @@
 
 #include "platform/UniqueFd.h"
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv {
@@ -77,13 +80,15 @@ public:
 
     // Agent: takes device and inode from the stored file (lstat, never following a link) and appends one line.
     bool record(QuarantineRecord record, std::string* error);
-    // Desktop (Move to Trash in the agent's warning windows): moves the regular file file.name of the walked
-    // folder into the user's Trash (openTrash, TrashInfo.h) the way moveIntoFolder does (FileWriting.h), writes
-    // its .trashinfo by the info folder's descriptor, and records it, both with file.path. Nothing, with *error,
-    // when nothing was moved (the name is gone, a link, not a regular file; the Trash is refused). A record
-    // when the file was moved; *error then says what could not be written after the move (the .trashinfo,
-    // the index), and is empty when nothing went wrong.
-    std::optional<QuarantineRecord> moveToTrash(const WalkedFile& file, std::string* error);
+    // Desktop (Move to Trash in the agent's warning windows and the Scan page): moves the regular file file.name
+    // of the walked folder into the user's Trash (openTrash, TrashInfo.h) the way moveIntoFolder does
+    // (FileWriting.h), writes its .trashinfo by the info folder's descriptor, and records it, both with
+    // file.path. Nothing, with *error, when nothing was moved (the name is gone, a link, not a regular file, not
+    // the file of only's device and inode when only is given; the Trash is refused). A record when the file
+    // was moved; *error then says what could not be written after the move (the .trashinfo, the index), and is
+    // empty when nothing went wrong.
+    std::optional<QuarantineRecord> moveToTrash(const WalkedFile& file, std::string* error,
+                                                std::optional<std::pair<dev_t, ino_t>> only = std::nullopt);
     // The records whose stored file still is the file that was recorded (same device and inode, a regular file),
     // newest first. A missing index is an empty list; a damaged line is skipped (and counted in *skipped).
     std::vector<QuarantineRecord> current(std::string* error, int* skipped = nullptr) const;

@@ -34,6 +34,7 @@
 #include <deque>
 #include <mutex>
 #include <set>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -45,6 +46,13 @@ using Clock = std::chrono::steady_clock;
 // Files waiting for a scanning thread; the walk waits while this many do.
 constexpr size_t kQueueLimit = 4096;
 constexpr int kMostInFlight = 64;
+// Folder descriptors held at once, so that no tree, however deep or wide,
+// runs the process out of descriptors: one a level for the folders below
+// to be opened from, this many levels deep (deeper folders are reached
+// name by name from the deepest one held), and the folders whose files
+// wait in the queue, at most this many.
+constexpr int kHeldLevels = 64;
+constexpr size_t kQueuedFolders = 256;
 
 // File systems whose files are the kernel's state, not files anyone keeps:
 // reading some of them blocks or changes something.
@@ -68,6 +76,22 @@ bool isKernelFileSystem(int fd)
     default:
         return false;
     }
+}
+
+// Opens below (names joined by '/') from the folder from, one name at a
+// time and never following a link: the folders on the way O_PATH, the last
+// name with flags.
+UniqueFd openBelow(int from, const std::string& below, int flags)
+{
+    UniqueFd folder;
+    size_t start = 0;
+    for (size_t slash; (slash = below.find('/', start)) != std::string::npos; start = slash + 1) {
+        const std::string name = below.substr(start, slash - start);
+        folder.reset(::openat(folder ? folder.get() : from, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder)
+            return folder;
+    }
+    return UniqueFd(::openat(folder ? folder.get() : from, below.c_str() + start, flags | O_NOFOLLOW | O_CLOEXEC));
 }
 
 std::string whatItIs(mode_t mode)
@@ -209,9 +233,21 @@ public:
     }
 
 private:
+    // A file to scan: an entry of the folder it was listed in, held open
+    // (and shared by that folder's files), or a file named in the request.
     struct Job {
+        std::shared_ptr<const UniqueFd> folder;  // none: named in the request, opened by path (a link followed)
+        std::string name;                        // in folder
         std::string path;
-        bool given = false;  // named in the request: a link there is followed
+    };
+    // A folder to list: below names it under from, a folder held open (one
+    // name, or several past kHeldLevels); a root has no from and is opened
+    // by path.
+    struct Folder {
+        std::shared_ptr<const UniqueFd> from;
+        std::string below;
+        std::string path;
+        int level = 0;
     };
 
     bool halted() const { return scan_.stopped_ || failed_; }
@@ -251,45 +287,59 @@ private:
             report(OnDemandItem::Kind::Skipped, path, "a kernel file system, not scanned");
             return;
         }
-        offer(Job{path, true}, FileIdentity::of(info));
+        offer(Job{nullptr, {}, path}, FileIdentity::of(info));
     }
 
-    // The folder and those below it (with subfolders), depth first, through
-    // descriptors and never through a link below the root.
+    // The folder and those below it (with subfolders), depth first. Below
+    // the root each folder and file is opened from the descriptor of the
+    // folder it was listed in, never by its path and never through a link:
+    // a folder of the tree swapped for a link once listed leads nowhere
+    // outside the tree.
     void walkFolders(const std::string& root)
     {
-        std::vector<std::string> folders{root};
+        std::vector<Folder> folders;
+        folders.push_back(Folder{nullptr, {}, root, 0});
         while (!folders.empty() && !halted()) {
-            const std::string folder = std::move(folders.back());
+            Folder folder = std::move(folders.back());
             folders.pop_back();
-            const bool isRoot = folder.size() == root.size();
-            UniqueFd fd = openPath(folder, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
+            const int flags = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
+            const auto fd = std::make_shared<const UniqueFd>(
+                folder.from ? openBelow(folder.from->get(), folder.below, flags) : openPath(folder.path, flags));
             struct stat info{};
-            if (!fd || ::fstat(fd.get(), &info) != 0) {
-                report(OnDemandItem::Kind::Unreadable, folder, std::strerror(errno));
+            if (!*fd || ::fstat(fd->get(), &info) != 0) {
+                report(OnDemandItem::Kind::Unreadable, folder.path, std::strerror(errno));
                 continue;
             }
-            if (isKernelFileSystem(fd.get())) {
-                report(OnDemandItem::Kind::Skipped, folder, "a kernel file system, not scanned");
+            if (isKernelFileSystem(fd->get())) {
+                report(OnDemandItem::Kind::Skipped, folder.path, "a kernel file system, not scanned");
                 continue;
             }
             if (keptOut_.contains({info.st_dev, info.st_ino})) {
-                report(OnDemandItem::Kind::Skipped, folder, "the folder found files are moved to, not scanned");
+                report(OnDemandItem::Kind::Skipped, folder.path, "the folder found files are moved to, not scanned");
                 continue;
             }
             // A folder met again (a bind mount inside itself) would be walked without end.
             if (!walked_.insert({info.st_dev, info.st_ino}).second) {
-                report(OnDemandItem::Kind::Skipped, folder, "a loop back to a folder already scanned");
+                report(OnDemandItem::Kind::Skipped, folder.path, "a loop back to a folder already scanned");
                 continue;
             }
-            const std::unique_ptr<DIR, int (*)(DIR*)> listing(::fdopendir(fd.get()), ::closedir);
+            // The listing reads a descriptor of its own; fd stays open for
+            // what it lists to be opened from.
+            UniqueFd reading(::fcntl(fd->get(), F_DUPFD_CLOEXEC, 0));
+            const std::unique_ptr<DIR, int (*)(DIR*)> listing(reading ? ::fdopendir(reading.get()) : nullptr,
+                                                               ::closedir);
             if (!listing) {
-                report(OnDemandItem::Kind::Unreadable, folder, std::strerror(errno));
+                report(OnDemandItem::Kind::Unreadable, folder.path, std::strerror(errno));
                 continue;
             }
-            fd.release();
-            const std::string prefix = folder.ends_with('/') ? folder : folder + '/';
-            std::vector<std::string> below;
+            reading.release();
+            const auto subfolder = [&](std::string_view name, std::string&& path) {
+                if (folder.level < kHeldLevels)
+                    return Folder{fd, std::string(name), std::move(path), folder.level + 1};
+                return Folder{folder.from, folder.below + '/' + std::string(name), std::move(path), folder.level + 1};
+            };
+            const std::string prefix = folder.path.ends_with('/') ? folder.path : folder.path + '/';
+            std::vector<Folder> below;
             while (const dirent* entry = ::readdir(listing.get())) {
                 const std::string_view name = entry->d_name;
                 if (name == "." || name == ".." || entry->d_type == DT_LNK)
@@ -298,17 +348,17 @@ private:
                 path += name;
                 if (entry->d_type == DT_DIR) {
                     if (request_.subfolders)
-                        below.push_back(std::move(path));
+                        below.push_back(subfolder(name, std::move(path)));
                     continue;
                 }
                 struct stat entryInfo{};
-                if (::fstatat(::dirfd(listing.get()), entry->d_name, &entryInfo, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (::fstatat(fd->get(), entry->d_name, &entryInfo, AT_SYMLINK_NOFOLLOW) != 0) {
                     report(OnDemandItem::Kind::Unreadable, path, std::strerror(errno));
                 } else if (S_ISDIR(entryInfo.st_mode)) {
                     if (request_.subfolders)
-                        below.push_back(std::move(path));
+                        below.push_back(subfolder(name, std::move(path)));
                 } else if (S_ISREG(entryInfo.st_mode)) {
-                    offer(Job{std::move(path), false}, FileIdentity::of(entryInfo));
+                    offer(Job{fd, std::string(name), std::move(path)}, FileIdentity::of(entryInfo));
                 } else if (!S_ISLNK(entryInfo.st_mode)) {
                     report(OnDemandItem::Kind::Skipped, path, whatItIs(entryInfo.st_mode));
                 }
@@ -316,7 +366,7 @@ private:
                     return;
             }
             // In name order within a folder, as a person reads the output.
-            std::sort(below.rbegin(), below.rend());
+            std::sort(below.begin(), below.end(), [](const Folder& a, const Folder& b) { return a.path > b.path; });
             std::move(below.begin(), below.end(), std::back_inserter(folders));
         }
     }
@@ -338,7 +388,16 @@ private:
         }
         {
             std::unique_lock<std::mutex> held(queueMutex_);
-            queueChanged_.wait(held, [&] { return queue_.size() < kQueueLimit || halted(); });
+            // The files of one folder come one after another: a folder
+            // more is one more run of them.
+            const auto anotherFolder = [&] {
+                return job.folder && (queue_.empty() || queue_.back().folder != job.folder);
+            };
+            queueChanged_.wait(held, [&] {
+                return (queue_.size() < kQueueLimit && (!anotherFolder() || foldersQueued_ < kQueuedFolders)) ||
+                       halted();
+            });
+            foldersQueued_ += anotherFolder();
             queue_.push_back(std::move(job));
         }
         queueChanged_.notify_all();
@@ -355,6 +414,7 @@ private:
                     return;
                 job = std::move(queue_.front());
                 queue_.pop_front();
+                foldersQueued_ -= job.folder && (queue_.empty() || queue_.front().folder != job.folder);
             }
             queueChanged_.notify_all();
             scanFile(job);
@@ -367,8 +427,9 @@ private:
     {
         // Opened without waiting (a FIFO swapped in meanwhile opens at
         // once) and looked at before a byte is read.
-        const UniqueFd file =
-            openPath(job.path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (job.given ? 0 : O_NOFOLLOW));
+        const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const UniqueFd file = job.folder ? UniqueFd(::openat(job.folder->get(), job.name.c_str(), flags | O_NOFOLLOW))
+                                         : openPath(job.path, flags);
         struct stat info{};
         if (!file || ::fstat(file.get(), &info) != 0) {
             report(OnDemandItem::Kind::Unreadable, job.path, std::strerror(errno));
@@ -394,7 +455,7 @@ private:
             report(OnDemandItem::Kind::Unreadable, job.path, verdict.detail);
             return;
         case ClamdCtrl::FileVerdict::Found:
-            found(job.path, file.get(), verdict.detail);
+            found(job, file.get(), info, verdict.detail);
             return;
         case ClamdCtrl::FileVerdict::Unreachable:
         case ClamdCtrl::FileVerdict::Untrusted:
@@ -422,15 +483,17 @@ private:
         return ClamdCtrl::scanOpenFile(fd, run.socket, run.socket ? std::nullopt : clamd.remoteEngine(), stop);
     }
 
-    void found(const std::string& path, int fd, const std::string& signature)
+    void found(const Job& job, int fd, const struct stat& info, const std::string& signature)
     {
+        const std::string& path = job.path;
         ++infected_;
-        OnDemandItem item{OnDemandItem::Kind::Infected, path, signature, std::nullopt, {}};
+        OnDemandItem item{OnDemandItem::Kind::Infected, path, signature, std::nullopt, {}, {info.st_dev, info.st_ino}};
         ScanResult result{path, ScanResult::Verdict::Infected, signature, std::nullopt};
         engine_.log.append(result.logLine());
         if (moveFolder_) {
             std::string why;
-            result.movedTo = item.movedTo = moveScannedFile(path, fd, *moveFolder_, &why);
+            result.movedTo = item.movedTo = job.folder ? moveScannedFile(job.folder->get(), job.name, fd, *moveFolder_, &why)
+                                                       : moveScannedFile(path, fd, *moveFolder_, &why);
             std::string error;
             if (!item.movedTo) {
                 item.notMoved = why;
@@ -527,6 +590,7 @@ private:
     mutable std::mutex queueMutex_;
     std::condition_variable queueChanged_;
     std::deque<Job> queue_;                   // guarded by queueMutex_
+    size_t foldersQueued_ = 0;                // guarded by queueMutex_: the folders queue_ holds files of
     bool walking_ = true;                     // guarded by queueMutex_
     std::optional<std::string> failure_;      // guarded by queueMutex_
     std::atomic<bool> failed_{false};         // set under queueMutex_, read anywhere

@@ -2,6 +2,8 @@
 
 #include "platform/UniqueFd.h"
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv {
@@ -34,6 +37,9 @@ struct OnDemandItem {
     // could not be moved; neither when it is left where it is.
     std::optional<std::string> movedTo;
     std::string notMoved;
+    // Infected: device and inode of the file scanned. A file moved later
+    // from the results must still be this one.
+    std::pair<dev_t, ino_t> found{};
 };
 
 // How far a scan has come. Files are counted as the folders are walked, so
@@ -74,7 +80,11 @@ struct OnDemandSummary {
 // startEngine() and discernClamdSocketLocation()).
 //
 // Folders are walked with or without their subfolders, never through a
-// symbolic link below a path given (a link given is followed); /proc,
+// symbolic link below a path given (a link given is followed): below it,
+// each folder and file is opened from the descriptor of the folder it was
+// listed in, never by its path, so a folder swapped for a link once listed
+// leads nowhere outside the tree, and the descriptors held stay few however
+// deep or wide the tree; /proc,
 // /sys and other kernel file systems, FIFOs, sockets and devices are
 // listed as skipped and never opened for reading (each entry is looked at
 // before it is opened, and opened without waiting and looked at again

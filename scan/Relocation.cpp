@@ -35,11 +35,20 @@ std::string candidate(const std::string& name, int number)
 std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
                                            std::string* why)
 {
+    const ParentAndName source = openParent(path);
+    if (!source.folder) {
+        *why = std::strerror(errno);
+        return std::nullopt;
+    }
+    return moveScannedFile(source.folder.get(), source.name, scannedFd, folder, why);
+}
+
+std::optional<std::string> moveScannedFile(int from, const std::string& entry, int scannedFd,
+                                           const std::string& folder, std::string* why)
+{
     struct stat scanned{};
     struct stat named{};
-    const ParentAndName source = openParent(path);
-    if (!source.folder || ::fstat(scannedFd, &scanned) != 0 ||
-        ::fstatat(source.folder.get(), source.name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstat(scannedFd, &scanned) != 0 || ::fstatat(from, entry.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
         *why = std::strerror(errno);
         return std::nullopt;
     }
@@ -56,20 +65,20 @@ std::optional<std::string> moveScannedFile(const std::string& path, int scannedF
     // Whether the name still leads to the scanned file, just before it goes.
     const auto stillScanned = [&] {
         struct stat now{};
-        return ::fstatat(source.folder.get(), source.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+        return ::fstatat(from, entry.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
                now.st_dev == scanned.st_dev && now.st_ino == scanned.st_ino;
     };
     for (int number = 0; number < 1000; ++number) {
-        const std::string name = candidate(source.name, number);
-        if (::renameat2(source.folder.get(), source.name.c_str(), target.get(), name.c_str(), RENAME_NOREPLACE) == 0)
+        const std::string name = candidate(entry, number);
+        if (::renameat2(from, entry.c_str(), target.get(), name.c_str(), RENAME_NOREPLACE) == 0)
             return destination + name;
         if (errno == EEXIST)
             continue;
         if (errno == EINVAL) {
             // No RENAME_NOREPLACE here (NFS, some FUSE file systems): a
             // hard link refuses a taken name just the same.
-            if (::linkat(source.folder.get(), source.name.c_str(), target.get(), name.c_str(), 0) == 0) {
-                if (stillScanned() && ::unlinkat(source.folder.get(), source.name.c_str(), 0) == 0)
+            if (::linkat(from, entry.c_str(), target.get(), name.c_str(), 0) == 0) {
+                if (stillScanned() && ::unlinkat(from, entry.c_str(), 0) == 0)
                     return destination + name;
                 *why = "the original could not be removed";
                 ::unlinkat(target.get(), name.c_str(), 0);
@@ -98,7 +107,7 @@ std::optional<std::string> moveScannedFile(const std::string& path, int scannedF
         // would report an infected file handled that is still in place.
         if (!stillScanned())
             *why = "the original changed while it was copied";
-        else if (::unlinkat(source.folder.get(), source.name.c_str(), 0) != 0)
+        else if (::unlinkat(from, entry.c_str(), 0) != 0)
             *why = std::string("the original could not be removed: ") + std::strerror(errno);
         else
             return destination + name;

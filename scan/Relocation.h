@@ -16,6 +16,10 @@ namespace kv {
 // name. Returns the new path, or nothing with *why set.
 std::optional<std::string> moveScannedFile(const std::string& path, int scannedFd, const std::string& folder,
                                            std::string* why);
+// The same for the entry of a folder held open (from), for a file reached
+// without following a link: no path is looked up again.
+std::optional<std::string> moveScannedFile(int from, const std::string& entry, int scannedFd,
+                                           const std::string& folder, std::string* why);
 
 // After a found file was moved to movedTo: its .trashinfo when it went to
 // the Trash, and its line in the quarantine index (QuarantineRecords), so

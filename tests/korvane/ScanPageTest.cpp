@@ -1,7 +1,7 @@
 // The Scan page with a real clamd and the tests' signatures: a tree holding
 // the EICAR test file scanned from the page and by `korvane --scan`, the
-// found files moved from their rows, Stop while the engine holds a file,
-// the names of any bytes, and the schedule box.
+// found files moved from their rows (and only they), Stop while the engine
+// holds a file, the names of any bytes, and the schedule box.
 
 #include "korvane/ScanPage.h"
 #include "platform/ChildProcess.h"
@@ -74,6 +74,14 @@ TEST(KorvaneScan, FoundFilesAreListedAndMovedFromTheirRowsAndKorvaneScanKeepsNam
         if (path == odd) {
             EXPECT_TRUE(k.page->trashRow(static_cast<int>(row))) << k.message();
         } else if (path.ends_with("eicar.com")) {
+            // Another file under the found one's name is not the one found.
+            std::filesystem::rename(path, path + ".found");
+            writeFile(path, "another file\n");
+            EXPECT_FALSE(k.page->quarantineRow(static_cast<int>(row)));
+            EXPECT_NE(k.message().find("no longer the file the scan found"), std::string::npos) << k.message();
+            EXPECT_EQ(readFile(path), "another file\n");
+            EXPECT_EQ(readFile(path + ".found"), eicar());
+            std::filesystem::rename(path + ".found", path);
             EXPECT_TRUE(k.page->quarantineRow(static_cast<int>(row))) << k.message();
         }
     }

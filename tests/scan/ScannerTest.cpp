@@ -280,6 +280,38 @@ TEST_F(Scanning, CleanVerdictsAreSharedWithScansOnDemand)
     EXPECT_EQ(scan({byHand}).find(byHand + ": OK"), std::string::npos) << "a file found clean on demand, sent again";
 }
 
+// A neighbour who can write a folder of the tree swaps it, once listed,
+// for a link to a folder outside holding the EICAR test file: the scan
+// goes on in the folder it listed. A file a hundred folders down is
+// reached all the same.
+TEST_F(Scanning, AScanOnDemandStaysInItsTreeWhenAListedFolderBecomesALink)
+{
+    configure();
+    const std::string tree = home_ / "tree";
+    kvtest::writeFile(tree + "/a/b/clean.txt", "clean\n");
+    std::string deep = tree;
+    for (int level = 0; level < 100; ++level)
+        deep += "/d";
+    kvtest::writeFile(deep + "/deep.txt", "deep\n");
+    ASSERT_EQ(::mkfifo((tree + "/a/fifo").c_str(), 0600), 0);
+    kvtest::writeFile(home_ / "outside/b/eicar.com", kvtest::eicar());
+    const kv::ScanLogFile log(home_ / "scan.log");
+    kv::OnDemandScan onDemand({host_.clamd(), scanner_.definitions, scanner_.knownClean, log});
+    kv::OnDemandScan::Request request;
+    request.paths = {tree};
+    kv::OnDemandScan::Observer observer;
+    // The FIFO is told while a is listed, before b is opened.
+    observer.item = [&](const kv::OnDemandItem& item) {
+        if (item.path == tree + "/a/fifo") {
+            std::filesystem::rename(tree + "/a", tree + "/a.listed");
+            std::filesystem::create_directory_symlink(home_ / "outside", tree + "/a");
+        }
+    };
+    const kv::OnDemandSummary summary = onDemand.run(request, observer);
+    EXPECT_EQ(summary.infected, 0u) << "the scan left its tree through the link";
+    EXPECT_EQ(summary.scanned, 2u) << "the folder listed, or the deep one, was not scanned";
+}
+
 TEST_F(Scanning, AStopEndsAScanOnDemandWhileTheEngineHoldsAFile)
 {
     configure();
