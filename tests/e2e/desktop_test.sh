@@ -2,7 +2,8 @@
 # The running agent on a desktop: a virtual X display (Xvfb) with a tray
 # (trayer) and a notification daemon (dunst) on the test's private session
 # bus. Its icon docks, a finding shows a dialog and a notification in warn
-# and quarantine mode. (What the tray menu's items do is tested on the menu
+# and quarantine mode; the Korvane application's Scan page, opened by
+# `korvane --scan`, scans a folder already on disk. (What the tray menu's items do is tested on the menu
 # itself, tests/desktop/StatusMenuTest.cpp.)
 #
 #   desktop_test.sh BUILD_DIR SOURCE_DIR
@@ -68,6 +69,15 @@ write_eicar "$watched/quarantined.com"
 expect_logged 60 "$watched/quarantined.com: moved to '$HOME/Quarantine/quarantined.com'"
 expect_window "infected file quarantined"
 dismiss "infected file quarantined"
+
+echo "== korvane --scan on the display: the Scan page finds a file already on disk"
+"${runner[@]}" mkdir -p "$HOME/Old projects"
+write_eicar "$HOME/Old projects/old.com"
+"${runner[@]}" "$build/bin/korvane" --scan "$HOME/Old projects" >"$work/korvane.out" 2>&1 &
+background_pids+=($!)
+expect_window "^Korvane$"
+expect_logged 60 "$HOME/Old projects/old.com: moved to '$HOME/Quarantine/old.com'"
+kill "${background_pids[-1]}"
 
 quit_agent
 echo "all desktop checks passed"
