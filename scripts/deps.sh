@@ -24,6 +24,8 @@ case "${1:-test}" in
       libgtest-dev libgmock-dev dbus-x11 xxd xvfb trayer dunst xdotool imagemagick
       # systemd-analyze verify, for the scheduled scan's units
       systemd
+      # the file-manager menus: the Nautilus extension parsed, Thunar's XML checked
+      python3 libxml2-utils
       # the address sanitizer build (scripts/test.sh) is made with clang
       clang libclang-rt-14-dev
       # the Debian package: cpack's dependency list (dpkg-shlibdeps), its checks

@@ -12,6 +12,9 @@
 set -euo pipefail
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
+for tool in python3 xmllint; do
+  command -v "$tool" >/dev/null || fail "$tool is missing (scripts/deps.sh installs it)"
+done
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
